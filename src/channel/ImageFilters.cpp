@@ -1,0 +1,976 @@
+#include "channel/ImageFilters.h"
+
+#include <chrono>
+#include <cmath>
+
+#include <QCoreApplication>
+#include <QDebug>
+#include <QPainter>
+#include <QPen>
+#include <QThread>
+#include <QTransform>
+#include <opencv2/core.hpp>
+
+#include "face/DnnFaceDetector.h"
+#include "filters/BeautyFilterBase.h"
+#include "filters/FilterFactory.h"
+#include "gpu/OpenglChannelWorker.h"
+#include "scene/TextureBuffer.h"
+
+Q_DECLARE_METATYPE(cv::Mat)
+
+namespace {
+
+constexpr int64_t kFpsChangeHoldNs = 30001000000LL;
+constexpr int kIdleRefreshFrames = 20;
+constexpr int kPageLimit = 7680;
+
+// Feature bits that a filter type ORs into neededFeatures.
+uint32_t featureBits(ImageFilterType type)
+{
+    switch (type) {
+    case SLIMFACE: return 3;
+    case SMOOTH: return 1;
+    case REDLIPS: return 1;
+    case WHITENING: return 2;
+    case STICKER: return 7;
+    case BASICIMAGE: return 9;
+    case SMOOTHWHITENING: return 10;
+    default: return 0;
+    }
+}
+
+bool createsFilterObject(ImageFilterType type)
+{
+    return featureBits(type) != 0;
+}
+
+bool isFaceFilterType(int type)
+{
+    return type == SLIMFACE || type == SMOOTH || type == REDLIPS || type == WHITENING || type == SMOOTHWHITENING;
+}
+
+// The record keys of _basic_image_param, in the order of the record.
+FilterParaMap basicImageParas(const _basic_image_param& p)
+{
+    FilterParaMap par;
+    par[scale_strength] = p.scale;
+    par[brightness_strength] = p.brightness;
+    par[contrast_strength] = p.contrast;
+    par[saturation_strength] = p.saturation;
+    par[alpha_strength] = p.alpha;
+    par[rotation_x] = p.rotationX;
+    par[rotation_y] = p.rotationY;
+    par[rotation_z] = p.rotationZ;
+    par[is_mirrored] = p.isMirrored;
+    par[corner_radius] = p.cornerRadius;
+    par[is_round_camera] = p.isRoundCamera;
+    par[is_clip] = p.isClip;
+    par[channel_width] = p.channelWidth;
+    par[channel_height] = p.channelHeight;
+    par[res_width] = p.resWidth;
+    par[res_height] = p.resHeight;
+    par[center_x_offset] = p.centerXOffset;
+    par[center_y_offset] = p.centerYOffset;
+    par[first_page_width] = p.firstPageWidth;
+    par[first_page_height] = p.firstPageHeight;
+    par[file_type] = p.fileType;
+    return par;
+}
+
+const std::string& strengthKey(ImageFilterType type)
+{
+    switch (type) {
+    case SMOOTH: return smooth_strength;
+    case REDLIPS: return redlips_strength;
+    case WHITENING: return whitening_strength;
+    default: return smooth_whitening_strength;
+    }
+}
+
+}  // namespace
+
+ImageFilters::ImageFilters(int sceneId, int channelId, bool isSceneChannel, QObject* parent)
+    : QObject(parent)
+{
+    init(sceneId, channelId, isSceneChannel);
+    thread->start(QThread::InheritPriority);
+    placeholderImage = QImage(1280, 720, QImage::Format_RGBA8888);
+    placeholderImage.fill(QColor(53, 53, 53, 255));
+    makeWorker();
+}
+
+ImageFilters::ImageFilters(int sceneId, int channelId, bool isSceneChannel, NoThreadStart) : QObject(nullptr)
+{
+    init(sceneId, channelId, isSceneChannel);
+    placeholderImage = QImage(1280, 720, QImage::Format_RGBA8888);
+    placeholderImage.fill(QColor(53, 53, 53, 255));
+    makeWorker();
+}
+
+void ImageFilters::init(int sceneId_, int channelId_, bool isSceneChannel_)
+{
+    isSceneChannel = isSceneChannel_;
+    sceneId = sceneId_;
+    channelId = channelId_;
+    thread = new QThread();
+    qInfo() << "ImageFilters::ImageFilters";
+
+    textureBuffer_ = std::make_shared<TextureBuffer>();
+    faceDetector = std::make_shared<DnnFaceDetector>();
+
+    qRegisterMetaType<cv::Mat>("cv::Mat");
+    qRegisterMetaType<ImageFilterType>("ImageFilterType");
+    qRegisterMetaType<std::string>("std::string");
+    qRegisterMetaType<FilterParaMap>("std::map<std::string, double>");
+
+    moveToThread(thread);
+    connectSignals();
+}
+
+void ImageFilters::connectSignals()
+{
+    connect(thread, &QThread::started, this, &ImageFilters::process, Qt::AutoConnection);
+    connect(this, &ImageFilters::finished, thread, &QThread::quit, Qt::AutoConnection);
+    connect(thread, &QThread::finished, this, &QObject::deleteLater, Qt::AutoConnection);
+    connect(thread, &QThread::finished, thread, &QObject::deleteLater, Qt::AutoConnection);
+    connect(this, &ImageFilters::clearFin, this, [this]() { stopSemaphore.release(1); }, Qt::DirectConnection);
+    connect(this, &ImageFilters::UpdateBgImg, this, &ImageFilters::onUpdateBgImg, Qt::QueuedConnection);
+    connect(this, &ImageFilters::doPauseWork, this, &ImageFilters::onDoPauseWork, Qt::QueuedConnection);
+    connect(this, &ImageFilters::AddImageFilter, this, &ImageFilters::onAddImageFilter, Qt::AutoConnection);
+    connect(this, &ImageFilters::RemoveImageFilter, this, &ImageFilters::onRemoveImageFilter, Qt::AutoConnection);
+    connect(this, &ImageFilters::clearFrame, this, &ImageFilters::onClearFrame, Qt::AutoConnection);
+    connect(this, &ImageFilters::SetFilterParameter, this, &ImageFilters::onSetFilterParameter,
+            Qt::AutoConnection);
+    connect(this, &ImageFilters::StopAllFilters, this, &ImageFilters::onStopAllFilters, Qt::AutoConnection);
+    connect(this, &ImageFilters::RestartAllFilters, this, &ImageFilters::onRestartAllFilters, Qt::AutoConnection);
+}
+
+void ImageFilters::makeWorker()
+{
+    channelWorker.reset(new OpenglChannelWorker(channelId, sceneId));
+    channelWorker->setTextureBuffer(textureBuffer_.get());
+}
+
+ImageFilters::~ImageFilters()
+{
+    qInfo() << "[ImageFilters::~ImageFilters()]release image filters.";
+    channelWorker.reset();
+    faceDetector.reset();
+    textureBuffer_.reset();
+    for (auto& kv : filters)
+        delete kv.second;
+    filters.clear();
+    qDeleteAll(frameRecords);
+    frameRecords.clear();
+}
+
+// ---------------------------------------------------------------------------
+// Host thread
+// ---------------------------------------------------------------------------
+
+void ImageFilters::writeFrame(const QImage& image, bool skipFaces, bool isChanged, bool isDirect)
+{
+    directFrame = isDirect;
+    QMutexLocker locker(&srcMutex);
+    if (isDirect)
+        directImage = image;
+    srcImage = image;
+    locker.unlock();
+    skipFaceFilters = skipFaces;
+    if (isChanged)
+        refreshFrames = kIdleRefreshFrames;
+}
+
+TextureBuffer* ImageFilters::textureBuffer() const
+{
+    return textureBuffer_.get();
+}
+
+void ImageFilters::setSceneShareEnabled(bool enabled)
+{
+    sceneShareEnabled = enabled;
+}
+
+void ImageFilters::setManagerFlag(bool flag)
+{
+    managerFlag = flag;
+}
+
+void ImageFilters::setManagerValue(int value)
+{
+    managerValue = value;
+}
+
+void ImageFilters::setFrameRate(int fps)
+{
+    if (fps <= 0) {
+        qWarning() << "[ImageFilters::setFrameRate] ignored a frame rate of" << fps << "on channel" << channelId;
+        return;
+    }
+    configuredFps = fps;
+    currentFps = fps;
+    frameIntervalMs = 1000 / fps;
+}
+
+QImage ImageFilters::sourceImage()
+{
+    QMutexLocker locker(&srcMutex);
+    return srcImage;
+}
+
+QImage ImageFilters::destinationImage()
+{
+    QMutexLocker locker(&dstMutex);
+    return dstImage;
+}
+
+void ImageFilters::emitParameters(ImageFilterType type, FilterParaMap par)
+{
+    emit SetFilterParameter(type, par);
+}
+
+void ImageFilters::addImageFilter(ImageFilterType type, void* para)
+{
+    if (type == NOFILTER) {
+        qWarning() << "[ImageFilters::addImageFilter] filter type 0 is not a filter; call dropped";
+        return;
+    }
+    FilterParaMap par;
+    if (type < 1 || type > 14) {
+        emitParameters(type, par);
+        return;
+    }
+    const bool readsRecord = type != UNUSEDFILTER;
+    if (readsRecord && para == nullptr) {
+        qWarning() << "[ImageFilters::addImageFilter] null parameter record for filter type" << int(type)
+                   << "; call dropped";
+        return;
+    }
+    switch (type) {
+    case SLIMFACE:
+        par[slim_face_strength] = static_cast<const _slim_face_param*>(para)->strength;
+        emit AddImageFilter(type, true);
+        break;
+    case SMOOTH:
+    case REDLIPS:
+    case WHITENING:
+    case SMOOTHWHITENING: {
+        const auto* rec = static_cast<const _strength_param*>(para);
+        par[strengthKey(type)] = rec->strength;
+        emit AddImageFilter(type, rec->isFaceDetect);
+        break;
+    }
+    case STICKER: {
+        const std::string path = *static_cast<const std::string*>(para);
+        emit AddImageFilter(type, true);
+        if (!path.empty())
+            emit UpdateBgImg(type, path, false, false, false);
+        break;
+    }
+    case BASICIMAGE:
+        par = basicImageParas(*static_cast<const _basic_image_param*>(para));
+        emit AddImageFilter(type, false);
+        break;
+    case HSVBACKGROUND: {
+        const auto* rec = static_cast<const _hsv_background_param*>(para);
+        par[hsv_h] = rec->hue;
+        par[hsv_s] = rec->saturation;
+        par[hsv_v] = rec->value;
+        emit AddImageFilter(type, false);
+        if (!rec->bgImgPath.empty())
+            emit UpdateBgImg(type, rec->bgImgPath, false, false, false);
+        break;
+    }
+    case RGBBACKGROUND: {
+        const auto* rec = static_cast<const _rgb_background_param*>(para);
+        par["rgb_r"] = rec->red;
+        par["rgb_g"] = rec->green;
+        par["rgb_b"] = rec->blue;
+        par[similarity] = rec->similarity;
+        par[smoothness] = rec->smoothness;
+        par[spill] = rec->spill;
+        emit AddImageFilter(type, false);
+        if (!rec->bgImgPath.empty())
+            emit UpdateBgImg(type, rec->bgImgPath, false, false, false);
+        break;
+    }
+    case IMAGEBACKGROUND:
+    case IMAGEBACKGROUND2:
+    case IMAGEBACKGROUND3: {
+        const std::string path = *static_cast<const std::string*>(para);
+        emit AddImageFilter(type, false);
+        if (!path.empty())
+            emit UpdateBgImg(type, path, false, false, false);
+        if (type != IMAGEBACKGROUND)
+            return;
+        break;
+    }
+    case GREENSCREEN: {
+        const auto* rec = static_cast<const _green_screen_param*>(para);
+        par[similarity] = rec->similarity;
+        par[smoothness] = rec->smoothness;
+        par[spill] = rec->spill;
+        emit AddImageFilter(type, false);
+        if (!rec->bgImgPath.empty() || rec->isBgBlured || rec->isBgTransparent || rec->isGreenScreen)
+            emit UpdateBgImg(type, rec->bgImgPath, rec->isBgBlured, rec->isBgTransparent, rec->isGreenScreen);
+        break;
+    }
+    default:
+        break;
+    }
+    emitParameters(type, par);
+}
+
+void ImageFilters::setFilterPara(ImageFilterType type, FilterParaType paraType, void* para)
+{
+    if (type == NOFILTER) {
+        qWarning() << "[ImageFilters::setFilterPara] filter type 0 is not a filter; call dropped";
+        return;
+    }
+    FilterParaMap par;
+    const bool matches = (type == SLIMFACE && paraType == SLIMFACEPARA) || (type == SMOOTH && paraType == SMOOTHPARA)
+                         || (type == REDLIPS && paraType == REDLIPSPARA)
+                         || (type == WHITENING && paraType == WHITENINGPARA)
+                         || (type == SMOOTHWHITENING && paraType == SMOOTHWHITENINGPARA)
+                         || (type == STICKER && paraType == STICKERPARA)
+                         || (type == BASICIMAGE && paraType == BASICIMAGEPARA);
+    if (!matches) {
+        emitParameters(type, par);
+        return;
+    }
+    if (para == nullptr) {
+        qWarning() << "[ImageFilters::setFilterPara] null parameter record for filter type" << int(type)
+                   << "; call dropped";
+        return;
+    }
+    switch (type) {
+    case SLIMFACE:
+        par[slim_face_strength] = static_cast<const _slim_face_param*>(para)->strength;
+        emit AddImageFilter(type, true);
+        break;
+    case SMOOTH:
+    case WHITENING:
+    case SMOOTHWHITENING: {
+        const auto* rec = static_cast<const _strength_param*>(para);
+        par[strengthKey(type)] = rec->strength;
+        emit AddImageFilter(type, rec->isFaceDetect);
+        break;
+    }
+    case REDLIPS:
+        par[redlips_strength] = static_cast<const _strength_param*>(para)->strength;
+        emit AddImageFilter(type, true);
+        break;
+    case STICKER: {
+        const std::string path = *static_cast<const std::string*>(para);
+        emit AddImageFilter(type, true);
+        if (!path.empty())
+            emit UpdateBgImg(type, path, false, false, false);
+        break;
+    }
+    case BASICIMAGE:
+        par = basicImageParas(*static_cast<const _basic_image_param*>(para));
+        emit AddImageFilter(type, false);
+        break;
+    default:
+        break;
+    }
+    emitParameters(type, par);
+}
+
+// ---------------------------------------------------------------------------
+// Channel thread: slots
+// ---------------------------------------------------------------------------
+
+void ImageFilters::onClearFrame()
+{
+    if (channelWorker)
+        channelWorker->resetSize();
+    if (faceDetector)
+        faceDetector->resetState();
+    {
+        QMutexLocker locker(&srcMutex);
+        srcImage = QImage();
+    }
+    {
+        QMutexLocker locker(&dstMutex);
+        dstImage = QImage();
+    }
+    refreshFrames = kIdleRefreshFrames;
+}
+
+void ImageFilters::onSetFilterParameter(ImageFilterType t, std::map<std::string, double> par)
+{
+    auto existing = filters.find(t);
+    if (existing != filters.end() && existing->second == nullptr) {
+        qWarning() << "[ImageFilters::onSetFilterParameter] no filter object behind type" << int(t)
+                   << "; parameters dropped";
+        return;
+    }
+    filterParams[t] = par;
+    auto clip = par.find(is_clip);
+    if (clip != par.end()) {
+        const double v = clip->second;
+        if (v != lastIsClip || std::isnan(v) || std::isnan(lastIsClip)) {
+            clipSettleFrames = 5;
+            lastIsClip = v;
+        }
+    }
+    if (existing == filters.end()) {
+        refreshFrames = kIdleRefreshFrames;
+        return;
+    }
+    existing->second->setParas(par);
+    refreshFrames = kIdleRefreshFrames;
+}
+
+void ImageFilters::onAddImageFilter(ImageFilterType t, bool)
+{
+    refreshFrames = kIdleRefreshFrames;
+    if (filters.count(t) || t < 1 || t > 14)
+        return;
+    if (!createsFilterObject(t))
+        return;
+    BeautyFilterBase* filter = createImageFilter(t);
+    if (!filter) {
+        qWarning() << "[ImageFilters::onAddImageFilter] no filter object for type" << int(t);
+        return;
+    }
+    filters[t] = filter;
+    neededFeatures |= featureBits(t);
+}
+
+void ImageFilters::onRemoveImageFilter(ImageFilterType t)
+{
+    refreshFrames = kIdleRefreshFrames;
+    auto it = filters.find(t);
+    if (it == filters.end() || t < 1 || t > 14)
+        return;
+    if (t == BASICIMAGE) {
+        delete it->second;
+        filters.erase(it);
+        if (channelWorker)
+            channelWorker->resetSize();
+        return;
+    }
+    if (!createsFilterObject(t))
+        return;
+    delete it->second;
+    filters.erase(it);
+    if (filters.empty()) {
+        if (channelWorker)
+            channelWorker->resetSize();
+        if (faceDetector)
+            faceDetector->resetState();
+    }
+}
+
+void ImageFilters::onUpdateBgImg(ImageFilterType t, std::string bgImgPath, bool, bool, bool)
+{
+    auto it = filters.find(t);
+    if (it != filters.end() && t == STICKER && it->second)
+        it->second->setFilePath(bgImgPath);
+    refreshFrames = kIdleRefreshFrames;
+}
+
+void ImageFilters::onStopAllFilters()
+{
+    filtersStopped = true;
+    refreshFrames = kIdleRefreshFrames;
+}
+
+void ImageFilters::onRestartAllFilters()
+{
+    filtersStopped = false;
+    refreshFrames = kIdleRefreshFrames;
+}
+
+void ImageFilters::writeDstImage(QImage image)
+{
+    QMutexLocker locker(&dstMutex);
+    dstImage = image;
+}
+
+void ImageFilters::writeSrcImage(QImage image, bool)
+{
+    // isChanged is ignored here on purpose; refreshFrames stays as it is.
+    QMutexLocker locker(&srcMutex);
+    srcImage = image;
+}
+
+void ImageFilters::writeSrcImage(QImage image)
+{
+    writeSrcImage(image, true);
+}
+
+void ImageFilters::dropPictures()
+{
+    spareImageB = QImage();
+    spareImageA = QImage();
+    scratchImage = QImage();
+    nextPageImage = QImage();
+    placeholderImage = QImage();
+    {
+        QMutexLocker locker(&dstMutex);
+        dstImage = QImage();
+    }
+    QMutexLocker locker(&srcMutex);
+    srcImage = QImage();
+}
+
+void ImageFilters::onDoPauseWork(bool isPaused)
+{
+    if (isPaused) {
+        filtersStopped = true;
+        if (pauseMode == 6)
+            return;
+        if (channelWorker) {
+            channelWorker->releaseTextures();
+            channelWorker->releaseGlObjects();
+        }
+        qDeleteAll(frameRecords);
+        frameRecords.clear();
+        dropPictures();
+        refreshFrames = kIdleRefreshFrames;
+        return;
+    }
+    filtersStopped = false;
+    if (!channelWorker)
+        makeWorker();
+}
+
+// ---------------------------------------------------------------------------
+// Channel thread: the loop
+// ---------------------------------------------------------------------------
+
+int64_t ImageFilters::nowNs()
+{
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(
+               std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+void ImageFilters::sleepMs(int ms)
+{
+    QThread::msleep(static_cast<unsigned long>(ms));
+}
+
+void ImageFilters::pace()
+{
+    const int64_t elapsed = (nowNs() - lastTickNs) / 1000000;
+    if (elapsed >= 0) {
+        if (elapsed < frameIntervalMs)
+            sleepMs(static_cast<int>(frameIntervalMs - elapsed));
+        else
+            sleepMs(5);
+    }
+    lastTickNs = nowNs();
+}
+
+void ImageFilters::adaptFps(int frameMs)
+{
+    auto change = [this](int target, bool signal) {
+        lastFpsChangeNs = nowNs();
+        qInfo() << "@@@change to new Fps:" << target;
+        if (signal)
+            emit fpsChangedForPerformance(target);
+        currentFps = target;
+        frameIntervalMs = 1000 / target;
+    };
+    if (frameMs > frameIntervalMs) {
+        const int target = 1000 / frameMs < 15 ? 15 : 30;
+        if (target >= currentFps) {
+            fpsDownCount = 0;
+            return;
+        }
+        if (fpsDownCount > 200) {
+            change(target, 1000 / frameMs < 15);
+            fpsDownCount = 0;
+            return;
+        }
+        ++fpsDownCount;
+        return;
+    }
+    if (frameMs > 0) {
+        const int target = 1000 / frameMs < 15 ? 15 : 30;
+        if (target <= currentFps) {
+            fpsUpCount = 0;
+            return;
+        }
+        if (fpsUpCount > 200) {
+            change(target, 1000 / frameMs >= 15);
+            fpsUpCount = 0;
+            return;
+        }
+        ++fpsUpCount;
+    }
+}
+
+void ImageFilters::process()
+{
+    lastTickNs = nowNs();
+    lastFpsChangeNs = lastTickNs;
+    while (!stopRequested)
+        tick();
+    closeAll();
+}
+
+void ImageFilters::tick()
+{
+    if (filtersStopped || clearOutput || refreshFrames == 0) {
+        pace();
+        if (clearOutput) {
+            textureBuffer_->setImageMode(true);
+            textureBuffer_->setImage(QImage());
+        }
+        lastTickNs = nowNs();
+        QCoreApplication::processEvents();
+        return;
+    }
+
+    QImage src;
+    QImage dst;
+    {
+        QMutexLocker locker(&srcMutex);
+        if (srcImage.isNull()) {
+            locker.unlock();
+            pace();
+            QCoreApplication::processEvents();
+            return;
+        }
+        src = srcImage;
+    }
+
+    // The share handshake: wait, without events, until the scene publishes its
+    // context, then make the shared textures in a context that shares with it.
+    if (sceneShareEnabled && isSceneChannel && !shareTextureReady) {
+        QOpenGLContext* context = textureBuffer_->getShareContext(sceneId);
+        if (!context) {
+            sleepMs(50);
+            return;
+        }
+        channelWorker->setShareContext(context);
+        channelWorker->doPreWork(const_cast<uchar*>(src.constBits()), src.width(), src.height());
+        if (channelWorker->createSceneShareTexture(textureBuffer_.get())) {
+            textureBuffer_->setShareReady(sceneId, true);
+            shareTextureReady = true;
+        }
+    }
+
+    if (clipSettleFrames > 0) {
+        --clipSettleFrames;
+        pace();
+        return;
+    }
+
+    if (directFrame) {
+        QImage direct;
+        {
+            QMutexLocker locker(&srcMutex);
+            direct = directImage;
+        }
+        textureBuffer_->setImageMode(true);
+        textureBuffer_->setImage(direct);
+        pace();
+        return;
+    }
+
+    if (filters.empty()) {
+        filters[NOFILTER] = nullptr;
+        channelWorker->setClip(false);
+    }
+    if (filters.size() == 1 && filters.count(NOFILTER))
+        channelWorker->setClip(false);
+
+    const int64_t started = nowNs();
+    const bool readBack = !(sceneShareEnabled && isSceneChannel && pauseMode != 6);
+    runFilters(src, dst, false, readBack, false);
+    const int64_t ended = nowNs();
+    const int frameMs = static_cast<int>((ended - started) / 1000000);
+
+    if (configuredFps > 15 && ended - lastFpsChangeNs >= kFpsChangeHoldNs)
+        adaptFps(frameMs);
+
+    textureBuffer_->setPremulAlpha(false);
+
+    if (skipOutputOnce) {
+        skipOutputOnce = false;
+        return;
+    }
+    if (refreshFrames > 0)
+        --refreshFrames;
+    if (channelWorker->isFrameSkipped())
+        return;
+
+    if (!isSceneChannel) {
+        QMutexLocker locker(&dstMutex);
+        dstImage = dst;
+    } else if (sceneShareEnabled && !filters.empty()) {
+        if (clipSettleFrames == 0) {
+            clipSettleFrames = -1;
+            channelWorker->readFromGPU(textureBuffer_.get());
+        } else {
+            if (textureBuffer_->isImageMode())
+                textureBuffer_->setImageMode(false);
+            channelWorker->readFromGPU(textureBuffer_.get());
+        }
+    } else {
+        if (!textureBuffer_->isImageMode())
+            textureBuffer_->setImageMode(true);
+        textureBuffer_->setImage(dst);
+    }
+    pace();
+    QCoreApplication::processEvents();
+}
+
+bool ImageFilters::hasFilter(ImageFilterType type) const
+{
+    return filters.count(type) != 0;
+}
+
+void ImageFilters::runFilters(QImage& src, QImage& dst, bool skipGeometry, bool readBack, bool skipAll)
+{
+    if (filters.empty())
+        return;
+    {
+        QMutexLocker locker(&srcMutex);
+        const QImage::Format f = src.format();
+        if (f != QImage::Format_RGBA8888 && f != QImage::Format_RGB888 && f != QImage::Format_RGBA8888_Premultiplied)
+            src = src.convertToFormat(QImage::Format_RGBA8888);
+        dst = src;
+    }
+
+    bool beautyRan = false;
+    bool stickerRan = false;
+    bool basicRan = false;
+    if (!skipAll && !skipFaceFilters) {
+        bool facePresent = false;
+        for (const auto& kv : filters)
+            facePresent = facePresent || isFaceFilterType(kv.first);
+        if (facePresent)
+            beautyRan = runFacePass(dst, false, false);
+        if (hasFilter(STICKER))
+            stickerRan = runFacePass(dst, true, beautyRan);
+    }
+
+    if (hasFilter(BASICIMAGE))
+        basicRan = runPicturePass(dst, skipGeometry, beautyRan || stickerRan);
+    else if (hasFilter(NOFILTER))
+        channelWorker->passThrough(src, false);
+
+    if (!readBack) {
+        if (!beautyRan && !stickerRan && !basicRan)
+            channelWorker->copyToShare(dst);
+        return;
+    }
+
+    bool clipped = false;
+    int width = 0;
+    int height = 0;
+    channelWorker->getClipInfo(&clipped, &width, &height);
+    if (!clipped) {
+        channelWorker->getReadSize(&width, &height);
+        if (width == 0)
+            width = dst.width();
+        if (height == 0)
+            height = dst.height();
+    }
+    dst = QImage(width, height, QImage::Format_RGBA8888);
+    channelWorker->readLastFboByAlpha(dst.bits(), width, height, true);
+}
+
+bool ImageFilters::runFacePass(QImage& image, bool stickerPass, bool hadEarlierFilter)
+{
+    bool ran = false;
+    FaceDetectResult result;
+    if (!faceDetector)
+        return false;
+    faceDetector->detectFaces(image, result, false);
+    OpenglChannelWorker::FilterMap local;
+    for (const auto& kv : filters) {
+        const bool selected = stickerPass ? kv.first == STICKER : isFaceFilterType(kv.first);
+        if (!selected || kv.second == nullptr)
+            continue;
+        kv.second->updateFaceInfo(result, image.width(), image.height());
+        local[static_cast<ImageFilterType>(kv.first)] = kv.second;
+        ran = true;
+    }
+    if (ran && channelWorker) {
+        if (stickerPass)
+            channelWorker->renderSticker(local, image, hadEarlierFilter, workerOutputFlag, false);
+        else
+            channelWorker->renderFaceFilters(local, image, false, workerOutputFlag, false);
+    }
+    return ran;
+}
+
+bool ImageFilters::runPicturePass(QImage& image, bool skipGeometry, bool hadEarlierFilter)
+{
+    BeautyFilterBase* filter = filters[BASICIMAGE];
+    if (!filter)
+        return false;
+    FaceDetectResult empty;
+    filter->updateFaceInfo(empty, image.width(), image.height());
+    OpenglChannelWorker::FilterMap local;
+    local[BASICIMAGE] = filter;
+    if (!channelWorker)
+        return false;
+
+    const float offset = filter->centerYOffset();
+    const int rotation = static_cast<int>(filter->rotationZ());
+    const int fileType = filter->fileType();
+    float pageWidth = filter->firstPageWidth();
+    float pageHeight = filter->firstPageHeight();
+    const int clip = filter->isClip();
+
+    bool transition = false;
+    int nextState = 1;
+    if (!skipGeometry) {
+        if (rotation != 0) {
+            QTransform transform;
+            transform.rotate(rotation, Qt::ZAxis);
+            QImage turned(image.size(), QImage::Format_RGBA8888);
+            if (hadEarlierFilter) {
+                channelWorker->setClip(false);
+                channelWorker->readLastFboByAlpha(turned.bits(), turned.width(), turned.height(), true);
+            } else {
+                turned = image;
+            }
+            image = turned.transformed(transform, Qt::FastTransformation);
+            if (rotation == 90 || rotation == 270)
+                std::swap(pageWidth, pageHeight);
+        }
+        if (clip != 0) {
+            fitPage(image, rotation, fileType, pageWidth, pageHeight);
+            if (offset > 1.0f || offset < 0.0f) {
+                QImage next;
+                {
+                    QMutexLocker locker(&nextPageMutex);
+                    next = nextPageImage;
+                }
+                if (!next.isNull()) {
+                    fitPage(next, rotation, fileType, pageWidth, pageHeight);
+                    mergeNextPage(offset, image, next);
+                    transition = true;
+                }
+                clipTransition = 1;
+            }
+        }
+        if (rotation != 0)
+            hadEarlierFilter = false;
+    }
+    if (offset >= 0.0f && offset <= 1.0f) {
+        nextState = 0;
+        transition = clipTransition == 1;
+    }
+    channelWorker->setAllowInFrame(transition);
+    clipTransition = nextState;
+    channelWorker->renderBasicImage(local, image, skipGeometry, hadEarlierFilter);
+    return true;
+}
+
+void ImageFilters::fitPage(QImage& image, int, int fileType, float pageWidth, float pageHeight)
+{
+    if (fileType == 2 && pageWidth != 0.0f && pageHeight != 0.0f) {
+        const QImage page(static_cast<int>(pageWidth), static_cast<int>(pageHeight), QImage::Format_RGBA8888);
+        fitToWidth(image, page.width(), page.height());
+    }
+    if (image.width() <= kPageLimit && image.height() <= kPageLimit)
+        return;
+    const float ratio = static_cast<float>(image.height()) / static_cast<float>(image.width());
+    if (image.height() > kPageLimit) {
+        image = image.scaled(static_cast<int>(kPageLimit / ratio), kPageLimit, Qt::IgnoreAspectRatio,
+                             Qt::SmoothTransformation);
+        if (image.format() != QImage::Format_RGBA8888)
+            image = image.convertToFormat(QImage::Format_RGBA8888);
+    }
+    if (image.width() > kPageLimit) {
+        image = image.scaled(kPageLimit, static_cast<int>(ratio * kPageLimit), Qt::IgnoreAspectRatio,
+                             Qt::SmoothTransformation);
+        if (image.format() != QImage::Format_RGBA8888)
+            image = image.convertToFormat(QImage::Format_RGBA8888);
+    }
+}
+
+void ImageFilters::fitToWidth(QImage& image, int width, int height)
+{
+    if (image.width() == width)
+        return;
+    const int newHeight =
+        static_cast<int>(image.height() * (static_cast<float>(width) / static_cast<float>(image.width())));
+    image = image.scaled(width, newHeight, Qt::IgnoreAspectRatio, Qt::SmoothTransformation)
+                .convertToFormat(QImage::Format_RGBA8888);
+    // Compares the new height with the target width, as the page layout wants.
+    if (newHeight >= width)
+        return;
+    QImage bar(width, (height - newHeight) / 2, QImage::Format_RGBA8888);
+    bar.fill(QColor(245, 246, 247, 255));
+    QImage full(width, height, QImage::Format_RGBA8888);
+    full.fill(QColor(245, 246, 247, 255));
+    {
+        QPainter painter(&full);
+        painter.drawImage(0, 0, bar);
+        painter.drawImage(0, bar.height(), image);
+        painter.drawImage(0, bar.height() + image.height(), bar);
+    }
+    image = full;
+}
+
+void ImageFilters::mergeNextPage(float offset, QImage& image, const QImage& nextPage)
+{
+    qDebug() << "ImageFilters::mergeNextPage";
+    QImage joined(image.width(), image.height() + nextPage.height(), image.format());
+    {
+        QPainter painter(&joined);
+        painter.setPen(QPen(Qt::gray, 2, Qt::SolidLine));
+        if (offset > 1.0f) {
+            painter.drawImage(0, 0, image);
+            painter.drawImage(0, image.height(), nextPage);
+            painter.drawLine(0, image.height(), joined.width(), image.height());
+        } else if (offset < 0.0f) {
+            painter.drawImage(0, 0, nextPage);
+            painter.drawImage(0, nextPage.height(), image);
+            painter.drawLine(0, nextPage.height(), joined.width(), nextPage.height());
+        }
+    }
+    image = joined;
+}
+
+// ---------------------------------------------------------------------------
+// Stop path
+// ---------------------------------------------------------------------------
+
+void ImageFilters::closeAll()
+{
+    qInfo() << "[ImageFilters] closeAll";
+    for (auto& kv : filters) {
+        if (createsFilterObject(static_cast<ImageFilterType>(kv.first)) && kv.second)
+            delete kv.second;
+    }
+    filters.clear();
+    if (channelWorker) {
+        channelWorker->releaseTextures();
+        channelWorker->releaseGlObjects();
+        channelWorker->releaseShareTextures();
+    }
+    qDeleteAll(frameRecords);
+    frameRecords.clear();
+    dropPictures();
+    emit clearFin();
+}
+
+void ImageFilters::stop()
+{
+    qInfo() << "[ImageFilters::stop] Stopping...";
+    if (QThread::currentThread() == thread) {
+        stopRequested = true;
+        emit finished();
+        return;
+    }
+    QMetaObject::invokeMethod(this, "stop", Qt::QueuedConnection);
+}
+
+void ImageFilters::waitThreadStop()
+{
+    stopSemaphore.tryAcquire(1, 1000);
+}

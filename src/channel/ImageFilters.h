@@ -1,0 +1,195 @@
+#pragma once
+// The pipeline of one channel. It owns a thread, takes the newest picture that
+// the host handed in, runs it through face detection and the GPU filters, and
+// delivers the result into the channel's TextureBuffer or its own picture.
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+
+#include <QImage>
+#include <QList>
+#include <QMutex>
+#include <QObject>
+#include <QSemaphore>
+
+#include "face/FaceDetectResult.h"
+#include "lumen_fx/ImageFilterTypes.h"
+
+class BeautyFilterBase;
+class DnnFaceDetector;
+class OpenglChannelWorker;
+class QThread;
+class TextureBuffer;
+
+using FilterParaMap = std::map<std::string, double>;
+
+// Placeholder record of the frame list; nothing fills it.
+struct FrameRecord {
+    QImage image;
+    QImage second;
+    QList<int> values;
+};
+
+class ImageFilters : public QObject {
+    Q_OBJECT
+public:
+    ImageFilters(int sceneId, int channelId, bool isSceneChannel, QObject* parent = nullptr);
+    ~ImageFilters() override;
+
+    // Host thread: the newest picture replaces an older one; no pixels are copied.
+    void writeFrame(const QImage& image, bool skipFaceFilters, bool isChanged, bool isDirect);
+    // Host thread: read the record and queue the work to the channel's thread.
+    void addImageFilter(ImageFilterType type, void* para);
+    void setFilterPara(ImageFilterType type, FilterParaType paraType, void* para);
+
+    TextureBuffer* textureBuffer() const;
+
+    // Plain setters, called right after construction.
+    void setSceneShareEnabled(bool enabled);
+    void setManagerFlag(bool flag);
+    void setManagerValue(int value);
+    void setFrameRate(int fps);
+
+    // State that the host side and tests may look at.
+    int sceneIdentity() const { return sceneId; }
+    int channelIdentity() const { return channelId; }
+    int refreshFrameCount() const { return refreshFrames; }
+    int currentFrameRate() const { return currentFps; }
+    int frameInterval() const { return frameIntervalMs; }
+    int configuredFrameRate() const { return configuredFps; }
+    int clipSettleCount() const { return clipSettleFrames; }
+    uint32_t features() const { return neededFeatures; }
+    bool isStopRequested() const { return stopRequested; }
+    bool areFiltersStopped() const { return filtersStopped; }
+    QImage sourceImage();
+    QImage destinationImage();
+
+signals:
+    void clearFin();
+    void clearFrame();
+    void UpdateBgImg(ImageFilterType t, std::string bgImgPath, bool isBgBlured, bool isBgTransparent,
+                     bool isGreenScreen);
+    void finished();
+    void SendImage(QImage frame);
+    void Start();
+    void AddImageFilter(ImageFilterType t, bool isFaceDetect);
+    void RemoveImageFilter(ImageFilterType t);
+    void SetFilterParameter(ImageFilterType t, std::map<std::string, double> par);
+    void StopAllFilters();
+    void RestartAllFilters();
+    void doPauseWork(bool isPaused);
+    void bgHwNotSupport();
+    void fpsChangedForPerformance(int fps);
+    void sigDoFilterWork();
+
+public slots:
+    void onClearFrame();
+    void onSetFilterParameter(ImageFilterType t, std::map<std::string, double> par);
+    void onAddImageFilter(ImageFilterType t, bool isFaceDetect);
+    void onRemoveImageFilter(ImageFilterType t);
+    void onUpdateBgImg(ImageFilterType t, std::string bgImgPath, bool isBgBlured, bool isBgTransparent,
+                       bool isGreenScreen);
+    void onStopAllFilters();
+    void onRestartAllFilters();
+    void writeDstImage(QImage image);
+    void writeSrcImage(QImage image, bool isChanged);
+    void writeSrcImage(QImage image);
+    void process();
+    void stop();
+    void waitThreadStop();
+    void closeAll();
+    void onDoPauseWork(bool isPaused);
+
+protected:
+    // For tests: build the object without starting its thread, so that the
+    // loop can be driven one tick at a time with a clock of the test's own.
+    struct NoThreadStart {};
+    ImageFilters(int sceneId, int channelId, bool isSceneChannel, NoThreadStart);
+
+    // One turn of the loop of process(), from the top of the loop to the check
+    // of stopRequested.
+    void tick();
+    // Holds the tick; see pacing.
+    void pace();
+    // Adapts the frame rate to the time that a frame took.
+    void adaptFps(int frameMs);
+    // Runs the filters on a picture.
+    virtual void runFilters(QImage& src, QImage& dst, bool skipGeometry, bool readBack, bool skipAll);
+
+    // The steady clock in nanoseconds, and a sleep; overridable for tests.
+    virtual int64_t nowNs();
+    virtual void sleepMs(int ms);
+
+    // The face pass and the sticker pass share one routine.
+    bool runFacePass(QImage& image, bool stickerPass, bool hadEarlierFilter);
+    bool runPicturePass(QImage& image, bool skipGeometry, bool hadEarlierFilter);
+    void fitPage(QImage& image, int rotation, int fileType, float pageWidth, float pageHeight);
+    void fitToWidth(QImage& image, int width, int height);
+    void mergeNextPage(float offset, QImage& image, const QImage& nextPage);
+
+    bool hasFilter(ImageFilterType type) const;
+
+private:
+    void init(int sceneId, int channelId, bool isSceneChannel);
+    void connectSignals();
+    void makeWorker();
+    void emitParameters(ImageFilterType type, FilterParaMap par);
+    void dropPictures();
+
+protected:
+    bool isSceneChannel;
+    QMutex srcMutex;
+    QMutex dstMutex;
+    QMutex nextPageMutex;
+    QMutex spareMutex;
+    std::map<int, FilterParaMap> filterParams;
+    std::map<int, BeautyFilterBase*> filters;
+    QList<FrameRecord*> frameRecords;
+    QThread* thread = nullptr;
+    QSemaphore stopSemaphore{0};
+    uint32_t neededFeatures = 0;
+    std::atomic<bool> stopRequested{false};
+    std::atomic<bool> filtersStopped{false};
+    bool clearOutput = false;
+    std::atomic<bool> directFrame{false};
+    std::shared_ptr<TextureBuffer> textureBuffer_;
+    std::shared_ptr<DnnFaceDetector> faceDetector;
+    std::unique_ptr<OpenglChannelWorker> channelWorker;
+    int sceneId = 0;
+    int channelId = 0;
+    bool shareTextureReady = false;
+    int64_t lastTickNs = 0;
+    int64_t lastFpsChangeNs = 0;
+    QImage placeholderImage;
+    QImage srcImage;
+    QImage dstImage;
+    QImage nextPageImage;
+    std::atomic<bool> skipFaceFilters{false};
+    std::atomic<int> refreshFrames{0};
+    int clipSettleFrames = 0;
+    bool workerOutputFlag = false;
+    QImage scratchImage;
+    std::string spareTextA;
+    std::string spareTextB;
+    QImage directImage;
+    bool sceneShareEnabled = true;
+    bool managerFlag = false;
+    int managerValue = 0;
+    int configuredFps = 15;
+    int frameIntervalMs = 66;
+    int currentFps = 15;
+    int fpsUpCount = 0;
+    int fpsDownCount = 0;
+    double lastIsClip = 0.0;
+    int clipTransition = 0;
+    bool skipOutputOnce = false;
+    QImage spareImageA;
+    QImage spareImageB;
+    int pauseMode = -1;
+};
+
+Q_DECLARE_METATYPE(FilterParaMap)
+Q_DECLARE_METATYPE(std::string)

@@ -1,0 +1,48 @@
+#pragma once
+// lumen_fx: real-time GPU effects on video pictures, and composition of the
+// pictures of several channels into one.
+//
+// A host gets the one instance, makes a scene, makes channels in that scene,
+// sets their filters, feeds them pictures, asks the scene to merge and fetches
+// the merged picture. Scenes and channels are known by integer ids.
+
+#include <QColor>
+#include <QImage>
+#include <QList>
+
+#include "ImageFilterTypes.h"
+
+#define LUMEN_FX_EXPORT __attribute__((visibility("default")))
+
+class OpenglImageManagerPrivate;
+
+class LUMEN_FX_EXPORT OpenglImageManager {
+public:
+    static OpenglImageManager* instance();
+
+    // Makes a scene and returns its id.
+    int genSceneFilters() const;
+    // Makes a channel in a scene; returns its id, or -1 for an unknown scene.
+    int genChannelFilters(int sceneId, bool isSceneChannel) const;
+    // Adds a filter to a channel; `para` points at the record of the type.
+    void addChannelImageFilter(int sceneId, int channelId, ImageFilterType type, void* para) const;
+    // Sets the parameters of a channel's filter, adding the filter if needed.
+    void setChannelFilterParas(int sceneId, int channelId, ImageFilterType type, FilterParaType paraType,
+                               void* para) const;
+    // Hands a picture to a channel. The newest picture replaces an older one.
+    void sendChannelFrame(int sceneId, int channelId, const QImage& image, bool skipFaceFilters, bool isChanged,
+                          bool isDirect) const;
+    // Asks a scene to draw the listed channels into one picture of the size.
+    void mergeImages(int sceneId, const QList<_channel_merge_param>& params, int width, int height,
+                     const QColor& background, const QImage& graffiti, const QImage& unusedImage) const;
+    // Copies the scene's last merged picture into `image` (Format_BGR888).
+    bool getMergeImg(int sceneId, QImage& image) const;
+
+private:
+    OpenglImageManager();
+    ~OpenglImageManager();
+    OpenglImageManager(const OpenglImageManager&) = delete;
+    OpenglImageManager& operator=(const OpenglImageManager&) = delete;
+
+    OpenglImageManagerPrivate* d;
+};

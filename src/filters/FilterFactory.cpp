@@ -1,0 +1,11 @@
+#include "filters/FilterFactory.h"
+
+#include "filters/BeautyFilterBase.h"
+
+BeautyFilterBase* createImageFilter(ImageFilterType type)
+{
+    switch (type) {
+    default:
+        return nullptr;
+    }
+}

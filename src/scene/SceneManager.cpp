@@ -1,0 +1,343 @@
+#include "scene/SceneManager.h"
+
+#include <chrono>
+
+#include <QCoreApplication>
+#include <QDebug>
+#include <QThread>
+
+extern "C" {
+#include <libavutil/frame.h>
+#include <libavutil/mem.h>
+}
+
+#include "merge/OpenglFileMerger.h"
+#include "scene/TextureBuffer.h"
+
+namespace {
+
+const QColor kEmptyGrey(53, 53, 53, 255);
+
+// Replaces `image` with a picture of the size, filled with the empty-picture grey.
+void remakeGrey(QImage*& image, uchar*& bits, int width, int height)
+{
+    delete image;
+    image = new QImage(width, height, QImage::Format_BGR888);
+    image->fill(kEmptyGrey);
+    bits = image->bits();
+}
+
+}  // namespace
+
+SceneManager::SceneManager(int sceneId_, QObject* parent) : QObject(parent)
+{
+    init(sceneId_);
+    thread->start(QThread::InheritPriority);
+}
+
+SceneManager::SceneManager(int sceneId_, NoThreadStart) : QObject(nullptr)
+{
+    init(sceneId_);
+}
+
+void SceneManager::init(int sceneId_)
+{
+    sceneId = sceneId_;
+    thread = new QThread();
+    qRegisterMetaType<FilterParaType>("FilterParaType");
+    moveToThread(thread);
+    connect(thread, &QThread::started, this, &SceneManager::process, Qt::AutoConnection);
+    connect(this, &SceneManager::finished, thread, &QThread::quit, Qt::AutoConnection);
+    connect(this, &SceneManager::clearFin, this, [this]() { stopSemaphore.release(1); }, Qt::DirectConnection);
+    connect(thread, &QThread::finished, this, &QObject::deleteLater, Qt::AutoConnection);
+    connect(thread, &QThread::finished, thread, &QObject::deleteLater, Qt::AutoConnection);
+    connect(this, &SceneManager::doPauseWork, this, &SceneManager::onDoPauseWork, Qt::QueuedConnection);
+    sceneBuffer = new TextureBuffer();
+    merger = new OpenglFileMerger(sceneId);
+    merger->setMergeTextureBuffer(sceneBuffer);
+}
+
+SceneManager::~SceneManager()
+{
+    qInfo() << "~SceneManager()";
+    delete merger;
+    merger = nullptr;
+    qDeleteAll(requests);
+    requests.clear();
+    for (QImage*& image : spareImages) {
+        delete image;
+        image = nullptr;
+    }
+    delete bgrImage;
+    delete finalImage;
+    delete mergedImage;
+    delete outputImage;
+}
+
+int64_t SceneManager::nowNs()
+{
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(
+               std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+void SceneManager::addChannel(int channelId, TextureBuffer* buffer)
+{
+    channelTextures[channelId] = buffer;
+    merger->setTextureBuffers(channelTextures);
+}
+
+void SceneManager::mergeImages(const QList<_channel_merge_param>& params, int width, int height,
+                               const QColor& background, const QImage& graffiti, const QImage&)
+{
+    QMutexLocker locker(&requestMutex);
+    auto* request = new MergeRequest;
+    request->params = params;
+    request->width = width;
+    request->height = height;
+    request->background = background;
+    requests.append(request);
+    if (requests.size() > 1)
+        delete requests.takeFirst();
+    QMutexLocker graffitiLocker(&graffitiMutex);
+    graffitiSource = graffiti;
+}
+
+int SceneManager::pendingRequests()
+{
+    QMutexLocker locker(&requestMutex);
+    return requests.size();
+}
+
+bool SceneManager::getMergeImg(QImage& image)
+{
+    QMutexLocker locker(&outputMutex);
+    if (outputImage && !outputImage->isNull()) {
+        image = *outputImage;
+        return true;
+    }
+    return false;
+}
+
+void SceneManager::startGenBgr(bool first, bool second)
+{
+    QMutexLocker locker(&bgrMutex);
+    qInfo() << "[SceneManager::startGenBgr]start generate bgr!";
+    genBgr = first;
+    genBgrSecond = second;
+    bgrCount = 0;
+}
+
+void SceneManager::updateMergeImg(QImage*& dstImage)
+{
+    QMutexLocker locker(&outputMutex);
+    if (dstImage && !dstImage->isNull()) {
+        if (!outputImage)
+            outputImage = new QImage(dstImage->size(), dstImage->format());
+        *outputImage = *dstImage;
+    }
+}
+
+bool SceneManager::requestFitsLimits(int width, int height) const
+{
+    if (width > height)
+        return width <= 1920 && height <= 1080;
+    if (width < height)
+        return width <= 1080 && height <= 1920;
+    return true;  // squares are not limited
+}
+
+void SceneManager::process()
+{
+    lastTickNs = nowNs();
+    while (!stopRequested)
+        tick();
+    cleanUp(false);
+    emit clearFin();
+}
+
+void SceneManager::tick()
+{
+    if (paused) {
+        QThread::msleep(50);
+        {
+            QMutexLocker locker(&requestMutex);
+            qDeleteAll(requests);
+            requests.clear();
+            requests.append(new MergeRequest(idleRequest));
+        }
+        lastTickNs = nowNs();
+        QCoreApplication::processEvents();
+        return;
+    }
+
+    MergeRequest request;
+    {
+        QMutexLocker locker(&requestMutex);
+        if (requests.isEmpty()) {
+            locker.unlock();
+            QCoreApplication::processEvents();
+            const int64_t elapsed = (nowNs() - lastTickNs) / 1000000;
+            if (elapsed >= 0)
+                QThread::msleep(static_cast<unsigned long>(elapsed < frameIntervalMs ? frameIntervalMs - elapsed : 5));
+            lastTickNs = nowNs();
+            return;
+        }
+        MergeRequest* first = requests.takeFirst();
+        request = *first;
+        delete first;
+    }
+
+    const int width = request.width;
+    const int height = request.height;
+    mergeWidth = width;
+    mergeHeight = height;
+    if (width == 0 || height == 0)
+        return;
+    if (width < 0 || height < 0) {
+        qWarning() << "[SceneManager::process] dropped a merge of negative size" << width << "x" << height;
+        return;
+    }
+    if (!requestFitsLimits(width, height))
+        return;
+
+    QImage graffiti;
+    {
+        QMutexLocker locker(&graffitiMutex);
+        graffiti = graffitiSource;
+        hasGraffiti = !graffiti.isNull();
+    }
+
+    if (!mergedImage || mergedImage->width() != width || mergedImage->height() != height)
+        remakeGrey(mergedImage, mergedBits, width, height);
+    if (!finalImage || finalImage->width() != width || finalImage->height() != height)
+        remakeGrey(finalImage, finalBits, width, height);
+
+    if (hasGraffiti || !request.params.isEmpty())
+        merger->mergeImages(request.params, width, height, request.background, graffiti);
+
+    if (hasGraffiti) {
+        QReadLocker locker(&sharedTextureLock());
+        merger->readFinalImage(finalBits, finalImage->width(), finalImage->height(), false, false);
+    }
+
+    if (!request.params.isEmpty()) {
+        QReadLocker locker(&sharedTextureLock());
+        merger->readLastFboByAlpha(mergedBits, width, height, false, false);
+        hadChannels = true;
+    } else if (hadChannels) {
+        // The last channel has left: draw once more and go back to grey.
+        merger->mergeImages(request.params, width, height, request.background, graffiti);
+        remakeGrey(mergedImage, mergedBits, width, height);
+        hadChannels = false;
+    }
+
+    {
+        QMutexLocker locker(&outputMutex);
+        if (mergedImage && !mergedImage->isNull()) {
+            if (!outputImage)
+                outputImage = new QImage(mergedImage->size(), mergedImage->format());
+            // A deep copy: the merged picture is written in place by the next merge.
+            *outputImage = mergedImage->copy();
+        }
+    }
+
+    if (genBgr) {
+        if (hasGraffiti) {
+            QReadLocker locker(&sharedTextureLock());
+            merger->readFinalImage(finalBits, finalImage->width(), finalImage->height(), false, false);
+            storeBgr(*finalImage);
+        } else {
+            storeBgr(*mergedImage);
+        }
+        QMutexLocker locker(&bgrMutex);
+        if (bgrCount < 3)
+            ++bgrCount;
+    }
+
+    QCoreApplication::processEvents();
+    const int64_t elapsed = (nowNs() - lastTickNs) / 1000000;
+    if (elapsed >= 0)
+        QThread::msleep(static_cast<unsigned long>(elapsed < frameIntervalMs ? frameIntervalMs - elapsed : 5));
+    lastTickNs = nowNs();
+}
+
+void SceneManager::storeBgr(const QImage& image)
+{
+    QMutexLocker locker(&bgrMutex);
+    if (bgrImage && bgrImage->width() == image.width() && bgrImage->height() == image.height()) {
+        *bgrImage = image;
+        return;
+    }
+    delete bgrImage;
+    bgrImage = new QImage(image.size(), image.format());
+    *bgrImage = image;
+}
+
+void SceneManager::cleanUp(bool keepOutput)
+{
+    if (merger) {
+        merger->releaseTextures();
+        merger->releaseGlObjects();
+    }
+    for (QImage*& image : spareImages) {
+        delete image;
+        image = nullptr;
+    }
+    delete bgrImage;
+    bgrImage = nullptr;
+    delete finalImage;
+    finalImage = nullptr;
+    finalBits = nullptr;
+    delete mergedImage;
+    mergedImage = nullptr;
+    mergedBits = nullptr;
+    if (!keepOutput) {
+        QMutexLocker locker(&outputMutex);
+        delete outputImage;
+        outputImage = nullptr;
+    }
+    if (!keepOutput) {
+        QMutexLocker locker(&frameMutex);
+        if (frame) {
+            av_freep(&frame->data[0]);
+            av_frame_free(&frame);
+            frame = nullptr;
+        }
+    }
+    {
+        QMutexLocker locker(&requestMutex);
+        qDeleteAll(requests);
+        requests.clear();
+    }
+    QReadLocker locker(&recordLock);
+    frameRecords.clear();
+}
+
+void SceneManager::stop()
+{
+    qDebug() << "[SceneManager] Stopping scene:" << sceneId;
+    if (QThread::currentThread() == thread) {
+        stopRequested = true;
+        emit finished();
+        return;
+    }
+    QMetaObject::invokeMethod(this, "stop", Qt::QueuedConnection);
+}
+
+void SceneManager::onDoPauseWork(bool isPaused)
+{
+    if (!isPaused) {
+        paused = false;
+        return;
+    }
+    paused = true;
+    if (pauseMode == 6)
+        return;
+    cleanUp(true);
+}
+
+void SceneManager::waitThreadStop()
+{
+    stopSemaphore.tryAcquire(1, 1000);
+}

@@ -1,0 +1,117 @@
+#pragma once
+// The compositor of one scene. It owns a thread and a file merger; channels
+// register their TextureBuffer with it. On request its thread draws the listed
+// channels into one picture, reads it back and keeps it for the host.
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+
+#include <QColor>
+#include <QImage>
+#include <QList>
+#include <QMutex>
+#include <QObject>
+#include <QReadWriteLock>
+#include <QSemaphore>
+
+#include "lumen_fx/ImageFilterTypes.h"
+
+struct AVFrame;
+class OpenglFileMerger;
+class QOpenGLContext;
+class QThread;
+class TextureBuffer;
+
+struct MergeRequest {
+    QList<_channel_merge_param> params;
+    int width = 0;
+    int height = 0;
+    QColor background;
+};
+
+class SceneManager : public QObject {
+    Q_OBJECT
+public:
+    SceneManager(int sceneId, QObject* parent = nullptr);
+    ~SceneManager() override;
+
+    void addChannel(int channelId, TextureBuffer* buffer);
+    void mergeImages(const QList<_channel_merge_param>& params, int width, int height, const QColor& background,
+                     const QImage& graffiti, const QImage& unusedImage);
+    bool getMergeImg(QImage& image);
+    void startGenBgr(bool first, bool second);
+
+    int lastMergeWidth() const { return mergeWidth; }
+    int lastMergeHeight() const { return mergeHeight; }
+    int pendingRequests();
+
+signals:
+    void upChannelShareTex();
+    void setShareCtx(QOpenGLContext* shareCtx, int width, int height);
+    void finished();
+    void doPauseWork(bool isPaused);
+    void clearFin();
+    void sigDoMergeWork();
+
+public slots:
+    void updateMergeImg(QImage*& dstImage);
+    void process();
+    void stop();
+    void onDoPauseWork(bool isPaused);
+    void waitThreadStop();
+
+protected:
+    struct NoThreadStart {};
+    // For tests: the object without a running thread, driven one tick at a time.
+    SceneManager(int sceneId, NoThreadStart);
+    void tick();
+    bool requestFitsLimits(int width, int height) const;
+
+private:
+    void init(int sceneId);
+    void cleanUp(bool keepOutput);
+    void storeBgr(const QImage& image);
+    static int64_t nowNs();
+
+    bool frameHeightMatches = false;
+    std::atomic<bool> stopRequested{false};
+    std::atomic<bool> paused{false};
+    int mergeWidth = 0;
+    int mergeHeight = 0;
+    QMutex frameMutex;
+    QMutex requestMutex;
+    QMutex outputMutex;
+    QMutex spareMutexA;
+    QMutex spareMutexB;
+    QMutex graffitiMutex;
+    QMutex bgrMutex;
+    QThread* thread = nullptr;
+    AVFrame* frame = nullptr;
+    std::map<int, TextureBuffer*> channelTextures;
+    QList<MergeRequest*> requests;
+    OpenglFileMerger* merger = nullptr;
+    TextureBuffer* sceneBuffer = nullptr;
+    QReadWriteLock recordLock{QReadWriteLock::NonRecursive};
+    QList<void*> frameRecords;
+    int sceneId = 0;
+    QImage* finalImage = nullptr;
+    QImage* mergedImage = nullptr;
+    QImage* outputImage = nullptr;
+    QImage* bgrImage = nullptr;
+    QImage* spareImages[4] = {nullptr, nullptr, nullptr, nullptr};
+    int64_t lastTickNs = 0;
+    int configuredFps = 15;
+    int frameIntervalMs = 66;
+    MergeRequest idleRequest;
+    QImage graffitiSource;
+    uchar* mergedBits = nullptr;
+    uchar* finalBits = nullptr;
+    bool hadChannels = false;
+    bool hasGraffiti = false;
+    bool genBgr = false;
+    bool genBgrSecond = false;
+    int bgrCount = 0;
+    int pauseMode = -1;
+    QSemaphore stopSemaphore{0};
+};
