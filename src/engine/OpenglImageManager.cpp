@@ -1,37 +1,31 @@
 #include "lumen_fx/OpenglImageManager.h"
 
-#include <map>
 #include <utility>
 
 #include <QDebug>
-#include <QMutex>
 
 #include "channel/ImageFilters.h"
+#include "engine/OpenglImageManagerPrivate.h"
 #include "scene/SceneManager.h"
 
-class OpenglImageManagerPrivate {
-public:
-    std::map<int, SceneManager*> scenes;
-    bool sceneShareEnabled = true;
-    bool channelFlag = false;
-    int channelValue = 0;
-    std::map<std::pair<int, int>, ImageFilters*> channels;
-    int nextChannelId = 0;
-    int nextSceneId = 0;
-    int defaultFps = 15;
-    bool reservedFlag = true;
-    QMutex channelMutex;
-    QMutex sceneMutex;
-    bool genBgrFirst = false;
-    bool genBgrSecond = false;
+OpenglImageManagerPrivate* imageManagerPrivate(const OpenglImageManager* manager)
+{
+    return manager->d;
+}
 
-    ImageFilters* findChannel(int sceneId, int channelId)
-    {
-        QMutexLocker locker(&channelMutex);
-        auto it = channels.find(std::make_pair(sceneId, channelId));
-        return it == channels.end() ? nullptr : it->second;
-    }
-};
+ImageFilters* OpenglImageManagerPrivate::findChannel(int sceneId, int channelId)
+{
+    QMutexLocker locker(&channelMutex);
+    auto it = channels.find(std::make_pair(sceneId, channelId));
+    return it == channels.end() ? nullptr : it->second;
+}
+
+SceneManager* OpenglImageManagerPrivate::findScene(int sceneId)
+{
+    QMutexLocker locker(&sceneMutex);
+    auto it = scenes.find(sceneId);
+    return it == scenes.end() ? nullptr : it->second;
+}
 
 OpenglImageManager* OpenglImageManager::instance()
 {

@@ -45,4 +45,5 @@ private:
     OpenglImageManager& operator=(const OpenglImageManager&) = delete;
 
     OpenglImageManagerPrivate* d;
+    friend OpenglImageManagerPrivate* imageManagerPrivate(const OpenglImageManager* manager);
 };
