@@ -447,3 +447,35 @@ TEST(ImageFiltersRouting, IsClipChangeLeavesFiveFramesOut)
     ch.tick();
     EXPECT_EQ(ch.runs, 1);
 }
+
+TEST(ImageFiltersLifecycle, PauseIdlesAndDropsPicturesResumeWorksAgain)
+{
+    ChannelHarness ch;
+    ch.startClock();
+    ch.writeFrame(picture(), false, true, false);
+    ch.onDoPauseWork(true);
+    EXPECT_TRUE(ch.areFiltersStopped());
+    EXPECT_TRUE(ch.sourceImage().isNull());
+    for (int i = 0; i < 5; ++i)
+        ch.tick();
+    EXPECT_EQ(ch.runs, 0);
+    ch.onDoPauseWork(false);
+    EXPECT_FALSE(ch.areFiltersStopped());
+    ch.writeFrame(picture(), false, true, false);
+    ch.tick();
+    EXPECT_EQ(ch.runs, 1);
+}
+
+TEST(ImageFiltersLifecycle, StopAndRestartAllFilters)
+{
+    ChannelHarness ch;
+    ch.startClock();
+    ch.writeFrame(picture(), false, false, false);
+    ch.onStopAllFilters();
+    EXPECT_EQ(ch.refreshFrameCount(), 20);
+    ch.tick();
+    EXPECT_EQ(ch.runs, 0);
+    ch.onRestartAllFilters();
+    ch.tick();
+    EXPECT_EQ(ch.runs, 1);
+}
