@@ -36,11 +36,12 @@ constexpr double kTrackRegion = 2.0;
 constexpr double kTrackFaceSize = 110.0;
 // After this many followed calls the whole picture is searched again, so that
 // faces that came in meanwhile are found.
-constexpr int kMaxTrackedRuns = 10;
-// Mean absolute difference of the 32 x 32 grey thumbnails above which a
+constexpr int kMaxTrackedRuns = 15;
+// Mean absolute difference of the 32 x 32 grey signatures above which a
 // picture counts as a different one.
 constexpr double kChangeThreshold = 10.0;
 constexpr int kThumbSide = 32;
+constexpr int kPatch = 4;
 // Score that a face must pass in a search of the whole picture. Above dlib's
 // own threshold of 0: textures such as badges and fabric folds score up to
 // about 0.1, while faces that the landmark model can fit score well above.
@@ -337,6 +338,7 @@ private:
     cv::Mat reduced;
     cv::Mat thumb;
     cv::Mat lastThumb;
+    cv::Size lastPictureSize;
     std::vector<dlib::rectangle> tracks;
     int trackedRuns = 0;
 };
@@ -352,16 +354,29 @@ bool FaceDetectorImpl::ensureModels()
     return predictor && hog;
 }
 
+// A 32 x 32 grid of small patch means stands for the picture; it costs a few
+// thousand pixel reads whatever the picture's size.
 bool FaceDetectorImpl::pictureChanged(const cv::Mat& picture)
 {
-    cv::resize(picture, thumb, cv::Size(kThumbSide, kThumbSide), 0, 0, cv::INTER_AREA);
-    bool changed = true;
-    if (!lastThumb.empty()) {
-        cv::Mat diff;
-        cv::absdiff(thumb, lastThumb, diff);
-        changed = cv::mean(diff)[0] > kChangeThreshold;
+    thumb.create(kThumbSide, kThumbSide, CV_32F);
+    for (int gy = 0; gy < kThumbSide; ++gy) {
+        const int cy = std::min(picture.rows - kPatch, (2 * gy + 1) * picture.rows / (2 * kThumbSide));
+        for (int gx = 0; gx < kThumbSide; ++gx) {
+            const int cx = std::min(picture.cols - kPatch, (2 * gx + 1) * picture.cols / (2 * kThumbSide));
+            int sum = 0;
+            for (int y = std::max(0, cy); y < std::max(0, cy) + kPatch && y < picture.rows; ++y) {
+                const uchar* row = picture.ptr<uchar>(y);
+                for (int x = std::max(0, cx); x < std::max(0, cx) + kPatch && x < picture.cols; ++x)
+                    sum += row[x];
+            }
+            thumb.at<float>(gy, gx) = static_cast<float>(sum) / (kPatch * kPatch);
+        }
     }
+    bool changed = true;
+    if (!lastThumb.empty() && lastPictureSize == picture.size())
+        changed = cv::norm(thumb, lastThumb, cv::NORM_L1) / (kThumbSide * kThumbSide) > kChangeThreshold;
     std::swap(thumb, lastThumb);
+    lastPictureSize = picture.size();
     return changed;
 }
 
