@@ -1,23 +1,51 @@
 #pragma once
-// Face detection behind a rate limit.
+// Face detection through the kvodnnl library: the library's records become the
+// four lists of FaceDetectResult, in the library's order and in the pixels of
+// the picture passed in.
 
-#include <QImage>
-#include <QObject>
+#include <string>
+#include <vector>
 
-#include "face/FaceDetectResult.h"
+#include <QList>
+#include <QMutex>
+#include <opencv2/core.hpp>
 
-class DnnFaceDetector : public QObject {
+#include <kvodnnl/kvodnnl.h>
+
+#include "face/FaceDetector.h"
+
+#ifndef LUMEN_FX_EXPORT
+#define LUMEN_FX_EXPORT __attribute__((visibility("default")))
+#endif
+
+// Deletes a detector made by kvodnnl, for hosts that hold one themselves.
+extern "C" LUMEN_FX_EXPORT void lumen_fx_delete_face_detector(KVOAI::FaceDetector* detector);
+
+class DnnFaceDetector : public FaceDetector {
     Q_OBJECT
 public:
-    DnnFaceDetector() = default;
-    ~DnnFaceDetector() override = default;
+    using Face = KVOAI::FaceDetector::Face;
 
-    bool detectFaces(const QImage& image, FaceDetectResult& result, bool extraFlag)
-    {
-        Q_UNUSED(image);
-        Q_UNUSED(result);
-        Q_UNUSED(extraFlag);
-        return false;
-    }
-    virtual void resetState() {}
+    DnnFaceDetector();
+    ~DnnFaceDetector() override;
+
+    void detectImage(const QImage& image, std::vector<cv::Rect>& rects, std::vector<std::vector<int>>& keyPoints,
+                     std::vector<std::vector<float>>& triplets,
+                     std::vector<std::vector<float>>& valueLists) override;
+
+    virtual void runDetector(const cv::Mat& frame, std::vector<cv::Rect>& rects,
+                             std::vector<std::vector<int>>& keyPoints, std::vector<std::vector<float>>& triplets,
+                             std::vector<std::vector<float>>& valueLists);
+
+protected:
+    // The one library call: the picture with the program's fixed arguments.
+    virtual const std::vector<Face>& runLibrary(const cv::Mat& frame);
+
+    bool detectorReady = false;
+    QList<cv::Mat> pendingFrames;
+    QMutex detectMutex;
+    std::string modelDir;
+    std::vector<Face> lastFaces;
+    KVOAI::FaceDetector* detector = nullptr;
+    std::vector<qint32> scratch;
 };
