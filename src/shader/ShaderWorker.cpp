@@ -2,6 +2,7 @@
 
 #include <QDebug>
 #include <QOpenGLContext>
+#include <QOpenGLExtraFunctions>
 #include <QOpenGLShaderProgram>
 #include <QOpenGLVertexArrayObject>
 #include <QVector3D>
@@ -46,6 +47,9 @@ ShaderWorker::~ShaderWorker()
     }
     vertexBuffer.destroy();
     indexBuffer.destroy();
+    if (vertexArrayName != 0 && vertexArrayContext && QOpenGLContext::currentContext() == vertexArrayContext)
+        vertexArrayContext->extraFunctions()->glDeleteVertexArrays(1, &vertexArrayName);
+    vertexArrayName = 0;
     delete vertexArray;
     vertexArray = nullptr;
     delete lipsSubdiv;
@@ -126,14 +130,28 @@ void ShaderWorker::initVertices()
         indexBuffer.create();
         indexBuffer.setUsagePattern(QOpenGLBuffer::StaticDraw);
     }
+    QOpenGLContext* current = QOpenGLContext::currentContext();
+    if (vertexArrayName == 0 && current) {
+        current->extraFunctions()->glGenVertexArrays(1, &vertexArrayName);
+        vertexArrayContext = current;
+    }
+    bindVertexArray(true);
     vertexBuffer.bind();
     vertexBuffer.allocate(kQuadVertices, sizeof(kQuadVertices));
     indexBuffer.bind();
     indexBuffer.allocate(kQuadIndices, sizeof(kQuadIndices));
     indexCount = 4;
     setQuadAttributes();
+    bindVertexArray(false);
     vertexBuffer.release();
     indexBuffer.release();
+}
+
+void ShaderWorker::bindVertexArray(bool on)
+{
+    QOpenGLContext* current = QOpenGLContext::currentContext();
+    if (vertexArrayName != 0 && current && current == vertexArrayContext)
+        current->extraFunctions()->glBindVertexArray(on ? vertexArrayName : 0);
 }
 
 void ShaderWorker::updateMatrix()
@@ -213,12 +231,14 @@ void ShaderWorker::draw(GLenum mode)
         initializeOpenGLFunctions();
         functionsReady = true;
     }
-    // Several programs share one context and its attribute state: the quad's
-    // buffers and attribute pointers are set again for each draw.
+    // The buffers and attribute pointers are set again for each draw, which
+    // also serves a context without this worker's vertex array.
+    bindVertexArray(true);
     vertexBuffer.bind();
     indexBuffer.bind();
     setQuadAttributes();
     glDrawElements(mode, indexCount, GL_UNSIGNED_SHORT, nullptr);
+    bindVertexArray(false);
     vertexBuffer.release();
     indexBuffer.release();
 }

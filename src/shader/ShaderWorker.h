@@ -8,6 +8,7 @@
 #include <QOpenGLFunctions>
 #include <QString>
 
+class QOpenGLContext;
 class QOpenGLShaderProgram;
 class QOpenGLVertexArrayObject;
 
@@ -67,6 +68,8 @@ protected:
     void draw(GLenum mode);
     // Points the two quad attributes of the program at the bound vertex buffer.
     void setQuadAttributes();
+    // Binds this worker's vertex array (on) or none (off), in its own context only.
+    void bindVertexArray(bool on);
 
     QOpenGLShaderProgram* program = nullptr;
     QMatrix4x4 mvpMatrix;
@@ -81,8 +84,12 @@ protected:
     bool initialised = false;
     // Triangulation of the lip points, made by the lips mesh builder.
     cv::Subdiv2D* lipsSubdiv = nullptr;
-    // Never created: every draw sets the quad's attributes itself on the
-    // compatibility profile's default vertex array.
+    // Never created: the attribute state lives in vertexArrayName below.
     QOpenGLVertexArrayObject* vertexArray = nullptr;
     bool functionsReady = false;
+    // A vertex array of the context that prepared the quad, so that the draws
+    // work on a core profile too (which has no default one). Vertex arrays
+    // are not shared between contexts: it is deleted only in its own.
+    GLuint vertexArrayName = 0;
+    QOpenGLContext* vertexArrayContext = nullptr;
 };

@@ -20,11 +20,11 @@ namespace gltest {
 // object lives. Build it on the thread of the QGuiApplication.
 class ScopedContext {
 public:
-    ScopedContext()
+    explicit ScopedContext(QSurfaceFormat::OpenGLContextProfile profile = QSurfaceFormat::CompatibilityProfile)
     {
         QSurfaceFormat format;
         format.setVersion(3, 3);
-        format.setProfile(QSurfaceFormat::CompatibilityProfile);
+        format.setProfile(profile);
         surface.setFormat(format);
         surface.create();
         context.setFormat(format);

@@ -451,3 +451,19 @@ TEST_F(ShaderMath, StickerWritesStickerTexture)
     });
     EXPECT_EQ(out, input);
 }
+
+// A core profile has no default vertex array: the quad must still draw.
+TEST(ShaderMathCore, QuadDrawsOnACoreProfile)
+{
+    gltest::ScopedContext gl(QSurfaceFormat::CoreProfile);
+    ASSERT_TRUE(gl.ok);
+    const QByteArray version = reinterpret_cast<const char*>(gl.functions->glGetString(GL_VERSION));
+    if (!version.contains("Core"))
+        GTEST_SKIP() << "no core profile context on this platform (" << version.constData() << ")";
+    ShaderWorker program(":/filters/image_filter_vertex.glsl", ":/filters/image_filter_fragment.glsl");
+    ASSERT_TRUE(program.isInitialised());
+    const QImage input = testPicture(32, 32, false);
+    const QImage out = render(gl, program, input, [](QOpenGLShaderProgram* p) { p->setUniformValue("premulAlpha", 0.0f); });
+    EXPECT_EQ(out, input);
+    EXPECT_EQ(gl.functions->glGetError(), GLenum(GL_NO_ERROR));
+}
