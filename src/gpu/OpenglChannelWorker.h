@@ -1,61 +1,96 @@
 #pragma once
-// The GPU worker of one channel.
+// The GPU worker of one channel. It draws a channel's passes, ping-pongs
+// between its two frame framebuffers, and leaves the result in a framebuffer
+// from which it goes out either as a copy into the scene's shared texture
+// (readFromGPU) or read back into a picture (readLastFboByAlpha).
 
 #include <map>
+#include <vector>
 
 #include <QImage>
-#include <QObject>
 
+#include <opencv2/core/types.hpp>
+
+#include "gpu/OpenglWorkerBase.h"
 #include "lumen_fx/ImageFilterTypes.h"
 
 class BeautyFilterBase;
-class QOpenGLContext;
+class QOpenGLFramebufferObject;
+class QOpenGLTexture;
+class ShaderWorker;
 class TextureBuffer;
 
-class OpenglChannelWorker : public QObject {
+class OpenglChannelWorker : public OpenglWorkerBase {
     Q_OBJECT
 public:
     using FilterMap = std::map<ImageFilterType, BeautyFilterBase*>;
 
-    OpenglChannelWorker(int channelId, int sceneId) : channelId(channelId), sceneId(sceneId) {}
-    ~OpenglChannelWorker() override = default;
+    OpenglChannelWorker(int channelId, int sceneId);
+    ~OpenglChannelWorker() override;
 
-    void setTextureBuffer(TextureBuffer* buffer) { textureBuffer = buffer; }
-    void setShareContext(QOpenGLContext* context) { shareContext = context; }
-    virtual bool doPreWork(uchar* data, int width, int height) { return data && width > 0 && height > 0; }
-    virtual void doneCurrent() {}
-    bool createSceneShareTexture(TextureBuffer* buffer) { return buffer != nullptr; }
-    void setClip(bool flag) { isClip = flag; }
+    // --- what the channel pipeline calls ---
+    void passThrough(QImage& image, bool useShareTexture);
+    void copyToShare(QImage& image);
+    void renderFaceFilters(const FilterMap& filters, QImage& image, bool useShareTexture, bool firstFaceOnly,
+                           bool toImage);
+    void renderSticker(const FilterMap& filters, QImage& image, bool useShareTexture, bool unused, bool toImage);
+    void renderBasicImage(const FilterMap& filters, QImage& image, bool noRotation, bool useShareTexture);
+    bool createSceneShareTexture(TextureBuffer* buffer);
+    bool readFromGPU(TextureBuffer* buffer);
+    bool isFrameSkipped() const { return frameSkipped; }
     void setAllowInFrame(bool flag) { allowInFrame = flag; }
-    void renderFaceFilters(const FilterMap&, QImage&, bool, bool, bool) {}
-    void renderSticker(const FilterMap&, QImage&, bool, bool, bool) {}
-    void renderBasicImage(const FilterMap&, QImage&, bool, bool) {}
-    void passThrough(QImage&, bool) {}
-    void copyToShare(QImage&) {}
-    void getClipInfo(bool* flag, int* width, int* height)
-    {
-        *flag = isClip;
-        *width = 0;
-        *height = 0;
-    }
-    void getReadSize(int* width, int* height)
-    {
-        *width = 0;
-        *height = 0;
-    }
-    virtual void readLastFboByAlpha(uchar*, int, int, bool) {}
-    bool isFrameSkipped() { return false; }
-    bool readFromGPU(TextureBuffer*) { return false; }
-    virtual void resetSize() {}
-    virtual void releaseTextures() {}
-    virtual void releaseGlObjects() {}
-    virtual void releaseShareTextures() {}
 
-private:
-    int channelId;
-    int sceneId;
-    TextureBuffer* textureBuffer = nullptr;
-    QOpenGLContext* shareContext = nullptr;
-    bool isClip = false;
+    // --- replaced operations of the base ---
+    void releaseTextures() override;
+    bool initOpenGL(int width, int height) override;
+    using OpenglWorkerBase::initOpenGL;
+    bool createShaders() override;
+    void createFbos(int width, int height) override;
+    void clearFbos(int width, int height) override;
+    void createTextures() override;
+    virtual void readLastFboByAlpha(uchar* dst, int width, int height, bool hasAlpha);
+
+    // --- passes ---
+    // The first pass: the picture (or the share texture) into target.
+    void drawInput(QOpenGLFramebufferObject* target, const QImage& image, bool useShareTexture, bool premul);
+    // A copy pass of a texture into target through program.
+    void drawTexture(QOpenGLFramebufferObject* target, GLuint texture, ShaderWorker* program, bool premul);
+    // Copies fbo into the buffer's first (write) texture, at frame size.
+    void copyFboToShare();
+
+    // The programs, for checks.
+    ShaderWorker* basicShader() const { return basicProgram; }
+    ShaderWorker* imageShader() const { return imageProgram; }
+    bool isPingPong() const { return pingPong; }
+
+protected:
+    // The picture so far: fbo unless the last pass drew into fboBack.
+    QOpenGLFramebufferObject* currentFbo() const { return pingPong ? fboBack : fbo; }
+    QOpenGLFramebufferObject* otherFbo() const { return pingPong ? fbo : fboBack; }
+    // Brings the result back into fbo after an odd number of passes.
+    void settleInFbo();
+    // The output step of the face and sticker renders.
+    void outputStep(QImage& image, bool toImage);
+    void deletePrograms();
+
+    ShaderWorker* basicProgram = nullptr;
+    ShaderWorker* redLipsProgram = nullptr;
+    ShaderWorker* smoothProgram = nullptr;
+    ShaderWorker* whiteningProgram = nullptr;
+    ShaderWorker* slimFaceProgram = nullptr;
+    ShaderWorker* spareImageProgram = nullptr;
+    ShaderWorker* stickerProgram = nullptr;
+    ShaderWorker* imageProgram = nullptr;
+    // One further program slot behind imageProgram; only deleted.
+    ShaderWorker* reserveProgram = nullptr;
+    QOpenGLTexture* stickerTexture = nullptr;
+    std::vector<cv::Rect> lastRects;
+    std::vector<std::vector<int>> lastPoints;
+    std::vector<std::vector<float>> lastAngles;
     bool allowInFrame = true;
+    bool frameSkipped = false;
+    int sourceWidth = 1280;
+    int sourceHeight = 720;
+    int stickerTexWidth = 0;
+    int stickerTexHeight = 0;
 };

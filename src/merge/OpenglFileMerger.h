@@ -1,33 +1,80 @@
 #pragma once
-// The GPU worker of a scene: draws the channels' pictures into one frame.
+// The GPU worker of a scene: draws the channels' pictures into one frame, over
+// a background colour and under an optional overlay (graffiti) picture, and
+// reads the frame back for the host.
 
 #include <map>
 
 #include <QColor>
 #include <QImage>
 #include <QList>
-#include <QObject>
 
+#include "gpu/OpenglWorkerBase.h"
 #include "lumen_fx/ImageFilterTypes.h"
 
+class QOpenGLTexture;
+class ShaderWorker;
 class TextureBuffer;
 
-class OpenglFileMerger : public QObject {
+class OpenglFileMerger : public OpenglWorkerBase {
     Q_OBJECT
 public:
-    explicit OpenglFileMerger(int sceneId) : sceneId(sceneId) {}
-    ~OpenglFileMerger() override = default;
+    explicit OpenglFileMerger(int sceneId);
+    ~OpenglFileMerger() override;
 
-    void setMergeTextureBuffer(TextureBuffer* buffer) { mergeTextureBuffer = buffer; }
-    void setTextureBuffers(std::map<int, TextureBuffer*> buffers) { textureBuffers = std::move(buffers); }
-    void mergeImages(const QList<_channel_merge_param>&, int, int, const QColor&, const QImage&) {}
-    virtual void readLastFboByAlpha(uchar*, int, int, bool, bool) {}
-    void readFinalImage(uchar*, int, int, bool, bool) {}
-    virtual void releaseTextures() {}
-    virtual void releaseGlObjects() {}
+    // Replaces the map of channel buffers; not owned.
+    void setTextureBuffers(std::map<int, TextureBuffer*> buffers);
 
-private:
-    int sceneId;
-    TextureBuffer* mergeTextureBuffer = nullptr;
+    // Makes one frame. The list order is the drawing order: a later channel
+    // covers an earlier one. Rectangles are in picture coordinates, y from the
+    // top.
+    void mergeImages(const QList<_channel_merge_param>& params, int width, int height, const QColor& background,
+                     const QImage& graffiti);
+
+    // Reads the frame without overlay. Not synchronous: the result is one
+    // frame old, except for the first read after a size change.
+    virtual void readLastFboByAlpha(uchar* target, int width, int height, bool withAlpha, bool synchronous);
+    // The same for the frame with overlay.
+    void readFinalImage(uchar* target, int width, int height, bool withAlpha, bool synchronous);
+
+    void releaseTextures() override;
+    bool createShaders() override;
+    void createFbos(int width, int height) override;
+    void allocatePackBuffers(int width, int height) override;
+    void resize(int width, int height) override;
+    void createTextures() override;
+
+    ShaderWorker* mergeProgram() const { return mergeShader; }
+
+protected:
+    // The framebuffer roles, on members of the base.
+    QOpenGLFramebufferObject* composeFbo() const { return fboBack; }
+    QOpenGLFramebufferObject* mergedFbo() const { return fbo; }
+    QOpenGLFramebufferObject* finalFbo() const { return firstFbo; }
+
+    // One read path: the ring pair, its synchronous buffer and its flag.
+    void readFramebuffer(QOpenGLFramebufferObject* source, QOpenGLBuffer** ring, QOpenGLBuffer* single,
+                         bool& firstRead, uchar* target, int width, int height, bool withAlpha, bool synchronous);
+    // Uploads a picture into the texture slot on the given unit and leaves it bound.
+    void uploadPicture(QOpenGLTexture*& texture, const QImage& image, GLenum unit, QImage::Format bgraFormat);
+    // Draws one picture placed by the entry's rectangle, fitted and centred.
+    void placePicture(int pictureWidth, int pictureHeight, const QRect& rect, double angle, int width, int height);
+    void drawBackground(int width, int height, const QColor& background);
+
     std::map<int, TextureBuffer*> textureBuffers;
+    std::map<int, QOpenGLTexture*> channelTextures;
+    QOpenGLTexture* graffitiTexture = nullptr;
+    ShaderWorker* mergeShader = nullptr;
+    QImage backgroundImage;
+    // One per read path: the first read after a size change takes the buffer
+    // that it has just filled. [0] merged frame, [1] final frame.
+    bool firstReadFlags[4] = {true, true, true, true};
+    bool recordPictures = false;
+    QList<_channel_merge_param> recordedParams;
+    bool useSharedTextures = true;
+    int backgroundTexWidth = 0;
+    int backgroundTexHeight = 0;
+    // The ring pairs of the two read paths.
+    QOpenGLBuffer* mergedRing[2] = {nullptr, nullptr};
+    QOpenGLBuffer* finalRing[2] = {nullptr, nullptr};
 };

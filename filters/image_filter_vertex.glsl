@@ -1,0 +1,12 @@
+// Full-screen or placed quad: the position goes through the matrix, the
+// texture coordinate is passed on.
+attribute vec4 a_position;
+attribute vec2 a_texcoord;
+uniform mat4 mvpMatrix;
+varying vec2 textureCoordinate;
+
+void main()
+{
+    gl_Position = mvpMatrix * a_position;
+    textureCoordinate = a_texcoord;
+}

@@ -1,0 +1,537 @@
+#include "gpu/OpenglWorkerBase.h"
+
+#include <exception>
+
+#include <QCoreApplication>
+#include <QDebug>
+#include <QOpenGLContext>
+#include <QOpenGLFramebufferObject>
+#include <QOpenGLFramebufferObjectFormat>
+#include <QOpenGLTexture>
+#include <QThread>
+#include <QWriteLocker>
+
+#include "scene/TextureBuffer.h"
+#include "shader/ShaderWorker.h"
+
+namespace {
+
+QOpenGLFramebufferObjectFormat frameFormat()
+{
+    QOpenGLFramebufferObjectFormat format;
+    format.setAttachment(QOpenGLFramebufferObject::CombinedDepthStencil);
+    return format;
+}
+
+// GL_COLOR_BUFFER_BIT | GL_DEPTH_BUFFER_BIT
+const GLbitfield kClearMask = 16640;
+
+void dropFbo(QOpenGLFramebufferObject*& target)
+{
+    if (!target)
+        return;
+    target->release();
+    delete target;
+    target = nullptr;
+}
+
+}  // namespace
+
+QReadWriteLock& OpenglWorkerBase::glLock()
+{
+    return sharedTextureLock();
+}
+
+OpenglWorkerBase::OpenglWorkerBase(int channelId_, int sceneId_)
+    : QOffscreenSurface(nullptr), QOpenGLFunctions(), channelId(channelId_), sceneId(sceneId_)
+{
+    // Every worker belongs to the main thread, whichever thread built it.
+    moveToThread(QCoreApplication::instance()->thread());
+    connect(this, &OpenglWorkerBase::clearAll, this, &OpenglWorkerBase::onClearAll, Qt::DirectConnection);
+
+    readBuffer = &packBufferA;
+    readBufferBack = &packBufferB;
+    uploadBuffer0 = &unpackBufferA;
+    uploadBuffer1 = &unpackBufferB;
+    reserveBuffer0 = &packBufferC;
+    reserveBuffer1 = &packBufferD;
+    QOpenGLBuffer* all[9] = {&packBufferA,     &packBufferB,     &unpackBufferA, &unpackBufferB, &clipPackBufferA,
+                             &clipPackBufferB, &spareBuffer,     &packBufferC,   &packBufferD};
+    for (int i = 0; i < 9; ++i)
+        pixelBuffers[i] = all[i];
+
+    // The surface is made with the format that the context will ask for, so
+    // that the two match when the context is made current on it.
+    QSurfaceFormat surfaceFormat = requestedFormat();
+    surfaceFormat.setVersion(3, 3);
+    surfaceFormat.setProfile(QSurfaceFormat::CompatibilityProfile);
+    surfaceFormat.setSamples(16);
+    setFormat(surfaceFormat);
+
+    QWriteLocker locker(&glLock());
+    QOffscreenSurface::create();
+}
+
+OpenglWorkerBase::~OpenglWorkerBase()
+{
+    qInfo() << "~OpenglWorkerBase()";
+    emit clearAll();
+}
+
+bool OpenglWorkerBase::makeCurrent()
+{
+    return context && context->makeCurrent(this);
+}
+
+void OpenglWorkerBase::doneCurrent()
+{
+    if (context)
+        context->doneCurrent();
+}
+
+bool OpenglWorkerBase::initContext()
+{
+    QWriteLocker locker(&glLock());
+    QSurfaceFormat surfaceFormat = requestedFormat();
+    surfaceFormat.setVersion(3, 3);
+    surfaceFormat.setProfile(QSurfaceFormat::CompatibilityProfile);
+    surfaceFormat.setSamples(16);
+    setFormat(surfaceFormat);
+
+    context = new QOpenGLContext(nullptr);
+    if (shareContext) {
+        context->setShareContext(shareContext);
+        context->setFormat(shareContext->format());
+    } else {
+        context->setFormat(surfaceFormat);
+    }
+    if (!context->create()) {
+        delete context;
+        context = nullptr;
+        return false;
+    }
+    context->makeCurrent(this);
+    initializeOpenGLFunctions();
+    qInfo() << "gl version:" << reinterpret_cast<const char*>(glGetString(GL_VERSION));
+    qInfo() << "glsl version:" << reinterpret_cast<const char*>(glGetString(GL_SHADING_LANGUAGE_VERSION));
+    context->doneCurrent();
+    return true;
+}
+
+bool OpenglWorkerBase::doPreWork(uchar* data, int width, int height)
+{
+    if (!context && !initContext()) {
+        qDebug() << "[OpenglWorkerBase::doPreWork]initContext failed!";
+        return false;
+    }
+    if (width == 0 || height == 0 || data == nullptr)
+        return false;
+    if (width < 0 || height < 0) {
+        qWarning() << "[OpenglWorkerBase::doPreWork] dropped a frame of negative size" << width << "x" << height;
+        return false;
+    }
+    if (!makeCurrent()) {
+        qDebug() << "[OpenglWorkerBase::doPreWork]This fails in makeCurrent";
+        return false;
+    }
+    if (!glInited) {
+        if (!initOpenGL(width, height))
+            return false;
+        glInited = true;
+    }
+    if (frameWidth != width || frameHeight != height)
+        resize(width, height);
+    clearFbos(width, height);
+    return true;
+}
+
+bool OpenglWorkerBase::doPreWork(int width, int height, const QString& vertexPath_, const QString& fragmentPath_)
+{
+    if (!context && !initContext()) {
+        qDebug() << "[OpenglWorkerBase::doPreWork]initContext failed!";
+        return false;
+    }
+    if (width <= 0 || height <= 0)
+        return false;
+    if (!makeCurrent()) {
+        qDebug() << "[OpenglWorkerBase::doPreWork]This fails in makeCurrent";
+        return false;
+    }
+    if (!glInitedByPaths) {
+        if (!initOpenGL(width, height, vertexPath_, fragmentPath_))
+            return false;
+        glInitedByPaths = true;
+    }
+    if (frameWidth != width || frameHeight != height)
+        resize(width, height);
+    clearFbos(width, height);
+    return true;
+}
+
+bool OpenglWorkerBase::filterAndReadFbo(uchar* data, uchar* dst, int width, int height)
+{
+    if (!doPreWork(data, width, height)) {
+        doneCurrent();
+        return false;
+    }
+    beforeRead(data, width, height);
+    if (!glInited)
+        return false;
+    if (!makeCurrent()) {
+        qDebug() << "[OpenglWorkerBase::readLastFboByAlpha]This fails in makeCurrent";
+        return false;
+    }
+    QOpenGLFramebufferObject* source = isClipPerspect ? clipRotateFbo : (isClip ? clipFbo : fbo);
+    readFboToBuffer(source, dst, width, height, true);
+    doneCurrent();
+    return true;
+}
+
+void OpenglWorkerBase::resetSize()
+{
+    firstFrame = true;
+    frameWidth = 0;
+    frameHeight = 0;
+}
+
+void OpenglWorkerBase::releaseGlObjects()
+{
+    if (!context)
+        return;
+    QWriteLocker locker(&glLock());
+    makeCurrent();
+    for (QOpenGLBuffer* buffer : pixelBuffers) {
+        buffer->destroy();
+        buffer->release();
+    }
+    dropFbo(fbo);
+    dropFbo(fboBack);
+    dropFbo(firstFbo);
+    dropFbo(clipFbo);
+    dropFbo(clipRotateFbo);
+    glInited = false;
+    doneCurrent();
+}
+
+void OpenglWorkerBase::releaseTextures()
+{
+    if (!context)
+        return;
+    makeCurrent();
+    for (GLuint& name : textures) {
+        if (name != 0)
+            glDeleteTextures(1, &name);
+        name = 0;
+    }
+    doneCurrent();
+}
+
+void OpenglWorkerBase::releaseShareTextures()
+{
+    if (!context)
+        return;
+    for (TextureBuffer* buffer : {mergeTextureBuffer, textureBuffer}) {
+        if (!buffer)
+            continue;
+        makeCurrent();
+        buffer->deleteTextures(context);
+        doneCurrent();
+    }
+}
+
+void OpenglWorkerBase::onClearAll()
+{
+    // Runs on the destroying thread, which may not be the context's: no
+    // makeCurrent here.
+    QWriteLocker locker(&glLock());
+    for (QOpenGLBuffer* buffer : pixelBuffers)
+        buffer->destroy();
+    dropFbo(fbo);
+    dropFbo(firstFbo);
+    dropFbo(fboBack);
+    dropFbo(clipFbo);
+    dropFbo(clipRotateFbo);
+    delete context;
+    context = nullptr;
+    glInited = false;
+}
+
+void OpenglWorkerBase::readFbo(int width, int height, uchar* dst)
+{
+    if (!fbo)
+        return;
+    fbo->bind();
+    readBuffer->bind();
+    glReadPixels(0, 0, width, height, GL_RGBA, GL_UNSIGNED_BYTE, nullptr);
+    readBuffer->read(0, dst, width * height * 4);
+    QOpenGLFramebufferObject::bindDefault();
+    // The pack buffer stays bound, as the readers after this one expect.
+}
+
+bool OpenglWorkerBase::initOpenGL(int width, int height)
+{
+    initGlState();
+    resize(width, height);
+    createTextures();
+    return createShaders();
+}
+
+bool OpenglWorkerBase::initOpenGL(int width, int height, const QString& vertexPath_, const QString& fragmentPath_)
+{
+    initGlState();
+    resize(width, height);
+    return createShader(vertexPath_, fragmentPath_);
+}
+
+void OpenglWorkerBase::renderImage(const QImage& image, bool flag)
+{
+    if (!doPreWork(image.width(), image.height(), vertexPath, fragmentPath)) {
+        doneCurrent();
+        return;
+    }
+    renderTexturedMesh(fbo, image, flag, textureBuffer);
+    doneCurrent();
+}
+
+bool OpenglWorkerBase::createShader(const QString& vertexPath_, const QString& fragmentPath_)
+{
+    if (!shader)
+        shader = new ShaderWorker(vertexPath_, fragmentPath_);
+    return shader->isInitialised();
+}
+
+bool OpenglWorkerBase::createShaders()
+{
+    if (!shader)
+        shader = new ShaderWorker();
+    shader->resetMatrices();
+    shader->initVertices();
+    return true;
+}
+
+bool OpenglWorkerBase::createRenderShader(const QString&, const QString&)
+{
+    // The textured 3D path has no caller; its program is not built.
+    qDebug() << "[OpenglWorkerBase::createRenderShader]the textured mesh path is not built";
+    return false;
+}
+
+void OpenglWorkerBase::createFbos(int width, int height)
+{
+    if (fbo) {
+        fbo->bind();
+        fbo->release();
+        delete fbo;
+        fbo = nullptr;
+    }
+    fbo = new QOpenGLFramebufferObject(width, height, frameFormat());
+}
+
+void OpenglWorkerBase::clearFbos(int width, int height)
+{
+    if (!fbo)
+        return;
+    fbo->bind();
+    glViewport(0, 0, width, height);
+    glClear(kClearMask);
+    QOpenGLFramebufferObject::bindDefault();
+}
+
+void OpenglWorkerBase::beforeRead(uchar*, int, int) {}
+
+void OpenglWorkerBase::afterRead(uchar*, int, int) {}
+
+void OpenglWorkerBase::allocatePackBuffers(int width, int height)
+{
+    for (QOpenGLBuffer* buffer : {&packBufferA, &packBufferB}) {
+        if (!buffer->isCreated()) {
+            buffer->create();
+            buffer->setUsagePattern(QOpenGLBuffer::StreamRead);
+        }
+        buffer->bind();
+        buffer->allocate(width * height * 4);
+        buffer->release();
+    }
+}
+
+void OpenglWorkerBase::recreateUnpackBuffers()
+{
+    for (QOpenGLBuffer* buffer : {&unpackBufferA, &unpackBufferB}) {
+        if (buffer->isCreated())
+            buffer->destroy();
+        buffer->create();
+        buffer->setUsagePattern(QOpenGLBuffer::StreamDraw);
+    }
+}
+
+void OpenglWorkerBase::readFboToBuffer(QOpenGLFramebufferObject* source, uchar* dst, int width, int height,
+                                       bool hasAlpha)
+{
+    if (!source || !dst)
+        return;
+    source->bind();
+    readBuffer->bind();
+    glReadPixels(0, 0, width, height, GL_RGB + (hasAlpha ? 1 : 0), GL_UNSIGNED_BYTE, nullptr);
+    readBuffer->release();
+    const int size = (3 + (hasAlpha ? 1 : 0)) * width * height;
+    if (firstFrame) {
+        readBuffer->bind();
+        readBuffer->read(0, dst, size);
+        readBuffer->release();
+        firstFrame = false;
+    } else {
+        // The swap alternates the buffers from frame to frame; the one read is
+        // the one just filled, so no frame of delay is added.
+        std::swap(readBuffer, readBufferBack);
+        readBufferBack->bind();
+        readBufferBack->read(0, dst, size);
+        readBufferBack->release();
+    }
+    QOpenGLFramebufferObject::bindDefault();
+}
+
+void OpenglWorkerBase::uploadTexture(uchar* data, bool hasAlpha)
+{
+    const GLenum format = hasAlpha ? GL_RGBA : GL_RGB;
+    glActiveTexture(GL_TEXTURE0);
+    glBindTexture(GL_TEXTURE_2D, textures[0]);
+    glTexImage2D(GL_TEXTURE_2D, 0, format, frameWidth, frameHeight, 0, format, GL_UNSIGNED_BYTE, data);
+}
+
+void OpenglWorkerBase::uploadTextureByPbo(int unit, const QImage& image)
+{
+    const int size = image.width() * image.height() * 4;
+    QOpenGLBuffer* current = uploadIndex ? uploadBuffer0 : uploadBuffer1;
+    QOpenGLBuffer* other = uploadIndex ? uploadBuffer1 : uploadBuffer0;
+    for (QOpenGLBuffer* buffer : {current, other}) {
+        if (!buffer->isCreated()) {
+            buffer->create();
+            buffer->setUsagePattern(QOpenGLBuffer::StreamDraw);
+        }
+    }
+    current->bind();
+    // Storage is (re)made only at a change of size: the buffer holds the
+    // picture written one frame earlier, which is what goes to the texture now.
+    if (current->size() != size)
+        current->allocate(size);
+    glActiveTexture(static_cast<GLenum>(unit));
+    glBindTexture(GL_TEXTURE_2D, textures[0]);
+    glTexImage2D(GL_TEXTURE_2D, 0, GL_RGBA, image.width(), image.height(), 0, GL_RGBA, GL_UNSIGNED_BYTE, nullptr);
+    current->release();
+
+    if (firstFrame) {
+        firstFrame = false;
+    } else {
+        other->bind();
+        if (other->size() != size)
+            other->allocate(size);
+        other->write(0, image.constBits(), size);
+        other->release();
+    }
+    uploadIndex = !uploadIndex;
+}
+
+void OpenglWorkerBase::bindQtTexture(const QImage& image)
+{
+    glActiveTexture(GL_TEXTURE0);
+    if (inputTexture && image.width() == inputTexWidth && image.height() == inputTexHeight
+        && image.hasAlphaChannel() == inputTexHasAlpha) {
+        if (!image.isNull() && image.width() > 0 && image.height() > 0) {
+            try {
+                const QOpenGLTexture::PixelFormat format =
+                    image.hasAlphaChannel() ? QOpenGLTexture::RGBA : QOpenGLTexture::RGB;
+                inputTexture->setData(0, 0, format, QOpenGLTexture::UInt8, image.constBits(), nullptr);
+            } catch (const std::exception& e) {
+                qInfo() << "[OpenglWorkerBase::bindQtTexture]Exception caught while setting texture data: "
+                        << e.what();
+            }
+        }
+    } else {
+        if (inputTexture) {
+            inputTexture->destroy();
+            delete inputTexture;
+            inputTexture = nullptr;
+        }
+        inputTexture = new QOpenGLTexture(image, QOpenGLTexture::GenerateMipMaps);
+        inputTexture->setWrapMode(QOpenGLTexture::DirectionS, QOpenGLTexture::ClampToEdge);
+        inputTexture->setWrapMode(QOpenGLTexture::DirectionT, QOpenGLTexture::ClampToEdge);
+        inputTexture->setMinificationFilter(static_cast<QOpenGLTexture::Filter>(9985));
+        // A mipmap mode for magnification as well, deliberately; GL refuses it
+        // and the texture keeps its default.
+        inputTexture->setMagnificationFilter(static_cast<QOpenGLTexture::Filter>(9987));
+        inputTexWidth = image.width();
+        inputTexHeight = image.height();
+        inputTexHasAlpha = image.hasAlphaChannel();
+    }
+    inputTexture->bind();
+}
+
+GLuint OpenglWorkerBase::createMipmapTexture(const QImage& image)
+{
+    GLuint name = 0;
+    glGenTextures(1, &name);
+    glBindTexture(GL_TEXTURE_2D, name);
+    glTexImage2D(GL_TEXTURE_2D, 0, GL_RGBA, image.width(), image.height(), 0, GL_RGBA, GL_UNSIGNED_BYTE,
+                 image.constBits());
+    glGenerateMipmap(GL_TEXTURE_2D);
+    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_S, GL_REPEAT);
+    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_T, GL_REPEAT);
+    // The two filters are swapped against the usual use, on purpose.
+    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, 9987);
+    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_LINEAR);
+    glBindTexture(GL_TEXTURE_2D, 0);
+    return name;
+}
+
+void OpenglWorkerBase::resize(int width, int height)
+{
+    frameWidth = width;
+    frameHeight = height;
+    texelWidth = 1.0f / static_cast<float>(width);
+    texelHeight = 1.0f / static_cast<float>(height);
+    allocatePackBuffers(width, height);
+    createFbos(width, height);
+    firstFrame = true;
+}
+
+void OpenglWorkerBase::createTextures()
+{
+    if (textures[0] != 0)
+        glDeleteTextures(1, &textures[0]);
+    glGenTextures(1, &textures[0]);
+    glActiveTexture(GL_TEXTURE0);
+    glBindTexture(GL_TEXTURE_2D, textures[0]);
+    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_LINEAR);
+    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, GL_LINEAR);
+    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_S, GL_CLAMP_TO_EDGE);
+    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_T, GL_CLAMP_TO_EDGE);
+    glActiveTexture(GL_TEXTURE0);
+    glBindTexture(GL_TEXTURE_2D, 0);
+}
+
+void OpenglWorkerBase::initGlState()
+{
+    initializeOpenGLFunctions();
+    glDisable(GL_DEPTH_TEST);
+    glEnable(GL_BLEND);
+    // Set once per context: all composition is premultiplied.
+    glBlendFunc(GL_ONE, GL_ONE_MINUS_SRC_ALPHA);
+    glClearColor(0.0f, 0.0f, 0.0f, 0.0f);
+}
+
+void OpenglWorkerBase::createShareTextures(QOpenGLContext* shareWith, int width, int height)
+{
+    if (textureBuffer)
+        textureBuffer->createTextures(shareWith, width, height);
+}
+
+void OpenglWorkerBase::renderTexturedMesh(QOpenGLFramebufferObject*, const QImage&, bool, TextureBuffer*)
+{
+    // The textured 3D path has no caller in a channel's frame and is not built.
+    qDebug() << "[OpenglWorkerBase::renderTexturedMesh]the textured mesh path is not built";
+}
+
+void OpenglWorkerBase::renderMeshes(QOpenGLFramebufferObject*)
+{
+    qDebug() << "[OpenglWorkerBase::renderMeshes]the textured mesh path is not built";
+}

@@ -1,0 +1,188 @@
+#pragma once
+// Base of every GPU worker. One object is at the same time the offscreen
+// surface, the holder of the OpenGL context made current on it, and the owner
+// of the framebuffers, pixel buffers and textures of one processing line.
+//
+// All GL work of a worker runs between a makeCurrent on its own surface and a
+// doneCurrent, on the thread of the pipeline that drives it; the object itself
+// lives on the main thread.
+
+#include <QImage>
+#include <QOffscreenSurface>
+#include <QOpenGLBuffer>
+#include <QOpenGLFunctions>
+#include <QReadWriteLock>
+#include <QString>
+#include <QVector>
+
+class QOpenGLContext;
+class QOpenGLFramebufferObject;
+class QOpenGLTexture;
+class ShaderWorker;
+class TextureBuffer;
+
+// A record of the textured mesh path. The path has no caller in a channel's
+// frame; the records stay empty.
+struct WorkerMeshRecord {
+    QImage image;
+};
+struct WorkerMeshTexture {
+    unsigned int id = 0;
+    QString type;
+};
+
+class OpenglWorkerBase : public QOffscreenSurface, protected QOpenGLFunctions {
+    Q_OBJECT
+public:
+    OpenglWorkerBase(int channelId, int sceneId);
+    ~OpenglWorkerBase() override;
+
+    OpenglWorkerBase(const OpenglWorkerBase&) = delete;
+    OpenglWorkerBase& operator=(const OpenglWorkerBase&) = delete;
+
+    // The process-wide lock around the creation and destruction of surfaces,
+    // contexts and shared textures (the same lock as sharedTextureLock()).
+    static QReadWriteLock& glLock();
+
+    // --- virtual operations, in the order of the worker's table ---
+    virtual bool filterAndReadFbo(uchar* data, uchar* dst, int width, int height);
+    // Forces the next frame through resize even if its size didn't change.
+    virtual void resetSize();
+    // Entry of every frame: makes the context current and sizes the
+    // framebuffers. On true the context stays current; the caller ends with
+    // doneCurrent() on both results.
+    virtual bool doPreWork(uchar* data, int width, int height);
+    virtual bool doPreWork(int width, int height, const QString& vertexPath, const QString& fragmentPath);
+    virtual void releaseGlObjects();
+    virtual void releaseTextures();
+    virtual void releaseShareTextures();
+
+public slots:
+    virtual void onClearAll();
+
+signals:
+    void clearAll();
+
+public:
+    virtual void readFbo(int width, int height, uchar* dst);
+    virtual bool initOpenGL(int width, int height);
+    virtual bool initOpenGL(int width, int height, const QString& vertexPath, const QString& fragmentPath);
+    virtual void renderImage(const QImage& image, bool flag);
+    virtual bool createShader(const QString& vertexPath, const QString& fragmentPath);
+    virtual bool createShaders();
+    virtual bool createRenderShader(const QString& vertexPath, const QString& fragmentPath);
+    virtual void createFbos(int width, int height);
+    virtual void clearFbos(int width, int height);
+    virtual void beforeRead(uchar* data, int width, int height);
+    virtual void afterRead(uchar* data, int width, int height);
+    virtual void allocatePackBuffers(int width, int height);
+    virtual void recreateUnpackBuffers();
+    virtual void readFboToBuffer(QOpenGLFramebufferObject* source, uchar* dst, int width, int height, bool hasAlpha);
+    virtual void uploadTexture(uchar* data, bool hasAlpha);
+    virtual void uploadTextureByPbo(int unit, const QImage& image);
+    virtual void bindQtTexture(const QImage& image);
+    virtual GLuint createMipmapTexture(const QImage& image);
+    virtual void resize(int width, int height);
+    virtual void createTextures();
+    virtual void initGlState();
+    virtual bool initContext();
+    virtual void createShareTextures(QOpenGLContext* shareWith, int width, int height);
+    virtual void renderTexturedMesh(QOpenGLFramebufferObject* target, const QImage& image, bool useShareTexture,
+                                    TextureBuffer* buffer);
+    virtual void renderMeshes(QOpenGLFramebufferObject* target);
+
+    // --- plain accessors ---
+    bool isGlInited() const { return glInited; }
+    void setTextureBuffer(TextureBuffer* buffer) { textureBuffer = buffer; }
+    void setMergeTextureBuffer(TextureBuffer* buffer) { mergeTextureBuffer = buffer; }
+    void setShareContext(QOpenGLContext* context) { shareContext = context; }
+    void setClip(bool flag)
+    {
+        isClip = flag;
+        isClipPerspect = flag;
+    }
+    void getClipInfo(bool* flag, int* width, int* height) const
+    {
+        *flag = isClip;
+        *width = clipWidth;
+        *height = clipHeight;
+    }
+    void getReadSize(int* width, int* height) const
+    {
+        *width = readWidth;
+        *height = readHeight;
+    }
+    // Ends the GL work of one call: releases the context from this thread.
+    virtual void doneCurrent();
+
+    QOpenGLContext* glContext() const { return context; }
+    int getFrameWidth() const { return frameWidth; }
+    int getFrameHeight() const { return frameHeight; }
+    bool isFirstFrame() const { return firstFrame; }
+    QOpenGLFramebufferObject* frameFbo() const { return fbo; }
+    QOpenGLFramebufferObject* backFbo() const { return fboBack; }
+
+protected:
+    // makeCurrent of the worker's context on its own surface.
+    bool makeCurrent();
+
+    ShaderWorker* shader = nullptr;
+    ShaderWorker* renderShader = nullptr;
+    bool glInited = false;
+    bool glInitedByPaths = false;
+    int frameWidth = 0;
+    int frameHeight = 0;
+    int readWidth = 0;
+    int readHeight = 0;
+    int clipWidth = 0;
+    int clipHeight = 0;
+    int bytesPerPixel = 4;
+    GLuint textures[3] = {0, 0, 0};
+    float texelWidth = 0.0f;
+    float texelHeight = 0.0f;
+    QOpenGLBuffer packBufferA{QOpenGLBuffer::PixelPackBuffer};
+    QOpenGLBuffer packBufferB{QOpenGLBuffer::PixelPackBuffer};
+    QOpenGLBuffer unpackBufferA{QOpenGLBuffer::PixelUnpackBuffer};
+    QOpenGLBuffer unpackBufferB{QOpenGLBuffer::PixelUnpackBuffer};
+    QOpenGLBuffer clipPackBufferA{QOpenGLBuffer::PixelPackBuffer};
+    QOpenGLBuffer clipPackBufferB{QOpenGLBuffer::PixelPackBuffer};
+    QOpenGLBuffer spareBuffer{QOpenGLBuffer::PixelPackBuffer};
+    QOpenGLBuffer packBufferC{QOpenGLBuffer::PixelPackBuffer};
+    QOpenGLBuffer packBufferD{QOpenGLBuffer::PixelPackBuffer};
+    QOpenGLBuffer* readBuffer = nullptr;
+    QOpenGLBuffer* readBufferBack = nullptr;
+    QOpenGLBuffer* uploadBuffer0 = nullptr;
+    QOpenGLBuffer* uploadBuffer1 = nullptr;
+    QOpenGLBuffer* reserveBuffer0 = nullptr;
+    QOpenGLBuffer* reserveBuffer1 = nullptr;
+    QOpenGLContext* context = nullptr;
+    QOpenGLFramebufferObject* firstFbo = nullptr;
+    QOpenGLFramebufferObject* fbo = nullptr;
+    QOpenGLFramebufferObject* fboBack = nullptr;
+    QOpenGLFramebufferObject* clipFbo = nullptr;
+    QOpenGLFramebufferObject* clipRotateFbo = nullptr;
+    QString vertexPath;
+    QString fragmentPath;
+    bool uploadIndex = true;
+    bool firstFrame = true;
+    QOpenGLContext* shareContext = nullptr;
+    int channelId = 0;
+    int sceneId = 0;
+    TextureBuffer* textureBuffer = nullptr;
+    TextureBuffer* mergeTextureBuffer = nullptr;
+    bool isClip = false;
+    bool isClipPerspect = false;
+    int rotationZ = 0;
+    int inputTexWidth = 0;
+    int inputTexHeight = 0;
+    bool inputTexHasAlpha = false;
+    QVector<WorkerMeshRecord> meshes;
+    QVector<WorkerMeshTexture> meshTextures;
+    QOpenGLTexture* inputTexture = nullptr;
+    // Frame state of the ping-pong passes: false while fbo holds the current
+    // picture, true while fboBack does.
+    bool pingPong = false;
+
+    // Pixel buffers in the order the destruction paths walk them.
+    QOpenGLBuffer* pixelBuffers[9];
+};

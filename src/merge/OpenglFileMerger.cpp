@@ -1,0 +1,463 @@
+#include "merge/OpenglFileMerger.h"
+
+#include <algorithm>
+#include <utility>
+
+#include <QDebug>
+#include <QOpenGLContext>
+#include <QOpenGLFramebufferObject>
+#include <QOpenGLFramebufferObjectFormat>
+#include <QOpenGLTexture>
+#include <QReadLocker>
+#include <QThread>
+
+#include "scene/TextureBuffer.h"
+#include "shader/ShaderWorker.h"
+
+namespace {
+
+const GLbitfield kClearMask = GL_COLOR_BUFFER_BIT | GL_DEPTH_BUFFER_BIT;
+
+QOpenGLFramebufferObjectFormat mergeFormat()
+{
+    QOpenGLFramebufferObjectFormat format;
+    format.setAttachment(QOpenGLFramebufferObject::CombinedDepthStencil);
+    return format;
+}
+
+void remakeFbo(QOpenGLFramebufferObject*& target, int width, int height)
+{
+    if (target) {
+        target->release();
+        delete target;
+    }
+    target = new QOpenGLFramebufferObject(width, height, mergeFormat());
+}
+
+void ensureBuffer(QOpenGLBuffer& buffer, int size)
+{
+    if (!buffer.isCreated()) {
+        buffer.create();
+        buffer.setUsagePattern(QOpenGLBuffer::StreamRead);
+    }
+    buffer.bind();
+    if (buffer.size() < size)
+        buffer.allocate(size);
+}
+
+}  // namespace
+
+OpenglFileMerger::OpenglFileMerger(int sceneId_) : OpenglWorkerBase(0, sceneId_)
+{
+    qInfo() << "OpenglFileMerger::OpenglFileMerger";
+    mergedRing[0] = &packBufferA;
+    mergedRing[1] = &packBufferB;
+    finalRing[0] = &packBufferC;
+    finalRing[1] = &packBufferD;
+}
+
+OpenglFileMerger::~OpenglFileMerger()
+{
+    qInfo() << "OpenglFileMerger::~OpenglFileMerger";
+    // GL names are freed at once only on the context's own thread; elsewhere
+    // the share group frees them when the context goes.
+    const bool canUseContext = context && context->thread() == QThread::currentThread() && makeCurrent();
+    delete mergeShader;
+    mergeShader = nullptr;
+    delete renderShader;
+    renderShader = nullptr;
+    delete shader;
+    shader = nullptr;
+    if (canUseContext) {
+        delete graffitiTexture;
+        for (auto& entry : channelTextures)
+            delete entry.second;
+        doneCurrent();
+    }
+    graffitiTexture = nullptr;
+    channelTextures.clear();
+}
+
+void OpenglFileMerger::setTextureBuffers(std::map<int, TextureBuffer*> buffers)
+{
+    textureBuffers = std::move(buffers);
+}
+
+void OpenglFileMerger::releaseTextures()
+{
+    if (!context)
+        return;
+    makeCurrent();
+    delete renderShader;
+    renderShader = nullptr;
+    delete graffitiTexture;
+    graffitiTexture = nullptr;
+    for (auto& entry : channelTextures) {
+        if (entry.second)
+            entry.second->release();
+    }
+    for (GLuint& name : textures) {
+        if (name != 0)
+            glDeleteTextures(1, &name);
+        name = 0;
+    }
+    backgroundTexWidth = 0;
+    backgroundTexHeight = 0;
+    delete mergeShader;
+    mergeShader = nullptr;
+    doneCurrent();
+}
+
+bool OpenglFileMerger::createShaders()
+{
+    if (!mergeShader)
+        mergeShader = new ShaderWorker(QStringLiteral(":/filters/file_merger_vertex.glsl"),
+                                       QStringLiteral(":/filters/file_merger_fragment.glsl"));
+    if (!mergeShader->isInitialised())
+        return false;
+    mergeShader->bind();
+    mergeShader->resetMatrices();
+    mergeShader->initVertices();
+    return true;
+}
+
+void OpenglFileMerger::createFbos(int width, int height)
+{
+    remakeFbo(fboBack, width, height);   // composeFbo
+    remakeFbo(fbo, width, height);       // mergedFbo
+    remakeFbo(firstFbo, width, height);  // finalFbo
+}
+
+void OpenglFileMerger::allocatePackBuffers(int width, int height)
+{
+    for (QOpenGLBuffer* buffer : pixelBuffers) {
+        if (!buffer->isCreated()) {
+            buffer->create();
+            buffer->setUsagePattern(buffer->type() == QOpenGLBuffer::PixelUnpackBuffer ? QOpenGLBuffer::StreamDraw
+                                                                                        : QOpenGLBuffer::StreamRead);
+        }
+        buffer->bind();
+        buffer->allocate(width * height * 4);
+        buffer->release();
+    }
+}
+
+void OpenglFileMerger::resize(int width, int height)
+{
+    frameWidth = width;
+    frameHeight = height;
+    texelWidth = 1.0f / static_cast<float>(width);
+    texelHeight = 1.0f / static_cast<float>(height);
+    allocatePackBuffers(width, height);
+    createFbos(width, height);
+    // Only the merged frame's read starts over; the final frame's flag is
+    // raised once, at construction.
+    firstReadFlags[0] = true;
+}
+
+void OpenglFileMerger::createTextures()
+{
+    const GLenum units[2] = {GL_TEXTURE0, GL_TEXTURE1};
+    for (int i = 0; i < 2; ++i) {
+        if (textures[i] != 0)
+            glDeleteTextures(1, &textures[i]);
+        glGenTextures(1, &textures[i]);
+        glActiveTexture(units[i]);
+        glBindTexture(GL_TEXTURE_2D, textures[i]);
+        glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_LINEAR);
+        glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, GL_LINEAR);
+        glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_S, GL_CLAMP_TO_EDGE);
+        glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_T, GL_CLAMP_TO_EDGE);
+        glBindTexture(GL_TEXTURE_2D, 0);
+    }
+    glActiveTexture(GL_TEXTURE0);
+}
+
+void OpenglFileMerger::uploadPicture(QOpenGLTexture*& texture, const QImage& image, GLenum unit,
+                                     QImage::Format bgraFormat)
+{
+    glActiveTexture(unit);
+    if (texture && texture->isCreated() && texture->width() == image.width() && texture->height() == image.height()) {
+        QOpenGLTexture::PixelFormat format = QOpenGLTexture::RGBA;
+        if (image.format() == bgraFormat)
+            format = QOpenGLTexture::BGRA;
+        else if (image.format() == QImage::Format_RGB888 || !image.hasAlphaChannel())
+            format = QOpenGLTexture::RGB;
+        // Level 0 in place; the texture regenerates its mipmaps from it.
+        texture->setData(0, 0, format, QOpenGLTexture::UInt8, image.constBits(), nullptr);
+        texture->bind();
+        return;
+    }
+    if (texture) {
+        texture->release();
+        texture->destroy();
+        delete texture;
+    }
+    texture = new QOpenGLTexture(image, QOpenGLTexture::GenerateMipMaps);
+    texture->setWrapMode(QOpenGLTexture::DirectionS, QOpenGLTexture::ClampToEdge);
+    texture->setWrapMode(QOpenGLTexture::DirectionT, QOpenGLTexture::ClampToEdge);
+    texture->setMinificationFilter(QOpenGLTexture::LinearMipMapNearest);
+    // Not a magnification filter: GL refuses it and the default stays.
+    texture->setMagnificationFilter(QOpenGLTexture::LinearMipMapLinear);
+    texture->bind();
+}
+
+void OpenglFileMerger::placePicture(int pictureWidth, int pictureHeight, const QRect& rect, double angle, int width,
+                                    int height)
+{
+    const float w = static_cast<float>(pictureWidth);
+    const float h = static_cast<float>(pictureHeight);
+    const float frameW = static_cast<float>(width);
+    const float frameH = static_cast<float>(height);
+    const float x = static_cast<float>(rect.x());
+    const float y = static_cast<float>(rect.y());
+    const float rw = static_cast<float>(rect.width());
+    const float rh = static_cast<float>(rect.height());
+
+    // Fit wholly, keep the proportions, centre in the rectangle.
+    const float k = std::min(rw / w, rh / h);
+    const float sx = k * w / frameW;
+    const float sy = k * h / frameH;
+    const float ox = (rw - w * k) * 0.5f;
+    const float oy = (rh - h * k) * 0.5f;
+
+    mergeShader->resetMatrices();
+    mergeShader->translateModel((x + ox) / (frameW * 0.5f), (y + oy) / (frameH * 0.5f), 0.0f);
+    mergeShader->scaleModel(sx, sy);
+    mergeShader->translateModel(1.0f - 1.0f / sx, 1.0f - 1.0f / sy, 0.0f);
+    // A null axis: no pivot, and an angle of 0 leaves the matrix alone.
+    mergeShader->rotateAboutEdge(static_cast<float>(angle), 0.0f, 0.0f, 0.0f);
+}
+
+void OpenglFileMerger::drawBackground(int width, int height, const QColor& background)
+{
+    composeFbo()->bind();
+    // A picture of the right size is not refilled: a change of colour alone
+    // doesn't show here.
+    if (backgroundImage.width() != width || backgroundImage.height() != height) {
+        backgroundImage = QImage(width, height, QImage::Format_RGBA8888);
+        backgroundImage.fill(background);
+    }
+    glActiveTexture(GL_TEXTURE0);
+    glBindTexture(GL_TEXTURE_2D, textures[0]);
+    if (backgroundTexWidth == width && backgroundTexHeight == height) {
+        glTexSubImage2D(GL_TEXTURE_2D, 0, 0, 0, width, height, GL_RGBA, GL_UNSIGNED_BYTE,
+                        backgroundImage.constBits());
+    } else {
+        glTexImage2D(GL_TEXTURE_2D, 0, GL_RGBA, width, height, 0, GL_RGBA, GL_UNSIGNED_BYTE,
+                     backgroundImage.constBits());
+        backgroundTexWidth = width;
+        backgroundTexHeight = height;
+    }
+    mergeShader->setUniformInt("fgImageTexture", 0);
+    mergeShader->resetMatrices();
+    mergeShader->drawStrip();
+    glBindTexture(GL_TEXTURE_2D, 0);
+    QOpenGLFramebufferObject::bindDefault();
+}
+
+void OpenglFileMerger::mergeImages(const QList<_channel_merge_param>& params, int width, int height,
+                                   const QColor& background, const QImage& graffiti)
+{
+    if (!context && !initContext()) {
+        qDebug() << "[OpenglFileMerger::mergeImages]initContext failed!";
+        return;
+    }
+    if (width <= 0 || height <= 0) {
+        qWarning() << "[OpenglFileMerger::mergeImages] dropped a merge of size" << width << "x" << height;
+        return;
+    }
+
+    // Keeps channel threads from swapping textures while the frame is drawn.
+    QReadLocker locker(&sharedTextureLock());
+
+    // The share handshake: a channel that hasn't made its textures in a
+    // context sharing with this one gets the context, and the merge waits.
+    if (useSharedTextures && !params.isEmpty()) {
+        for (const _channel_merge_param& param : params) {
+            auto found = textureBuffers.find(param.channelId);
+            if (found == textureBuffers.end() || !found->second)
+                continue;
+            TextureBuffer* buffer = found->second;
+            if (buffer->isShareReady(sceneId))
+                continue;
+            buffer->setShareContext(sceneId, context);
+            if (!buffer->isShareReady(sceneId))
+                return;
+        }
+    }
+
+    if (!makeCurrent()) {
+        qDebug() << "mergeImages fails in makeCurrent";
+        return;
+    }
+    if (!glInited) {
+        if (!initOpenGL(width, height)) {
+            doneCurrent();
+            return;
+        }
+        glInited = true;
+    }
+    if (frameWidth != width || frameHeight != height)
+        resize(width, height);
+
+    glClearColor(background.red() / 255.0f, background.green() / 255.0f, background.blue() / 255.0f, 1.0f);
+    for (QOpenGLFramebufferObject* target : {composeFbo(), mergedFbo(), finalFbo()}) {
+        target->bind();
+        glViewport(0, 0, width, height);
+        glClear(kClearMask);
+    }
+    QOpenGLFramebufferObject::bindDefault();
+
+    mergeShader->bind();
+    mergeShader->setUniformFloat("drawGraffiti", 0.0f);
+    // The fragment stage has no such uniform; the call has no effect.
+    mergeShader->setUniformFloat("drawBg", 0.0f);
+    mergeShader->setUniformFloat("premulAlpha", 0.0f);
+
+    if (params.isEmpty()) {
+        drawBackground(width, height, background);
+    } else {
+        recordedParams.clear();
+        for (const _channel_merge_param& param : params) {
+            auto found = textureBuffers.find(param.channelId);
+            if (found == textureBuffers.end() || !found->second)
+                continue;
+            TextureBuffer* buffer = found->second;
+            int pictureWidth = 0;
+            int pictureHeight = 0;
+            const bool fromImage = buffer->isImageMode();
+            if (fromImage) {
+                QImage image;
+                if (!buffer->getImage(image) || image.isNull())
+                    continue;
+                const QImage::Format format = image.format();
+                if (format != QImage::Format_RGBA8888 && format != QImage::Format_RGB32
+                    && format != QImage::Format_RGB888)
+                    image = image.convertToFormat(QImage::Format_RGBA8888);
+                composeFbo()->bind();
+                mergeShader->setUniformFloat("premulAlpha", buffer->isPremulAlpha() ? 1.0f : 0.0f);
+                QOpenGLTexture*& texture = channelTextures[param.channelId];
+                uploadPicture(texture, image, GL_TEXTURE0, QImage::Format_RGB32);
+                pictureWidth = image.width();
+                pictureHeight = image.height();
+            } else {
+                composeFbo()->bind();
+                mergeShader->setUniformFloat("premulAlpha", 0.0f);
+                buffer->bindReadTexture(context);
+                buffer->getSize(&pictureWidth, &pictureHeight);
+            }
+            mergeShader->setUniformInt("fgImageTexture", 0);
+            mergeShader->setUniformFloat("drawGraffiti", 0.0f);
+
+            const QRect rect = param.rect;
+            if (pictureWidth > 0 && pictureHeight > 0 && rect.width() > 0 && rect.height() > 0) {
+                placePicture(pictureWidth, pictureHeight, rect, param.rotation, width, height);
+                mergeShader->drawStrip();
+            }
+
+            if (fromImage) {
+                glActiveTexture(GL_TEXTURE0);
+                glBindTexture(GL_TEXTURE_2D, 0);
+            } else {
+                buffer->unbindAndClearReady(context);
+            }
+            QOpenGLFramebufferObject::bindDefault();
+        }
+    }
+    mergeShader->setUniformFloat("premulAlpha", 0.0f);
+
+    // The frame without overlay.
+    mergedFbo()->bind();
+    glActiveTexture(GL_TEXTURE0);
+    glBindTexture(GL_TEXTURE_2D, composeFbo()->texture());
+    mergeShader->setUniformFloat("premulAlpha", 0.0f);
+    mergeShader->setUniformInt("fgImageTexture", 0);
+    mergeShader->resetMatrices();
+    mergeShader->drawStrip();
+    glBindTexture(GL_TEXTURE_2D, 0);
+    QOpenGLFramebufferObject::bindDefault();
+
+    // The overlay, on unit 1, over the composed frame.
+    if (!graffiti.isNull()) {
+        QImage overlay = graffiti;
+        if (overlay.format() != QImage::Format_ARGB32)
+            overlay = overlay.convertToFormat(QImage::Format_ARGB32);
+        composeFbo()->bind();
+        mergeShader->setUniformFloat("premulAlpha", 1.0f);
+        uploadPicture(graffitiTexture, overlay, GL_TEXTURE1, QImage::Format_ARGB32);
+        mergeShader->setUniformInt("fgImageTexture", 1);
+        mergeShader->setUniformFloat("drawGraffiti", 1.0f);
+        mergeShader->resetMatrices();
+        mergeShader->drawStrip();
+        glActiveTexture(GL_TEXTURE1);
+        glBindTexture(GL_TEXTURE_2D, 0);
+        glActiveTexture(GL_TEXTURE0);
+        QOpenGLFramebufferObject::bindDefault();
+    }
+
+    // The frame with overlay.
+    finalFbo()->bind();
+    mergeShader->setUniformFloat("premulAlpha", 0.0f);
+    glActiveTexture(GL_TEXTURE0);
+    glBindTexture(GL_TEXTURE_2D, composeFbo()->texture());
+    mergeShader->setUniformInt("fgImageTexture", 0);
+    mergeShader->setUniformFloat("drawGraffiti", 0.0f);
+    mergeShader->resetMatrices();
+    mergeShader->drawStrip();
+    glBindTexture(GL_TEXTURE_2D, 0);
+    QOpenGLFramebufferObject::bindDefault();
+    doneCurrent();
+}
+
+void OpenglFileMerger::readFramebuffer(QOpenGLFramebufferObject* source, QOpenGLBuffer** ring,
+                                       QOpenGLBuffer* single, bool& firstRead, uchar* target, int width, int height,
+                                       bool withAlpha, bool synchronous)
+{
+    if (!glInited || !source || !target)
+        return;
+    if (!makeCurrent()) {
+        qDebug() << "[OpenglWorkerBase::readLastFboByAlpha]This fails in makeCurrent";
+        return;
+    }
+    source->bind();
+    const GLenum format = withAlpha ? GL_RGBA : GL_BGR;
+    const int count = (3 + (withAlpha ? 1 : 0)) * width * height;
+    const int capacity = width * height * 4;
+    if (synchronous) {
+        ensureBuffer(*single, capacity);
+        glReadPixels(0, 0, width, height, format, GL_UNSIGNED_BYTE, nullptr);
+        single->read(0, target, count);
+        single->release();
+    } else {
+        // A ring of two: the transfer started now is read at the next call,
+        // so the picture handed out is one frame old.
+        ensureBuffer(*ring[0], capacity);
+        glReadPixels(0, 0, width, height, format, GL_UNSIGNED_BYTE, nullptr);
+        if (firstRead) {
+            ring[0]->read(0, target, count);
+            ring[0]->release();
+            firstRead = false;
+        } else {
+            ring[0]->release();
+            ensureBuffer(*ring[1], capacity);
+            ring[1]->read(0, target, count);
+            ring[1]->release();
+        }
+        std::swap(ring[0], ring[1]);
+    }
+    QOpenGLFramebufferObject::bindDefault();
+    doneCurrent();
+}
+
+void OpenglFileMerger::readLastFboByAlpha(uchar* target, int width, int height, bool withAlpha, bool synchronous)
+{
+    readFramebuffer(mergedFbo(), mergedRing, &clipPackBufferA, firstReadFlags[0], target, width, height, withAlpha,
+                    synchronous);
+}
+
+void OpenglFileMerger::readFinalImage(uchar* target, int width, int height, bool withAlpha, bool synchronous)
+{
+    readFramebuffer(finalFbo(), finalRing, &clipPackBufferB, firstReadFlags[1], target, width, height, withAlpha,
+                    synchronous);
+}

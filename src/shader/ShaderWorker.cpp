@@ -1,0 +1,274 @@
+#include "shader/ShaderWorker.h"
+
+#include <QDebug>
+#include <QOpenGLContext>
+#include <QOpenGLExtraFunctions>
+#include <QOpenGLShaderProgram>
+#include <QOpenGLVertexArrayObject>
+#include <QVector3D>
+
+#include <opencv2/imgproc.hpp>
+
+#include "shader/OpenGLHelper.h"
+
+namespace {
+
+// The default full-screen quad: x, y, z, s, t per vertex, 20 bytes each.
+const float kQuadVertices[20] = {
+    -1.0f, -1.0f, 0.0f, 0.0f, 0.0f,  //
+    1.0f,  -1.0f, 0.0f, 1.0f, 0.0f,  //
+    -1.0f, 1.0f,  0.0f, 0.0f, 1.0f,  //
+    1.0f,  1.0f,  0.0f, 1.0f, 1.0f,  //
+};
+const quint16 kQuadIndices[4] = {0, 1, 2, 3};
+const int kVertexStride = 5 * sizeof(float);
+
+}  // namespace
+
+ShaderWorker::ShaderWorker(const QString& vertexPath, const QString& fragmentPath)
+    : vertexArray(new QOpenGLVertexArrayObject)
+{
+    initializeOpenGLFunctions();
+    functionsReady = true;
+    initialised = initShaders(vertexPath, fragmentPath) == 1;
+}
+
+ShaderWorker::ShaderWorker() : vertexArray(new QOpenGLVertexArrayObject) {}
+
+ShaderWorker::~ShaderWorker()
+{
+    // GL names are freed through the share group: at once when a context of
+    // the group is current, otherwise when one next is.
+    if (program) {
+        if (QOpenGLContext::currentContext())
+            program->release();
+        delete program;
+        program = nullptr;
+    }
+    vertexBuffer.destroy();
+    indexBuffer.destroy();
+    if (vertexArrayName != 0 && vertexArrayContext && QOpenGLContext::currentContext() == vertexArrayContext)
+        vertexArrayContext->extraFunctions()->glDeleteVertexArrays(1, &vertexArrayName);
+    vertexArrayName = 0;
+    delete vertexArray;
+    vertexArray = nullptr;
+    delete lipsSubdiv;
+    lipsSubdiv = nullptr;
+}
+
+int ShaderWorker::initShaders(const QString& vertexPath, const QString& fragmentPath)
+{
+    qInfo() << "[ShaderWorker::initShaders]:" << vertexPath;
+    if (!program)
+        program = new QOpenGLShaderProgram();
+
+    QByteArray vertexCode = OpenGLHelper::versionHeader(1) + OpenGLHelper::loadShaderFile(vertexPath);
+    if (!vertexCode.startsWith("#version")) {
+        qInfo() << "get glsl version fail,vertexcode:" << vertexCode;
+        return 0;
+    }
+    if (!program->addShaderFromSourceCode(QOpenGLShader::Vertex, vertexCode)) {
+        qWarning() << "init vertex shader fail!";
+        return 0;
+    }
+
+    QByteArray fragmentCode = OpenGLHelper::versionHeader(2) + OpenGLHelper::loadShaderFile(fragmentPath);
+    if (!fragmentCode.startsWith("#version")) {
+        qInfo() << "get glsl version fail,fragmentcode:" << fragmentCode;
+        return 0;
+    }
+    if (!program->addShaderFromSourceCode(QOpenGLShader::Fragment, fragmentCode)) {
+        qWarning() << "init fragment shader fail!";
+        return 0;
+    }
+    if (!program->link()) {
+        qWarning() << "link shader fail!";
+        return 0;
+    }
+    if (!program->bind()) {
+        qDebug() << "bind shader fail!";
+        return 0;
+    }
+    return 1;
+}
+
+void ShaderWorker::bind()
+{
+    if (program)
+        program->bind();
+}
+
+void ShaderWorker::setUniformFloat(const char* name, float value)
+{
+    if (program)
+        program->setUniformValue(name, value);
+}
+
+void ShaderWorker::setUniformInt(const char* name, int value)
+{
+    if (program)
+        program->setUniformValue(name, static_cast<GLint>(value));
+}
+
+void ShaderWorker::setQuadAttributes()
+{
+    if (!program)
+        return;
+    program->enableAttributeArray("a_position");
+    program->setAttributeBuffer("a_position", GL_FLOAT, 0, 3, kVertexStride);
+    program->enableAttributeArray("a_texcoord");
+    program->setAttributeBuffer("a_texcoord", GL_FLOAT, 3 * sizeof(float), 2, kVertexStride);
+}
+
+void ShaderWorker::initVertices()
+{
+    if (!vertexBuffer.isCreated()) {
+        vertexBuffer.create();
+        vertexBuffer.setUsagePattern(QOpenGLBuffer::StaticDraw);
+    }
+    if (!indexBuffer.isCreated()) {
+        indexBuffer.create();
+        indexBuffer.setUsagePattern(QOpenGLBuffer::StaticDraw);
+    }
+    QOpenGLContext* current = QOpenGLContext::currentContext();
+    if (vertexArrayName == 0 && current) {
+        current->extraFunctions()->glGenVertexArrays(1, &vertexArrayName);
+        vertexArrayContext = current;
+    }
+    bindVertexArray(true);
+    vertexBuffer.bind();
+    vertexBuffer.allocate(kQuadVertices, sizeof(kQuadVertices));
+    indexBuffer.bind();
+    indexBuffer.allocate(kQuadIndices, sizeof(kQuadIndices));
+    indexCount = 4;
+    setQuadAttributes();
+    bindVertexArray(false);
+    vertexBuffer.release();
+    indexBuffer.release();
+}
+
+void ShaderWorker::bindVertexArray(bool on)
+{
+    QOpenGLContext* current = QOpenGLContext::currentContext();
+    if (vertexArrayName != 0 && current && current == vertexArrayContext)
+        current->extraFunctions()->glBindVertexArray(on ? vertexArrayName : 0);
+}
+
+void ShaderWorker::updateMatrix()
+{
+    mvpMatrix = projectionMatrix * viewMatrix * modelMatrix;
+    if (program)
+        program->setUniformValue("mvpMatrix", mvpMatrix);
+}
+
+void ShaderWorker::resetMatrices()
+{
+    projectionMatrix.setToIdentity();
+    viewMatrix.setToIdentity();
+    modelMatrix.setToIdentity();
+    updateMatrix();
+}
+
+void ShaderWorker::applyPerspective90()
+{
+    projectionMatrix.perspective(90.0f, 1.0f, 0.1f, 100.0f);
+    viewMatrix.translate(0.0f, 0.0f, -1.0f);
+}
+
+void ShaderWorker::applyPerspective45()
+{
+    projectionMatrix.perspective(45.0f, 1.7777778f, 0.1f, 100.0f);
+    viewMatrix.lookAt(QVector3D(0.0f, 0.0f, 2.0f), QVector3D(0.0f, 0.0f, 0.0f), QVector3D(0.0f, 1.0f, 0.0f));
+}
+
+void ShaderWorker::flipProjection()
+{
+    projectionMatrix.rotate(180.0f, 0.0f, 1.0f, 0.0f);
+    updateMatrix();
+}
+
+void ShaderWorker::rotateModel(float angle, float x, float y, float z)
+{
+    modelMatrix.rotate(angle, x, y, z);
+    updateMatrix();
+}
+
+void ShaderWorker::rotateAboutEdge(float angle, float x, float y, float z)
+{
+    const float side = angle >= 0.0f ? 1.0f : -1.0f;
+    if (y != 0.0f) {
+        modelMatrix.translate(side, 0.0f, 0.0f);
+        // The sign of y is inverted here and nowhere else.
+        modelMatrix.rotate(angle, x, -y, z);
+        modelMatrix.translate(-side, 0.0f, 0.0f);
+    } else if (x == 0.0f) {
+        modelMatrix.rotate(angle, x, y, z);
+    } else {
+        modelMatrix.translate(0.0f, side, 0.0f);
+        modelMatrix.rotate(angle, x, y, z);
+        modelMatrix.translate(0.0f, -side, 0.0f);
+    }
+    updateMatrix();
+}
+
+void ShaderWorker::scaleModel(double x, double y)
+{
+    modelMatrix.scale(static_cast<float>(x), static_cast<float>(y));
+    updateMatrix();
+}
+
+void ShaderWorker::translateModel(float x, float y, float z)
+{
+    modelMatrix.translate(x, y, z);
+    updateMatrix();
+}
+
+void ShaderWorker::draw(GLenum mode)
+{
+    if (!program || indexCount <= 0 || !QOpenGLContext::currentContext())
+        return;
+    if (!functionsReady) {
+        initializeOpenGLFunctions();
+        functionsReady = true;
+    }
+    // The buffers and attribute pointers are set again for each draw, which
+    // also serves a context without this worker's vertex array.
+    bindVertexArray(true);
+    vertexBuffer.bind();
+    indexBuffer.bind();
+    setQuadAttributes();
+    glDrawElements(mode, indexCount, GL_UNSIGNED_SHORT, nullptr);
+    bindVertexArray(false);
+    vertexBuffer.release();
+    indexBuffer.release();
+}
+
+void ShaderWorker::drawStrip()
+{
+    draw(GL_TRIANGLE_STRIP);
+}
+
+void ShaderWorker::drawTriangles()
+{
+    draw(GL_TRIANGLES);
+}
+
+void ShaderWorker::setMaterialUniforms()
+{
+    if (!program)
+        return;
+    program->setUniformValue("modelMatrix", modelMatrix);
+    program->setUniformValue("viewMatrix", viewMatrix);
+    program->setUniformValue("projMatrix", projectionMatrix);
+    program->setUniformValue("mvp_matrix", mvpMatrix);
+    program->setUniformValue("myMaterial.m_diffuse", 0);
+    program->setUniformValue("myMaterial.m_specular", 0);
+    program->setUniformValue("myMaterial.m_shiness", 32);
+    program->setUniformValue("myLight.m_pos", QVector3D(3.0f, 3.0f, 3.0f));
+    program->setUniformValue("myLight.m_ambient", QVector3D(1.0f, 1.0f, 1.0f));
+    program->setUniformValue("myLight.m_diffuse", QVector3D(0.8f, 0.8f, 0.8f));
+    program->setUniformValue("myLight.m_specular", QVector3D(0.9f, 0.9f, 0.9f));
+    program->setUniformValue("myLight.m_c", 1.0f);
+    program->setUniformValue("myLight.m_l", 0.09f);
+    program->setUniformValue("myLight.m_q", 0.032f);
+}
