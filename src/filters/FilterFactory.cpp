@@ -1,11 +1,27 @@
 #include "filters/FilterFactory.h"
 
 #include "filters/BeautyFilterBase.h"
+#include "filters/OpenglFaceAreaFilter.h"
+#include "filters/OpenglSlimFaceFilter.h"
+#include "filters/OpenglSmoothAndWhiteningFilter.h"
+#include "filters/OpenglWhiteningFilter.h"
 
 BeautyFilterBase* createImageFilter(ImageFilterType type)
 {
     switch (type) {
+    case SLIMFACE:
+        return new OpenglSlimFaceFilter();
+    case SMOOTH:
+    case REDLIPS:
+        // One object per type, although the class is the same.
+        return new OpenglFaceAreaFilter();
+    case WHITENING:
+        return new OpenglWhiteningFilter();
+    case SMOOTHWHITENING:
+        return new OpenglSmoothAndWhiteningFilter();
     default:
+        // STICKER and BASICIMAGE have classes of their own; the background
+        // types have no filter object.
         return nullptr;
     }
 }

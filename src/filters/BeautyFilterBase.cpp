@@ -1,0 +1,459 @@
+#include "filters/BeautyFilterBase.h"
+
+#include <QDebug>
+#include <QImage>
+#include <QMetaObject>
+#include <QReadLocker>
+#include <QWriteLocker>
+
+#include "lumen_fx/ImageFilterTypes.h"
+
+BeautyFilterBase::BeautyFilterBase() = default;
+
+BeautyFilterBase::~BeautyFilterBase()
+{
+    qDeleteAll(faceResults_);
+    faceResults_.clear();
+}
+
+void BeautyFilterBase::updateParasAndFaceInfo(const ParaMap& paras, const FaceDetectResult& faceDetectResult,
+                                              int width, int height)
+{
+    setParas(paras);
+    updateFaceInfo(faceDetectResult, width, height);
+}
+
+void BeautyFilterBase::setParas(const ParaMap& paras)
+{
+    // The channel size only counts when this very call carries it.
+    int channelW = 0;
+    int channelH = 0;
+    for (const auto& kv : paras) {
+        auto it = paras_.find(kv.first);
+        if (it == paras_.end())
+            continue;
+        it->second = kv.second;
+        if (kv.first == first_page_width)
+            firstPageWidth_ = static_cast<float>(kv.second);
+        else if (kv.first == first_page_height)
+            firstPageHeight_ = static_cast<float>(kv.second);
+        else if (kv.first == channel_width)
+            channelW = static_cast<int>(kv.second);
+        else if (kv.first == channel_height)
+            channelH = static_cast<int>(kv.second);
+    }
+
+    if (firstPageWidth_ == 0.0f || firstPageHeight_ == 0.0f || channelW == 0 || channelH == 0)
+        return;
+
+    // Fit an imported page to the channel's class of resolution.
+    int targetW;
+    int targetH;
+    if (channelW > channelH) {
+        if (channelW < 1281 && channelH < 721) {
+            targetW = 1280;
+            targetH = 720;
+        } else {
+            targetW = 1920;
+            targetH = 1080;
+        }
+    } else {
+        if (channelW < 721 && channelH < 1281) {
+            targetW = 720;
+            targetH = 1280;
+        } else {
+            targetW = 1080;
+            targetH = 1920;
+        }
+    }
+    int w = static_cast<int>(firstPageWidth_);
+    int h = static_cast<int>(firstPageHeight_);
+    const double ratio = static_cast<double>(h) / static_cast<double>(w);
+    const bool landscape = targetW > targetH;
+    if (w > targetW && landscape) {
+        w = targetW;
+        h = static_cast<int>(targetW * ratio);
+    } else if (h > targetH && !landscape) {
+        h = targetH;
+        w = static_cast<int>(targetH / ratio);
+    }
+    // Texture limits; the caps differ on purpose.
+    if (h < w && w > 5760) {
+        w = 5760;
+        h = static_cast<int>(ratio * 5760.0);
+    }
+    if (h > w && h > 5400) {
+        h = 5400;
+        w = static_cast<int>(5400.0 / ratio);
+    }
+    w = w / 4 * 4;
+
+    firstPageWidth_ = static_cast<float>(w);
+    firstPageHeight_ = static_cast<float>(h);
+    paras_[first_page_width] = w;
+    paras_[first_page_height] = h;
+}
+
+void BeautyFilterBase::setFilePath(const std::string& path)
+{
+    filePath_ = path;
+}
+
+cv::Rect BeautyFilterBase::expandFaceArea(cv::Rect rect, int width, int height)
+{
+    const cv::Rect box = rect;
+    const float W = static_cast<float>(width);
+    const float H = static_cast<float>(height);
+    if (box.x < -0.1f * W || box.y < -0.1f * H)
+        return box;
+    if (box.x + box.width > 1.1f * W || box.y + box.height > 1.1f * H)
+        return box;
+
+    const int dx = static_cast<int>(0.1f * box.width);
+    const int dy = static_cast<int>(0.2f * box.height);
+    const int nx = box.x - dx / 2;
+    const int ny = box.y - 2 * dy;
+
+    cv::Rect out;
+    out.x = nx < 1 ? 0 : nx;
+    out.y = ny < 1 ? 0 : ny;
+
+    // Asymmetric on purpose: a box cut at the left keeps its former x as
+    // extra width, and one cut at the top grows by 2 dy rather than 3 dy.
+    out.width = box.width + 2 * dx;
+    if (nx < 1) {
+        out.width += box.x;
+        if (out.x + out.width > width)
+            out.width = width - box.x;
+    } else if (out.x + out.width > width) {
+        out.width = width - out.x;
+    }
+
+    if (ny < 1) {
+        out.height = box.height + 2 * dy + box.y;
+        if (out.height > height)
+            out.height = height - box.y;
+    } else {
+        out.height = box.height + 3 * dy;
+        if (out.y + out.height > height)
+            out.height = height - out.y;
+    }
+
+    out.width = out.width / 4 * 4;
+    return out;
+}
+
+bool BeautyFilterBase::takeFaceDetectResult(FaceDetectResult& result)
+{
+    // One reader per filter: the entry is dropped under the read side, which
+    // still shuts the writer out.
+    QReadLocker locker(&faceResultLock_);
+    if (faceResults_.isEmpty())
+        return false;
+    FaceDetectResult* entry = faceResults_.first();
+    if (&result != entry) {
+        result.faceRects = entry->faceRects;
+        result.keyPoints = entry->keyPoints;
+        result.faceTriplets = entry->faceTriplets;
+        result.faceValueLists = entry->faceValueLists;
+    }
+    ++faceResultAge_;
+    if (faceResultAge_ > faceResultMaxAge_) {
+        delete faceResults_.takeFirst();
+        faceResultAge_ = 0;
+    }
+    return true;
+}
+
+void BeautyFilterBase::updateFaceInfo(const FaceDetectResult& result, int width, int height)
+{
+    faceParas_.clear();
+    facePoints_.clear();
+    faceAngles_.clear();
+    faceRects_.clear();
+    mouthPoints_.clear();
+    contourPoints_.clear();
+
+    const std::vector<cv::Rect> rects = result.faceRects;
+    const std::vector<std::vector<int>> keyPoints = result.keyPoints;
+    if (rects.empty())
+        return;
+
+    const cv::Rect first = rects.front();
+    const float W = static_cast<float>(width);
+    const float H = static_cast<float>(height);
+
+    for (size_t i = 0; i < rects.size(); ++i) {
+        cv::Rect rect = rects[i];
+        // A later box starting strictly inside the first one is the same face.
+        if (i > 0 && rect.x > first.x && rect.x < first.x + first.width && rect.y > first.y
+            && rect.y < first.y + first.height)
+            continue;
+        if (rect.y < -0.2f * H || rect.x < -0.2f * W || rect.x + rect.width > 1.2f * W
+            || rect.y + rect.height > 1.2f * H)
+            continue;
+
+        paras_[detect_face_area_x] = rect.x;
+        paras_[detect_face_area_y] = rect.y;
+        paras_[detect_face_area_width] = rect.width;
+        paras_[detect_face_area_height] = rect.height;
+
+        if (rect.x < 0)
+            rect.x = 0;
+        if (rect.y < 0)
+            rect.y = 0;
+        if (rect.x + rect.width > width)
+            rect.width = width - rect.x;
+        if (rect.y + rect.height > height)
+            rect.height = height - rect.y;
+        // Cannot be positive after the clamp; kept as a guard.
+        const int overflow = rect.y + rect.height - height;
+
+        const cv::Rect area = expandFaceArea(rect, width, height);
+        writeFaceArea(area);
+
+        std::vector<int32_t> points;
+        std::vector<int32_t> mouth;
+        std::vector<int32_t> contour;
+        if (i < keyPoints.size()) {
+            points = keyPoints[i];
+            const size_t count = points.size() / 2;
+            for (size_t k = 0; k < count; ++k) {
+                if (k >= 76 && k <= 95) {
+                    mouth.push_back(points[2 * k]);
+                    mouth.push_back(points[2 * k + 1]);
+                }
+                if (k < 33) {
+                    contour.push_back(points[2 * k]);
+                    contour.push_back(points[2 * k + 1]);
+                }
+            }
+            for (size_t j = 0; j + 1 < points.size(); j += 2) {
+                points[j] -= area.x;
+                points[j + 1] -= area.y;
+                if (overflow > 0)
+                    points[j + 1] += overflow;
+            }
+        }
+
+        faceParas_.push_back(paras_);
+        mouthPoints_.push_back(mouth);
+        contourPoints_.push_back(contour);
+        facePoints_.push_back(points);
+    }
+}
+
+std::vector<BeautyFilterBase::ParaMap> BeautyFilterBase::faceParas()
+{
+    return faceParas_;
+}
+
+std::vector<std::vector<int32_t>> BeautyFilterBase::mouthPoints()
+{
+    return mouthPoints_;
+}
+
+std::vector<std::vector<int32_t>> BeautyFilterBase::contourPoints()
+{
+    return contourPoints_;
+}
+
+std::vector<std::vector<int32_t>> BeautyFilterBase::facePoints()
+{
+    return facePoints_;
+}
+
+std::vector<cv::Rect> BeautyFilterBase::faceRects()
+{
+    return faceRects_;
+}
+
+std::vector<std::vector<float>> BeautyFilterBase::faceAngles()
+{
+    return faceAngles_;
+}
+
+void BeautyFilterBase::stickerImage(QImage&) {}
+
+void BeautyFilterBase::setUniforms(QOpenGLShaderProgram*, ParaMap, int, int) {}
+
+void BeautyFilterBase::reservedHook() {}
+
+StickerInfo BeautyFilterBase::stickerInfo()
+{
+    return stickerInfo_;
+}
+
+int32_t BeautyFilterBase::cornerRadius()
+{
+    return cornerRadius_;
+}
+
+int32_t BeautyFilterBase::isMirrored()
+{
+    return isMirrored_;
+}
+
+int32_t BeautyFilterBase::isRoundCamera()
+{
+    return isRoundCamera_;
+}
+
+int32_t BeautyFilterBase::isClip()
+{
+    return isClip_;
+}
+
+float BeautyFilterBase::channelWidth()
+{
+    return channelWidth_;
+}
+
+float BeautyFilterBase::channelHeight()
+{
+    return channelHeight_;
+}
+
+float BeautyFilterBase::resWidth()
+{
+    return resWidth_;
+}
+
+float BeautyFilterBase::resHeight()
+{
+    return resHeight_;
+}
+
+float BeautyFilterBase::scale()
+{
+    return scale_;
+}
+
+float BeautyFilterBase::centerXOffset()
+{
+    return centerXOffset_;
+}
+
+float BeautyFilterBase::centerYOffset()
+{
+    return centerYOffset_;
+}
+
+float BeautyFilterBase::rotationX()
+{
+    return rotationX_;
+}
+
+float BeautyFilterBase::rotationY()
+{
+    return rotationY_;
+}
+
+float BeautyFilterBase::rotationZ()
+{
+    return rotationZ_;
+}
+
+int32_t BeautyFilterBase::fileType()
+{
+    return fileType_;
+}
+
+float BeautyFilterBase::firstPageWidth()
+{
+    return firstPageWidth_;
+}
+
+float BeautyFilterBase::firstPageHeight()
+{
+    return firstPageHeight_;
+}
+
+BeautyFilterBase::ParaMap BeautyFilterBase::paras()
+{
+    return paras_;
+}
+
+void BeautyFilterBase::updateFaceDetectResult(FaceDetectResult faceDetectResult)
+{
+    QWriteLocker locker(&faceResultLock_);
+    faceResults_.append(new FaceDetectResult(faceDetectResult));
+    if (faceResults_.size() > 1)
+        delete faceResults_.takeFirst();
+    faceResultAge_ = 0;
+}
+
+void BeautyFilterBase::writeFaceArea(const cv::Rect& area)
+{
+    paras_[face_area_x] = area.x;
+    paras_[face_area_y] = area.y;
+    paras_[face_area_width] = area.width;
+    paras_[face_area_height] = area.height;
+}
+
+std::vector<BeautyFilterBase::ParaMap> BeautyFilterBase::collectFaceAreas(
+    const cv::Mat& src, const FaceDetectResult& result, std::vector<std::vector<int32_t>>* points)
+{
+    std::vector<ParaMap> list;
+    for (size_t i = 0; i < result.faceRects.size(); ++i) {
+        const cv::Rect& rect = result.faceRects[i];
+        if (rect.x + rect.width > src.cols || rect.y + rect.height > src.rows || rect.x < 0 || rect.y < 0)
+            continue;
+        const cv::Rect area = expandFaceArea(rect, src.cols, src.rows);
+        if (points) {
+            std::vector<int32_t> moved;
+            if (i < result.keyPoints.size()) {
+                moved = result.keyPoints[i];
+                for (size_t j = 0; j + 1 < moved.size(); j += 2) {
+                    moved[j] -= area.x;
+                    moved[j + 1] -= area.y;
+                }
+            }
+            points->push_back(moved);
+        }
+        writeFaceArea(area);
+        list.push_back(paras_);
+    }
+    return list;
+}
+
+cv::Rect expandFaceAreaWith(const cv::Rect& rect, int width, int height, const FaceAreaExpansion& rule)
+{
+    const cv::Rect box = rect;
+    const float W = static_cast<float>(width);
+    const float H = static_cast<float>(height);
+    if (box.x < rule.nearX * W || box.y < rule.nearY * H)
+        return box;
+    if (box.x + box.width > rule.farX * W || box.y + box.height > rule.farY * H)
+        return box;
+
+    const int dx = static_cast<int>(0.5f * box.width);
+    const int dy = static_cast<int>(rule.dyFactor * box.height);
+
+    cv::Rect out;
+    out.x = box.x - dx;
+    if (out.x < 1)
+        out.x = 0;
+    out.y = box.y - dy;
+    if (out.y < 1)
+        out.y = 0;
+    out.height = box.height + 2 * dy;
+    if (out.y + out.height > height)
+        out.height = height - out.y;
+    out.width = box.width + 2 * dx;
+    if (out.x + out.width > width)
+        out.width = width - out.x;
+    out.width = out.width / 4 * 4;
+    return out;
+}
+
+void handPictureToRenderer(QObject* renderer, uchar* data, int width, int height, const char* who)
+{
+    if (!renderer)
+        return;
+    const bool taken = QMetaObject::invokeMethod(renderer, "doPreWork", Qt::DirectConnection, Q_ARG(uchar*, data),
+                                                 Q_ARG(int, width), Q_ARG(int, height));
+    if (!taken)
+        qWarning().nospace() << "[" << who << "] renderer " << renderer->metaObject()->className()
+                             << " takes no picture; nothing drawn";
+}

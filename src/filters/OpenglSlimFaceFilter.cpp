@@ -1,0 +1,71 @@
+#include "filters/OpenglSlimFaceFilter.h"
+
+#include <QDebug>
+#include <QOpenGLShaderProgram>
+
+#include "lumen_fx/ImageFilterTypes.h"
+
+namespace {
+const FaceAreaExpansion kSlimFaceRule{-0.2f, -0.2f, 1.2f, 1.2f, 0.2f};
+}
+
+OpenglSlimFaceFilter::OpenglSlimFaceFilter()
+{
+    paras_[slim_face_strength] = 0;
+    paras_[face_area_x] = 0;
+    paras_[face_area_y] = 0;
+    paras_[face_area_width] = 0;
+    paras_[face_area_height] = 0;
+}
+
+OpenglSlimFaceFilter::~OpenglSlimFaceFilter()
+{
+    qInfo() << "~OpenglSlimFaceFilter()";
+    if (renderer) {
+        delete renderer;
+        renderer = nullptr;
+    }
+}
+
+cv::Rect OpenglSlimFaceFilter::expandFaceArea(cv::Rect rect, int width, int height)
+{
+    return expandFaceAreaWith(rect, width, height, kSlimFaceRule);
+}
+
+void OpenglSlimFaceFilter::setUniforms(QOpenGLShaderProgram* program, ParaMap paras, int width, int height)
+{
+    if (!program) {
+        qWarning() << "[OpenglSlimFaceFilter::setUniforms] no shader program; uniforms not set";
+        return;
+    }
+    auto strength = paras.find(slim_face_strength);
+    if (strength != paras.end())
+        program->setUniformValue("slimStrength", static_cast<float>(strength->second) / 100);
+    program->setUniformValue("textureWidth", static_cast<GLfloat>(width));
+    program->setUniformValue("textureHeight", static_cast<GLfloat>(height));
+
+    const float x = static_cast<float>(paras[face_area_x]);
+    const float y = static_cast<float>(paras[face_area_y]);
+    const float w = static_cast<float>(paras[face_area_width]);
+    const float h = static_cast<float>(paras[face_area_height]);
+    program->setUniformValue("slim_face_area", x, y, w, h);
+}
+
+void OpenglSlimFaceFilter::filter(cv::Mat& src, cv::Mat& dst, ParaMap paras, const FaceDetectResult& result)
+{
+    setParas(paras);
+    filter(src, dst, result);
+}
+
+void OpenglSlimFaceFilter::filter(cv::Mat& src, cv::Mat& dst, const FaceDetectResult& result)
+{
+    if (!src.data || src.dims == 0 || src.total() == 0)
+        return;
+    std::vector<std::vector<int32_t>> points;
+    const std::vector<ParaMap> faces = collectFaceAreas(src, result, &points);
+    if (!faces.empty() && renderer) {
+        handPictureToRenderer(renderer, src.data, src.cols, src.rows, "OpenglSlimFaceFilter::filter");
+        return;
+    }
+    src.copyTo(dst);
+}

@@ -1,0 +1,27 @@
+#pragma once
+// Slim face (SLIMFACE): narrows the jaw by pulling 22 contour points towards
+// the middle of the face in the fragment shader. Key points and the face area
+// are passed in pixels.
+
+#include "filters/BeautyFilterBase.h"
+
+class OpenglSlimFaceFilter : public BeautyFilterBase {
+    Q_OBJECT
+public:
+    OpenglSlimFaceFilter();
+    ~OpenglSlimFaceFilter() override;
+
+    // The face area filter's rule.
+    cv::Rect expandFaceArea(cv::Rect rect, int width, int height) override;
+    // slimStrength = strength / 100; textureWidth/Height = frame size;
+    // slim_face_area = face area in pixels.
+    void setUniforms(QOpenGLShaderProgram* program, ParaMap paras, int width, int height) override;
+
+    // CPU path: marks the face areas and hands the picture to the renderer, if
+    // there is one; without one `dst` becomes a copy of `src`.
+    virtual void filter(cv::Mat& src, cv::Mat& dst, ParaMap paras, const FaceDetectResult& result);
+    virtual void filter(cv::Mat& src, cv::Mat& dst, const FaceDetectResult& result);
+
+protected:
+    QObject* renderer = nullptr;  // owned CPU-path GPU worker; nothing sets it
+};

@@ -1,0 +1,25 @@
+#pragma once
+// Whitening (WHITENING): lightens and warms the whole picture. Its result does
+// not depend on face geometry, so it also runs on frames without a face.
+
+#include "filters/BeautyFilterBase.h"
+
+class OpenglWhiteningFilter : public BeautyFilterBase {
+    Q_OBJECT
+public:
+    OpenglWhiteningFilter();
+    ~OpenglWhiteningFilter() override;
+
+    cv::Rect expandFaceArea(cv::Rect rect, int width, int height) override;
+    // whitening = strength / 100, pinking = strength / 100, redden = strength / 200;
+    // whitening_face_area = face area normalised by the frame size.
+    void setUniforms(QOpenGLShaderProgram* program, ParaMap paras, int width, int height) override;
+
+    // CPU path. Marks the face areas of `result` in the parameters and hands
+    // the picture to the renderer, if there is one; `dst` is not written.
+    virtual void filter(cv::Mat& src, cv::Mat& dst, ParaMap paras, const FaceDetectResult& result);
+    virtual void filter(cv::Mat& src, cv::Mat& dst, const FaceDetectResult& result);
+
+protected:
+    QObject* renderer = nullptr;  // owned CPU-path GPU worker; nothing sets it
+};
