@@ -6,6 +6,7 @@
 
 #include "ChannelHarness.h"
 #include "TestUtil.h"
+#include "filters/BeautyFilterBase.h"
 #include "scene/TextureBuffer.h"
 
 namespace {
@@ -478,4 +479,71 @@ TEST(ImageFiltersLifecycle, StopAndRestartAllFilters)
     ch.onRestartAllFilters();
     ch.tick();
     EXPECT_EQ(ch.runs, 1);
+}
+
+// The slots run on the channel's thread; here they are called directly, as the
+// queued connection would deliver them.
+TEST(ImageFiltersRouting, FilterSetFollowsAddSetAndRemove)
+{
+    ChannelHarness ch;
+    ch.onAddImageFilter(SMOOTH, true);
+    BeautyFilterBase* smooth = ch.filterObject(SMOOTH);
+    ASSERT_NE(smooth, nullptr);
+    ch.onSetFilterParameter(SMOOTH, {{smooth_strength, 10.0}});
+    // Adding SMOOTH again keeps the object and replaces its parameters.
+    ch.onAddImageFilter(SMOOTH, true);
+    ch.onSetFilterParameter(SMOOTH, {{smooth_strength, 70.0}});
+    EXPECT_EQ(ch.filterObject(SMOOTH), smooth);
+    EXPECT_EQ(smooth->paras().at(smooth_strength), 70.0);
+    EXPECT_EQ(ch.lastParameters(SMOOTH).at(smooth_strength), 70.0);
+
+    // SMOOTH and REDLIPS are the same class but get objects of their own.
+    ch.onAddImageFilter(REDLIPS, true);
+    ASSERT_NE(ch.filterObject(REDLIPS), nullptr);
+    EXPECT_NE(ch.filterObject(REDLIPS), smooth);
+    EXPECT_EQ(ch.features(), 1u);
+    ch.onAddImageFilter(SLIMFACE, true);
+    EXPECT_EQ(ch.features(), 3u);
+
+    // Types without a filter object add nothing.
+    ch.onAddImageFilter(HSVBACKGROUND, false);
+    ch.onAddImageFilter(UNUSEDFILTER, false);
+    EXPECT_EQ(ch.filterCount(), 3u);
+
+    // Removing a filter that isn't there only wakes the channel.
+    ch.onRemoveImageFilter(WHITENING);
+    EXPECT_EQ(ch.filterCount(), 3u);
+    ch.onRemoveImageFilter(SMOOTH);
+    ch.onRemoveImageFilter(REDLIPS);
+    ch.onRemoveImageFilter(SLIMFACE);
+    EXPECT_EQ(ch.filterCount(), 0u);
+
+    // The next frame inserts the marker and is drawn plain.
+    ch.startClock();
+    ch.writeFrame(picture(), false, true, false);
+    ch.tick();
+    EXPECT_TRUE(ch.holdsNoFilterMarker());
+}
+
+TEST(ImageFiltersRouting, ParametersForAMissingFilterAreKeptUntilItComes)
+{
+    ChannelHarness ch;
+    ch.onSetFilterParameter(WHITENING, {{whitening_strength, 40.0}});
+    EXPECT_EQ(ch.filterObject(WHITENING), nullptr);
+    EXPECT_EQ(ch.lastParameters(WHITENING).at(whitening_strength), 40.0);
+    EXPECT_EQ(ch.refreshFrameCount(), 20);
+    // The setter of the host emits AddImageFilter before the parameters, so the
+    // filter exists when they arrive.
+    _strength_param rec{55.0, true};
+    std::vector<ImageFilterType> order;
+    QObject::connect(&ch, &ImageFilters::AddImageFilter, [&](ImageFilterType t, bool f) {
+        order.push_back(t);
+        ch.onAddImageFilter(t, f);
+    });
+    QObject::connect(&ch, &ImageFilters::SetFilterParameter,
+                     [&](ImageFilterType t, std::map<std::string, double> p) { ch.onSetFilterParameter(t, p); });
+    ch.setFilterPara(WHITENING, WHITENINGPARA, &rec);
+    ASSERT_NE(ch.filterObject(WHITENING), nullptr);
+    EXPECT_EQ(ch.filterObject(WHITENING)->paras().at(whitening_strength), 55.0);
+    EXPECT_EQ(order, std::vector<ImageFilterType>({WHITENING}));
 }
