@@ -20,6 +20,12 @@ struct Options {
     int width = 1280;
     int height = 720;
     QColor background = QColor(20, 40, 80);
+    // Face effects and their strengths; a negative strength leaves the effect off.
+    double smooth = -1;
+    double redLips = -1;
+    double whitening = -1;
+    double slimFace = -1;
+    bool effects() const { return smooth >= 0 || redLips >= 0 || whitening >= 0 || slimFace >= 0; }
 };
 
 bool parseOptions(const QCoreApplication& app, Options& options)
@@ -32,10 +38,33 @@ bool parseOptions(const QCoreApplication& app, Options& options)
     QCommandLineOption sizeOption({"s", "size"}, "Merged size, WIDTHxHEIGHT.", "size", "1280x720");
     QCommandLineOption bgOption({"b", "background"}, "Background colour (#rrggbb or a colour name).", "colour",
                                 options.background.name());
+    QCommandLineOption smoothOption("smooth", "Skin smoothing with this strength (e.g. 80).", "strength");
+    QCommandLineOption lipsOption("redlips", "Red lips with this strength (e.g. 100).", "strength");
+    QCommandLineOption whiteningOption("whitening", "Whitening with this strength (e.g. 60).", "strength");
+    QCommandLineOption slimOption("slimface", "Slim face with this strength (e.g. 100).", "strength");
     parser.addOption(outOption);
     parser.addOption(sizeOption);
     parser.addOption(bgOption);
+    parser.addOption(smoothOption);
+    parser.addOption(lipsOption);
+    parser.addOption(whiteningOption);
+    parser.addOption(slimOption);
     parser.process(app);
+
+    auto strength = [&](const QCommandLineOption& o, double& out) {
+        if (!parser.isSet(o))
+            return true;
+        bool ok = false;
+        out = parser.value(o).toDouble(&ok);
+        if (!ok) {
+            std::fprintf(stderr, "bad strength '%s'\n", qPrintable(parser.value(o)));
+            return false;
+        }
+        return true;
+    };
+    if (!strength(smoothOption, options.smooth) || !strength(lipsOption, options.redLips)
+        || !strength(whiteningOption, options.whitening) || !strength(slimOption, options.slimFace))
+        return false;
 
     options.inputs = parser.positionalArguments();
     if (options.inputs.isEmpty())
@@ -101,6 +130,35 @@ int main(int argc, char** argv)
                     picture.width(), picture.height());
     }
 
+    // With effects, every channel but the first gets them: the merged picture
+    // then shows the plain picture (before) beside the filtered ones (after).
+    if (options.effects()) {
+        for (int i = 1; i < channels.size(); ++i) {
+            if (options.smooth >= 0) {
+                _strength_param p{options.smooth, true};
+                manager->addChannelImageFilter(scene, channels[i], SMOOTH, &p);
+            }
+            if (options.redLips >= 0) {
+                _strength_param p{options.redLips, true};
+                manager->addChannelImageFilter(scene, channels[i], REDLIPS, &p);
+            }
+            if (options.whitening >= 0) {
+                _strength_param p{options.whitening, true};
+                manager->addChannelImageFilter(scene, channels[i], WHITENING, &p);
+            }
+            if (options.slimFace >= 0) {
+                _slim_face_param p{options.slimFace};
+                manager->addChannelImageFilter(scene, channels[i], SLIMFACE, &p);
+            }
+        }
+        std::printf("effects on channels after the first: smooth %g, red lips %g, whitening %g, slim face %g "
+                    "(negative: off)\n",
+                    options.smooth, options.redLips, options.whitening, options.slimFace);
+        // Let the channels take their filters before the first frame.
+        QThread::msleep(200);
+    }
+    // Effects need the channel's GPU path; plain channels are handed over directly.
+    const bool direct = !options.effects();
     const QList<_channel_merge_param> params = layout(channels, options.width, options.height);
     QImage merged;
     QElapsedTimer timer;
@@ -108,9 +166,9 @@ int main(int argc, char** argv)
     int rounds = 0;
     // The read-back lags one merge behind, and the first merge of a channel
     // only sets up the texture exchange: keep frames and merges coming for a while.
-    while (timer.elapsed() < 1500) {
+    while (timer.elapsed() < (direct ? 1500 : 4000)) {
         for (int i = 0; i < channels.size(); ++i)
-            manager->sendChannelFrame(scene, channels[i], pictures[i], false, true, true);
+            manager->sendChannelFrame(scene, channels[i], pictures[i], false, true, direct);
         manager->mergeImages(scene, params, options.width, options.height, options.background, QImage(), QImage());
         QThread::msleep(70);
         ++rounds;
@@ -125,6 +183,8 @@ int main(int argc, char** argv)
     }
     std::printf("merged %d channel(s) into %dx%d over %s in %d rounds\n", int(channels.size()), merged.width(),
                 merged.height(), qPrintable(options.background.name()), rounds);
+    if (options.effects())
+        std::printf("before (left) and after (right): ");
     std::printf("wrote %s\n", qPrintable(options.output));
     std::fflush(stdout);
     // Scenes and channels run until the process ends.
