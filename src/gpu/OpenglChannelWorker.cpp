@@ -398,9 +398,9 @@ void OpenglChannelWorker::drawFaceArea(BeautyFilterBase* filter, bool premul)
         if (x < 1.0 || y < 1.0 || x + w > frameWidth || y + h > frameHeight)
             continue;
         const bool facePremul = premul || drawn > 0;
-        // The mesh covers the lips only: the target first takes the whole
-        // picture so far, then the lips are drawn over it.
-        drawTexture(otherFbo(), currentFbo()->texture(), imageProgram, true);
+        // The mesh covers the lips only: the target first takes a plain copy
+        // of the picture so far, then the lips are drawn over it.
+        drawTexture(otherFbo(), currentFbo()->texture(), imageProgram, false);
         redLipsProgram->bind();
         redLipsProgram->setUniformFloat("filterType", 2.0f);
         filter->setUniforms(redLipsProgram->shaderProgram(), faces[i], frameWidth, frameHeight);

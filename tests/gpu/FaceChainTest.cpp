@@ -79,10 +79,11 @@ QImage portrait()
     return image.convertToFormat(QImage::Format_RGBA8888);
 }
 
-QImage render(OpenglChannelWorker& worker, const OpenglChannelWorker::FilterMap& filters, const QImage& input)
+QImage render(OpenglChannelWorker& worker, const OpenglChannelWorker::FilterMap& filters, const QImage& input,
+             bool firstFaceOnly = false)
 {
     QImage frame = input.copy();
-    worker.renderFaceFilters(filters, frame, false, false, false);
+    worker.renderFaceFilters(filters, frame, false, firstFaceOnly, false);
     QImage out(input.width(), input.height(), QImage::Format_RGBA8888);
     out.fill(Qt::transparent);
     worker.readLastFboByAlpha(out.bits(), input.width(), input.height(), true);
@@ -373,6 +374,42 @@ TEST(FaceChain, SlimFaceMovesOnlyPixelsNearTheJaw)
         }
     EXPECT_GT(changed, 200) << "the jaw moves";
     EXPECT_EQ(farChanged, 0);
+}
+
+TEST(FaceChain, SlimFaceFirstFaceOnlyLeavesTheSecondFaceAlone)
+{
+    const QImage input = portrait();
+    Face second;
+    second.box = cv::Rect(330, 300, 94, 105);
+    second.cx = 376;
+    second.eyeY = 335;
+    second.chinY = 405;
+    second.mouthX = 375;
+    second.mouthY = 366;
+    FaceDetectResult r = detection(Face());
+    const FaceDetectResult other = detection(second);
+    r.faceRects.push_back(other.faceRects[0]);
+    r.keyPoints.push_back(other.keyPoints[0]);
+    OpenglSlimFaceFilter slim;
+    slim.setParas({{slim_face_strength, 300}});
+    slim.updateFaceInfo(r, input.width(), input.height());
+    ASSERT_EQ(slim.faceParas().size(), 2u);
+
+    auto changedAround = [&input](const QImage& out, const Face& f) {
+        int changed = 0;
+        for (int y = f.box.y; y < f.box.y + f.box.height; ++y)
+            for (int x = f.box.x; x < f.box.x + f.box.width; ++x)
+                changed += channelDiff(out.pixel(x, y), input.pixel(x, y)) > 1;
+        return changed;
+    };
+    OpenglChannelWorker worker(1, 1);
+    const QImage both = render(worker, {{SLIMFACE, &slim}}, input, false);
+    const QImage first = render(worker, {{SLIMFACE, &slim}}, input, true);
+    save(both, "facechain_slimface_two.png");
+    EXPECT_GT(changedAround(both, Face()), 200);
+    EXPECT_GT(changedAround(both, second), 200);
+    EXPECT_GT(changedAround(first, Face()), 200);
+    EXPECT_EQ(changedAround(first, second), 0) << "only the first face is warped";
 }
 
 TEST(FaceChain, FaceWithTooFewPointsIsSkippedWithAWarning)
