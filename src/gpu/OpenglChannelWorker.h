@@ -57,6 +57,12 @@ public:
     void drawTexture(QOpenGLFramebufferObject* target, GLuint texture, ShaderWorker* program, bool premul);
     // Copies fbo into the buffer's first (write) texture, at frame size.
     void copyFboToShare();
+    // The face passes in their fixed order; the result ends in fbo.
+    void applyFaceFilters(const FilterMap& filters, const QImage& image, bool useShareTexture, bool firstFaceOnly);
+    void drawSmooth(BeautyFilterBase* filter, bool premul);
+    void drawSlimFace(BeautyFilterBase* filter, bool firstFaceOnly, bool premul);
+    void drawFaceArea(BeautyFilterBase* filter, bool premul);
+    void drawWhitening(BeautyFilterBase* filter, bool premul);
 
     // The programs, for checks.
     ShaderWorker* basicShader() const { return basicProgram; }
@@ -71,6 +77,8 @@ protected:
     void settleInFbo();
     // The output step of the face and sticker renders.
     void outputStep(QImage& image, bool toImage);
+    // The copy pass of the chain: current into the other framebuffer, flip.
+    void copyPassAndFlip();
     void deletePrograms();
 
     ShaderWorker* basicProgram = nullptr;

@@ -7,6 +7,8 @@
 #include <QOpenGLVertexArrayObject>
 #include <QVector3D>
 
+#include <cmath>
+
 #include <opencv2/imgproc.hpp>
 
 #include "shader/OpenGLHelper.h"
@@ -271,4 +273,132 @@ void ShaderWorker::setMaterialUniforms()
     program->setUniformValue("myLight.m_c", 1.0f);
     program->setUniformValue("myLight.m_l", 0.09f);
     program->setUniformValue("myLight.m_q", 0.032f);
+}
+
+std::array<float, 5> ShaderWorker::lipsVertex(float x, float y, int width, int height)
+{
+    const float nx = 2.0f * std::round(x) / width - 1.0f;
+    const float ny = 2.0f * std::round(y) / height - 1.0f;
+    return {nx, ny, 0.0f, (nx + 1.0f) * 0.5f, (ny + 1.0f) * 0.5f};
+}
+
+void ShaderWorker::buildLipsMesh(std::vector<int> lipPoints, std::map<std::string, double> params, int width,
+                                 int height)
+{
+    lastLipsVertices.clear();
+    indexCount = 0;
+    // Lip points 14 and 18 (the inner middle) are needed for the mouth centre.
+    if (lipPoints.size() < 38) {
+        qWarning() << "[ShaderWorker::buildLipsMesh] lip point list too short:" << lipPoints.size();
+        return;
+    }
+    if (width <= 0 || height <= 0) {
+        qWarning() << "[ShaderWorker::buildLipsMesh] invalid picture size" << width << "x" << height;
+        return;
+    }
+    QOpenGLContext* current = QOpenGLContext::currentContext();
+    if (current) {
+        if (!vertexBuffer.isCreated()) {
+            vertexBuffer.create();
+            vertexBuffer.setUsagePattern(QOpenGLBuffer::StaticDraw);
+        }
+        if (!indexBuffer.isCreated()) {
+            indexBuffer.create();
+            indexBuffer.setUsagePattern(QOpenGLBuffer::StaticDraw);
+        }
+        if (vertexArrayName == 0) {
+            current->extraFunctions()->glGenVertexArrays(1, &vertexArrayName);
+            vertexArrayContext = current;
+        }
+    }
+
+    const int cx = (lipPoints[28] + lipPoints[36]) / 2;
+    const int cy = (lipPoints[29] + lipPoints[37]) / 2;
+    const bool mouthOpen = lipPoints[37] > lipPoints[29] + 5;
+
+    auto lookup = [&params](const char* key) {
+        auto it = params.find(key);
+        return it == params.end() ? 0.0 : it->second;
+    };
+    (void)lookup("face_area_width");
+    const int d = static_cast<int>(lookup("face_area_height") / 100.0);
+
+    const int pointCount = static_cast<int>(lipPoints.size() / 2);
+    const cv::Rect bounds(0, 0, width, height);
+    auto insertIfInside = [width, height](cv::Subdiv2D& subdiv, float x, float y) {
+        if (x < 1.0f || y < 1.0f || x > width - 1 || y > height - 1)
+            return;
+        subdiv.insert(cv::Point2f(x, y));
+    };
+    const bool centreInside = mouthOpen && cx > 0 && cy > 0 && cx < width && cy < height;
+
+    // Upper lip: outer points 0 to 6 and inner points 13 to 15.
+    delete lipsSubdiv;
+    lipsSubdiv = new cv::Subdiv2D(bounds);
+    for (int i = 0; i < pointCount; ++i) {
+        if (!(i <= 6 || (i >= 13 && i <= 15)))
+            continue;
+        const float x = static_cast<float>(lipPoints[2 * i]);
+        float y = static_cast<float>(lipPoints[2 * i + 1]);
+        if (i >= 2 && i <= 4)
+            y -= d;
+        if (i == 3)
+            y += d / 2;
+        insertIfInside(*lipsSubdiv, x, y);
+    }
+    if (centreInside)
+        lipsSubdiv->insert(cv::Point2f(static_cast<float>(cx), static_cast<float>(cy)));
+    std::vector<cv::Vec6f> triangles;
+    lipsSubdiv->getTriangleList(triangles);
+
+    // Lower lip: point 0, outer points 6 to 11 and inner points 17 on.
+    delete lipsSubdiv;
+    lipsSubdiv = new cv::Subdiv2D(bounds);
+    for (int i = 0; i < pointCount; ++i) {
+        if (!(i == 0 || (i >= 6 && i <= 11) || i >= 17))
+            continue;
+        const float x = static_cast<float>(lipPoints[2 * i]);
+        float y = static_cast<float>(lipPoints[2 * i + 1]);
+        if (i >= 7 && i <= 11)
+            y += d;
+        insertIfInside(*lipsSubdiv, x, y);
+    }
+    if (centreInside)
+        lipsSubdiv->insert(cv::Point2f(static_cast<float>(cx), static_cast<float>(cy)));
+    std::vector<cv::Vec6f> lower;
+    lipsSubdiv->getTriangleList(lower);
+    triangles.insert(triangles.end(), lower.begin(), lower.end());
+
+    for (const cv::Vec6f& t : triangles) {
+        if (mouthOpen) {
+            bool touchesCentre = false;
+            for (int k = 0; k < 3; ++k)
+                touchesCentre = touchesCentre ||
+                                (t[2 * k] == static_cast<float>(cx) && t[2 * k + 1] == static_cast<float>(cy));
+            if (touchesCentre)
+                continue;
+        }
+        for (int k = 0; k < 3; ++k) {
+            const std::array<float, 5> v = lipsVertex(t[2 * k], t[2 * k + 1], width, height);
+            lastLipsVertices.insert(lastLipsVertices.end(), v.begin(), v.end());
+        }
+    }
+
+    const int vertexCount = static_cast<int>(lastLipsVertices.size() / 5);
+    std::vector<quint16> indices(vertexCount);
+    for (int i = 0; i < vertexCount; ++i)
+        indices[i] = static_cast<quint16>(i);
+    indexCount = vertexCount;
+
+    if (!current || !vertexBuffer.isCreated() || !indexBuffer.isCreated())
+        return;
+    bindVertexArray(true);
+    vertexBuffer.bind();
+    vertexBuffer.allocate(lastLipsVertices.data(), vertexCount * kVertexStride);
+    indexBuffer.bind();
+    indexBuffer.allocate(indices.data(), vertexCount * static_cast<int>(sizeof(quint16)));
+    setQuadAttributes();
+    bindVertexArray(false);
+    vertexBuffer.release();
+    indexBuffer.release();
 }

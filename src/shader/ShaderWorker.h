@@ -8,6 +8,11 @@
 #include <QOpenGLFunctions>
 #include <QString>
 
+#include <array>
+#include <map>
+#include <string>
+#include <vector>
+
 class QOpenGLContext;
 class QOpenGLShaderProgram;
 class QOpenGLVertexArrayObject;
@@ -53,6 +58,17 @@ public:
     void drawStrip();
     void drawTriangles();
 
+    // Triangulates the 20 lip points of a face (key points 76 to 95 as x, y
+    // in picture pixels) into a mesh of the upper and the lower lip, leaving
+    // an open mouth as a hole, and uploads it for drawTriangles. The vertex
+    // buffer then holds the mesh instead of the quad until initVertices.
+    void buildLipsMesh(std::vector<int> lipPoints, std::map<std::string, double> params, int width, int height);
+    // One mesh vertex (x, y, z, s, t) of a triangle corner in picture pixels:
+    // rounded to whole pixels first, then to device coordinates.
+    static std::array<float, 5> lipsVertex(float x, float y, int width, int height);
+    // The vertices (x, y, z, s, t each) of the last lips mesh.
+    const std::vector<float>& lipsVertices() const { return lastLipsVertices; }
+
     // The lighting and matrix uniforms of the textured mesh path.
     void setMaterialUniforms();
 
@@ -84,6 +100,7 @@ protected:
     bool initialised = false;
     // Triangulation of the lip points, made by the lips mesh builder.
     cv::Subdiv2D* lipsSubdiv = nullptr;
+    std::vector<float> lastLipsVertices;
     // Never created: the attribute state lives in vertexArrayName below.
     QOpenGLVertexArrayObject* vertexArray = nullptr;
     bool functionsReady = false;
