@@ -1,0 +1,130 @@
+// Cost of one channel frame with face effects: runFilters on a 1280x720
+// picture with one large face, with all four face effects, each alone, and
+// with no filter; and the cost of the face detection that such a frame pays.
+//
+// The frame is read back to system memory at the end, which waits for the GPU
+// work, so that the timing covers the drawing and not only its issue.
+#include <map>
+#include <memory>
+#include <string>
+
+#include <benchmark/benchmark.h>
+
+#include <QGuiApplication>
+#include <QPainter>
+
+#include "channel/ImageFilters.h"
+#include "face/DnnFaceDetector.h"
+
+namespace {
+
+QImage framePicture()
+{
+    const QImage portrait = QImage(LUMEN_BENCH_PORTRAIT).convertToFormat(QImage::Format_RGBA8888);
+    QImage frame(1280, 720, QImage::Format_RGBA8888);
+    frame.fill(QColor(90, 100, 110));
+    QPainter painter(&frame);
+    const QImage scaled = portrait.scaled(720, 720, Qt::KeepAspectRatio, Qt::SmoothTransformation);
+    painter.drawImage((1280 - scaled.width()) / 2, 0, scaled);
+    return frame;
+}
+
+// A channel without its thread: the benchmark calls its frame step directly.
+class BenchChannel : public ImageFilters {
+public:
+    BenchChannel() : ImageFilters(0, 0, true, NoThreadStart{}) {}
+
+    void add(ImageFilterType type, const std::string& key, double strength)
+    {
+        onAddImageFilter(type, true);
+        onSetFilterParameter(type, {{key, strength}});
+    }
+    void frame(const QImage& picture)
+    {
+        QImage src = picture;
+        QImage dst;
+        if (filters.empty())
+            filters[NOFILTER] = nullptr;
+        runFilters(src, dst, false, true, false);
+        benchmark::DoNotOptimize(dst.constBits());
+    }
+};
+
+const std::map<std::string, std::pair<ImageFilterType, std::string>> kEffects = {
+    {"smooth", {SMOOTH, "smooth_strength"}},
+    {"redlips", {REDLIPS, "redlips_strength"}},
+    {"whitening", {WHITENING, "whitening_strength"}},
+    {"slimface", {SLIMFACE, "slim_face_strength"}},
+};
+
+void runChannel(benchmark::State& state, const std::vector<std::string>& effects)
+{
+    static const QImage picture = framePicture();
+    BenchChannel channel;
+    for (const std::string& name : effects) {
+        const auto& e = kEffects.at(name);
+        channel.add(e.first, e.second, 80.0);
+    }
+    channel.frame(picture);  // context, programs and framebuffers are made here
+    for (auto _ : state)
+        channel.frame(picture);
+}
+
+void BM_NoFilter(benchmark::State& state) { runChannel(state, {}); }
+void BM_AllFourFaceEffects(benchmark::State& state)
+{
+    runChannel(state, {"slimface", "redlips", "smooth", "whitening"});
+}
+void BM_Smooth(benchmark::State& state) { runChannel(state, {"smooth"}); }
+void BM_RedLips(benchmark::State& state) { runChannel(state, {"redlips"}); }
+void BM_Whitening(benchmark::State& state) { runChannel(state, {"whitening"}); }
+void BM_SlimFace(benchmark::State& state) { runChannel(state, {"slimface"}); }
+
+// The detection itself, as a frame pays it when its result is not cached.
+class BenchDetector : public DnnFaceDetector {
+public:
+    using DnnFaceDetector::detectImage;
+};
+
+void BM_FaceDetection(benchmark::State& state)
+{
+    static const QImage picture = framePicture();
+    BenchDetector detector;
+    std::vector<cv::Rect> rects;
+    std::vector<std::vector<int>> points;
+    std::vector<std::vector<float>> triplets;
+    std::vector<std::vector<float>> values;
+    detector.detectImage(picture, rects, points, triplets, values);
+    for (auto _ : state) {
+        rects.clear();
+        points.clear();
+        triplets.clear();
+        values.clear();
+        detector.detectImage(picture, rects, points, triplets, values);
+        if (rects.empty())
+            state.SkipWithError("no face found");
+    }
+}
+
+}  // namespace
+
+BENCHMARK(BM_NoFilter)->Unit(benchmark::kMillisecond)->MinTime(1.0);
+BENCHMARK(BM_AllFourFaceEffects)->Unit(benchmark::kMillisecond)->MinTime(1.0);
+BENCHMARK(BM_Smooth)->Unit(benchmark::kMillisecond)->MinTime(1.0);
+BENCHMARK(BM_RedLips)->Unit(benchmark::kMillisecond)->MinTime(1.0);
+BENCHMARK(BM_Whitening)->Unit(benchmark::kMillisecond)->MinTime(1.0);
+BENCHMARK(BM_SlimFace)->Unit(benchmark::kMillisecond)->MinTime(1.0);
+BENCHMARK(BM_FaceDetection)->Unit(benchmark::kMillisecond)->MinTime(1.0);
+
+int main(int argc, char** argv)
+{
+    if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
+        qputenv("QT_QPA_PLATFORM", "offscreen");
+    qputenv("QT_LOGGING_RULES", "*.info=false;*.debug=false");
+    QGuiApplication app(argc, argv);
+    benchmark::Initialize(&argc, argv);
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    std::fflush(stdout);
+    std::_Exit(0);
+}
