@@ -6,7 +6,14 @@
 #include <QReadLocker>
 #include <QWriteLocker>
 
+#include "convert/FrameConverter.h"
 #include "lumen_fx/ImageFilterTypes.h"
+
+extern "C" {
+#include <libavutil/frame.h>
+#include <libavutil/imgutils.h>
+#include <libavutil/mem.h>
+}
 
 BeautyFilterBase::BeautyFilterBase() = default;
 
@@ -445,6 +452,54 @@ cv::Rect expandFaceAreaWith(const cv::Rect& rect, int width, int height, const F
         out.width = width - out.x;
     out.width = out.width / 4 * 4;
     return out;
+}
+
+void BeautyFilterBase::filterImageThroughMat(const QImage& src, QImage& dst, const MatFilter& matFilter)
+{
+    cv::Mat srcMat = FrameConverter::instance()->qimageToBgrMat(src);
+    cv::Mat dstMat;
+    matFilter(srcMat, dstMat);
+    if (dstMat.empty())
+        return;
+    dst = FrameConverter::instance()->matToQImage(dstMat);
+}
+
+void BeautyFilterBase::filterFrameThroughMat(AVFrame* src, AVFrame* dst, const MatFilter& matFilter,
+                                             const char* who)
+{
+    if (!src) {
+        qWarning().nospace() << "[" << who << "] no source frame; call dropped";
+        return;
+    }
+    if (src->width < 1 || src->height < 1)
+        return;
+
+    FrameConverter* converter = FrameConverter::instance();
+    cv::Mat srcMat;
+    converter->frameToMat(src, srcMat, false, src->width, src->height);
+    cv::Mat dstMat;
+    matFilter(srcMat, dstMat);
+
+    AVFrame* result = nullptr;
+    converter->matToFrame(dstMat, result, src->width, src->height);
+    if (!result)
+        return;
+    if (result->data[0]) {
+        // `dst` is the caller's frame: only its planes can take the result.
+        if (dst && dst->width == result->width && dst->height == result->height && dst->format == result->format
+            && dst->data[0]) {
+            av_image_copy(dst->data, dst->linesize, const_cast<const uint8_t**>(result->data), result->linesize,
+                          static_cast<AVPixelFormat>(result->format), result->width, result->height);
+        } else {
+            qWarning().nospace() << "[" << who << "] destination frame "
+                                 << (dst ? dst->width : 0) << "x" << (dst ? dst->height : 0) << " format "
+                                 << (dst ? dst->format : -1) << " does not match the result "
+                                 << result->width << "x" << result->height << " format " << result->format
+                                 << "; result dropped";
+        }
+        av_freep(&result->data[0]);
+    }
+    av_frame_free(&result);
 }
 
 void handPictureToRenderer(QObject* renderer, uchar* data, int width, int height, const char* who)

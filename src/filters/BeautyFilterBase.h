@@ -8,6 +8,7 @@
 // guarded by its own lock. Everything else must run on the pipeline's thread.
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -22,6 +23,7 @@
 
 class QImage;
 class QOpenGLShaderProgram;
+struct AVFrame;
 
 class BeautyFilterBase : public QObject {
     Q_OBJECT
@@ -102,6 +104,18 @@ protected:
                                           std::vector<std::vector<int32_t>>* points = nullptr);
     // Writes the four face_area_* keys.
     void writeFaceArea(const cv::Rect& area);
+
+    // The picture and frame entries of the CPU `filter` family wrap the
+    // class's own cv::Mat routine, given here as `matFilter` (src, dst).
+    using MatFilter = std::function<void(cv::Mat& src, cv::Mat& dst)>;
+    // QImage -> BGR Mat -> matFilter -> `dst`. When the routine leaves its
+    // output empty, `dst` keeps what it held.
+    void filterImageThroughMat(const QImage& src, QImage& dst, const MatFilter& matFilter);
+    // AVFrame -> BGR Mat -> matFilter -> new YUV420P frame, whose planes are
+    // copied into `dst` when its width, height and format match; the new frame
+    // is freed. Frames without a width or height are ignored; `who` names the
+    // caller in log lines.
+    void filterFrameThroughMat(AVFrame* src, AVFrame* dst, const MatFilter& matFilter, const char* who);
 
     ParaMap paras_;
     std::map<std::string, std::string> filterTexts_;

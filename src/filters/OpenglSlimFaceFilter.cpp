@@ -69,3 +69,14 @@ void OpenglSlimFaceFilter::filter(cv::Mat& src, cv::Mat& dst, const FaceDetectRe
     }
     src.copyTo(dst);
 }
+
+void OpenglSlimFaceFilter::filter(const QImage& src, QImage& dst, const FaceDetectResult& result)
+{
+    filterImageThroughMat(src, dst, [this, &result](cv::Mat& s, cv::Mat& d) { filter(s, d, result); });
+}
+
+void OpenglSlimFaceFilter::filter(AVFrame* src, AVFrame* dst, const FaceDetectResult& result)
+{
+    filterFrameThroughMat(
+        src, dst, [this, &result](cv::Mat& s, cv::Mat& d) { filter(s, d, result); }, "OpenglSlimFaceFilter::filter");
+}

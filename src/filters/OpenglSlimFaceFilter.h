@@ -21,6 +21,10 @@ public:
     // there is one; without one `dst` becomes a copy of `src`.
     virtual void filter(cv::Mat& src, cv::Mat& dst, ParaMap paras, const FaceDetectResult& result);
     virtual void filter(cv::Mat& src, cv::Mat& dst, const FaceDetectResult& result);
+    // The same routine on a QImage (through a BGR Mat) and on an AVFrame (the
+    // result is copied into `dst` when its size and format match).
+    virtual void filter(const QImage& src, QImage& dst, const FaceDetectResult& result);
+    virtual void filter(AVFrame* src, AVFrame* dst, const FaceDetectResult& result);
 
 protected:
     QObject* renderer = nullptr;  // owned CPU-path GPU worker; nothing sets it

@@ -74,3 +74,14 @@ void OpenglSmoothAndWhiteningFilter::filter(cv::Mat& src, cv::Mat&, const FaceDe
     writeFaceArea(cv::Rect(0, 0, src.cols, src.rows));
     handPictureToRenderer(renderer, src.data, src.cols, src.rows, "OpenglSmoothAndWhiteningFilter::filter");
 }
+
+void OpenglSmoothAndWhiteningFilter::filter(const QImage& src, QImage& dst, const FaceDetectResult& result)
+{
+    filterImageThroughMat(src, dst, [this, &result](cv::Mat& s, cv::Mat& d) { filter(s, d, result); });
+}
+
+void OpenglSmoothAndWhiteningFilter::filter(AVFrame* src, AVFrame* dst, const FaceDetectResult& result)
+{
+    filterFrameThroughMat(
+        src, dst, [this, &result](cv::Mat& s, cv::Mat& d) { filter(s, d, result); }, "OpenglSmoothAndWhiteningFilter::filter");
+}

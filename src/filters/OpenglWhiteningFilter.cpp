@@ -76,3 +76,14 @@ void OpenglWhiteningFilter::filter(cv::Mat& src, cv::Mat&, const FaceDetectResul
     writeFaceArea(cv::Rect(0, 0, src.cols, src.rows));
     handPictureToRenderer(renderer, src.data, src.cols, src.rows, "OpenglWhiteningFilter::filter");
 }
+
+void OpenglWhiteningFilter::filter(const QImage& src, QImage& dst, const FaceDetectResult& result)
+{
+    filterImageThroughMat(src, dst, [this, &result](cv::Mat& s, cv::Mat& d) { filter(s, d, result); });
+}
+
+void OpenglWhiteningFilter::filter(AVFrame* src, AVFrame* dst, const FaceDetectResult& result)
+{
+    filterFrameThroughMat(
+        src, dst, [this, &result](cv::Mat& s, cv::Mat& d) { filter(s, d, result); }, "OpenglWhiteningFilter::filter");
+}
