@@ -2,6 +2,7 @@
 // effect lands where it should and a plain channel reproduces its input.
 #include <functional>
 
+#include <QPainter>
 #include <QThread>
 #include <gtest/gtest.h>
 
@@ -133,4 +134,55 @@ TEST(FaceEffectsRoad, SkippedFaceFiltersLeaveThePictureAlone)
     const QImage merged = road.run(true, [&](const QImage&) { return ++frames > 25; });
     ASSERT_FALSE(merged.isNull());
     EXPECT_LE(maxDifference(merged, road.portrait, merged.rect()), 1);
+}
+
+TEST(FaceEffectsRoad, HostileInputNeverCrashesAndKeepsAPicture)
+{
+    Road road;
+    // Strengths far outside the usual range pass through unclamped.
+    _strength_param hugeSmooth{1e6, true};
+    _strength_param negativeLips{-500.0, true};
+    _strength_param hugeWhitening{5000.0, true};
+    _slim_face_param negativeSlim{-2000.0};
+    road.m->addChannelImageFilter(road.scene, road.channel, SMOOTH, &hugeSmooth);
+    road.m->addChannelImageFilter(road.scene, road.channel, REDLIPS, &negativeLips);
+    road.m->addChannelImageFilter(road.scene, road.channel, WHITENING, &hugeWhitening);
+    road.m->addChannelImageFilter(road.scene, road.channel, SLIMFACE, &negativeSlim);
+    // Filters for channels that don't exist do nothing.
+    road.m->addChannelImageFilter(road.scene, road.channel + 100, SMOOTH, &hugeSmooth);
+    road.m->addChannelImageFilter(road.scene + 100, road.channel, SMOOTH, &hugeSmooth);
+    QThread::msleep(150);
+
+    // Pictures whose size changes every frame: the face cut by the left edge,
+    // a blank picture with no face, the portrait scaled, and the whole portrait.
+    QImage cut(300, 400, QImage::Format_RGBA8888);
+    cut.fill(Qt::gray);
+    {
+        QPainter painter(&cut);
+        painter.drawImage(-200, -40, road.portrait);
+    }
+    QImage blank(333, 222, QImage::Format_RGBA8888);
+    blank.fill(QColor(20, 200, 20));
+    const QList<QImage> frames = {cut, blank, road.portrait.scaled(640, 640), road.portrait};
+
+    _channel_merge_param p;
+    p.channelId = road.channel;
+    p.rect = QRect(0, 0, 320, 240);
+    int round = 0;
+    int pictures = 0;
+    QImage merged;
+    testutil::waitFor(
+        [&] {
+            road.m->sendChannelFrame(road.scene, road.channel, frames[round % frames.size()], false, true, false);
+            road.m->mergeImages(road.scene, {p}, 320, 240, Qt::black, QImage(), QImage());
+            QThread::msleep(40);
+            if (road.m->getMergeImg(road.scene, merged))
+                ++pictures;
+            return ++round >= 60;
+        },
+        30000);
+    EXPECT_EQ(round, 60);
+    EXPECT_GT(pictures, 0);
+    ASSERT_TRUE(road.m->getMergeImg(road.scene, merged));
+    EXPECT_EQ(merged.size(), QSize(320, 240));
 }
