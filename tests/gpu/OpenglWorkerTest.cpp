@@ -174,7 +174,7 @@ TEST(OpenglWorkerReadback, PortraitComesBackUnchangedAndUpright)
     EXPECT_EQ(out, portrait) << "row 0 of the result is row 0 of the picture";
 }
 
-TEST(OpenglWorkerPasses, FramesWithFiltersComeThroughUnchangedForNow)
+TEST(OpenglWorkerPasses, FiltersWithoutFacesLeaveTheFrameUnchanged)
 {
     ProbeWorker worker;
     TextureBuffer buffer;
