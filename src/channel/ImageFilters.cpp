@@ -438,6 +438,9 @@ void ImageFilters::onAddImageFilter(ImageFilterType t, bool)
     }
     filters[t] = filter;
     neededFeatures |= featureBits(t);
+    // The plain-picture marker stands only for an empty set; left beside a real
+    // filter, its pass-through would draw over that filter's result.
+    filters.erase(NOFILTER);
 }
 
 void ImageFilters::onRemoveImageFilter(ImageFilterType t)

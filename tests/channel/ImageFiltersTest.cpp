@@ -523,6 +523,11 @@ TEST(ImageFiltersRouting, FilterSetFollowsAddSetAndRemove)
     ch.writeFrame(picture(), false, true, false);
     ch.tick();
     EXPECT_TRUE(ch.holdsNoFilterMarker());
+
+    // A filter added while frames run replaces the marker.
+    ch.onAddImageFilter(WHITENING, true);
+    EXPECT_EQ(ch.filterCount(), 1u);
+    EXPECT_NE(ch.filterObject(WHITENING), nullptr);
 }
 
 TEST(ImageFiltersRouting, ParametersForAMissingFilterAreKeptUntilItComes)

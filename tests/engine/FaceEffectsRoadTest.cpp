@@ -186,3 +186,16 @@ TEST(FaceEffectsRoad, HostileInputNeverCrashesAndKeepsAPicture)
     ASSERT_TRUE(road.m->getMergeImg(road.scene, merged));
     EXPECT_EQ(merged.size(), QSize(320, 240));
 }
+
+TEST(FaceEffectsRoad, FilterAddedWhileFramesRunTakesEffect)
+{
+    Road road;
+    // Plain frames first: the channel runs without filters.
+    road.run(false, [&](const QImage& img) { return maxDifference(img, road.portrait, kFace) <= 1; });
+    _strength_param lips{400.0, true};
+    road.m->addChannelImageFilter(road.scene, road.channel, REDLIPS, &lips);
+    const QImage merged = road.run(false, [&](const QImage& img) {
+        return maxDifference(img, road.portrait, kMouth) > 20 && maxDifference(img, road.portrait, kFarCorner) <= 1;
+    });
+    EXPECT_GT(maxDifference(merged, road.portrait, kMouth), 20);
+}
