@@ -199,3 +199,18 @@ TEST(FaceEffectsRoad, FilterAddedWhileFramesRunTakesEffect)
     });
     EXPECT_GT(maxDifference(merged, road.portrait, kMouth), 20);
 }
+
+TEST(FaceEffectsRoad, SlimmingActsAroundTheJawOnly)
+{
+    Road road;
+    _slim_face_param slim{100.0};
+    road.m->addChannelImageFilter(road.scene, road.channel, SLIMFACE, &slim);
+    QThread::msleep(150);
+    const QImage merged = road.run(false, [&](const QImage& img) {
+        return maxDifference(img, road.portrait, kFace) > 6 && maxDifference(img, road.portrait, kFarCorner) <= 1;
+    });
+    merged.save(testutil::outputPath("road_slimface.png"));
+    EXPECT_GT(maxDifference(merged, road.portrait, kFace), 6);
+    EXPECT_LE(maxDifference(merged, road.portrait, kFarCorner), 1);
+    EXPECT_LE(maxDifference(merged, road.portrait, QRect(0, 330, 120, 120)), 1);
+}
