@@ -176,11 +176,7 @@ void SceneManager::tick()
         QMutexLocker locker(&requestMutex);
         if (requests.isEmpty()) {
             locker.unlock();
-            QCoreApplication::processEvents();
-            const int64_t elapsed = (nowNs() - lastTickNs) / 1000000;
-            if (elapsed >= 0)
-                QThread::msleep(static_cast<unsigned long>(elapsed < frameIntervalMs ? frameIntervalMs - elapsed : 5));
-            lastTickNs = nowNs();
+            endTick();
             return;
         }
         MergeRequest* first = requests.takeFirst();
@@ -255,6 +251,13 @@ void SceneManager::tick()
             ++bgrCount;
     }
 
+    endTick();
+}
+
+void SceneManager::endTick()
+{
+    // Queued slots run here; then the rest of the tick is slept, or 5 ms after
+    // an overrun. A clock that ran backwards doesn't sleep.
     QCoreApplication::processEvents();
     const int64_t elapsed = (nowNs() - lastTickNs) / 1000000;
     if (elapsed >= 0)

@@ -72,6 +72,7 @@ private:
     void init(int sceneId);
     void cleanUp(bool keepOutput);
     void storeBgr(const QImage& image);
+    void endTick();
     static int64_t nowNs();
 
     bool frameHeightMatches = false;
