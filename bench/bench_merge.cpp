@@ -26,7 +26,7 @@ struct Setup {
     Setup()
     {
         for (int i = 0; i < 4; ++i) {
-            auto buffer = std::make_unique<TextureBuffer>();
+            auto buffer = std::make_shared<TextureBuffer>();
             buffer->setShareReady(kScene, true);
             QImage picture(1280, 720, QImage::Format_RGBA8888);
             picture.fill(QColor::fromHsv(i * 80, 200, 220));
@@ -35,8 +35,7 @@ struct Setup {
             painter.drawEllipse(200 + 100 * i, 100, 600, 500);
             painter.end();
             buffer->setImage(picture);
-            buffers[i + 1] = buffer.get();
-            owned.push_back(std::move(buffer));
+            buffers[i + 1] = buffer;
             QRect rect((i % 2) * 960, (i / 2) * 540, 960, 540);
             _channel_merge_param param;
             param.channelId = i + 1;
@@ -62,8 +61,7 @@ struct Setup {
     void read() { merger.readLastFboByAlpha(merged.bits(), kWidth, kHeight, false, false); }
 
     OpenglFileMerger merger{kScene};
-    std::vector<std::unique_ptr<TextureBuffer>> owned;
-    std::map<int, TextureBuffer*> buffers;
+    OpenglFileMerger::BufferMap buffers;
     QList<_channel_merge_param> params;
     QImage merged;
 };

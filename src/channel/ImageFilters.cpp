@@ -11,6 +11,7 @@
 #include <QTransform>
 #include <opencv2/core.hpp>
 
+#include "engine/EngineExit.h"
 #include "face/DnnFaceDetector.h"
 #include "filters/BeautyFilterBase.h"
 #include "filters/FilterFactory.h"
@@ -187,6 +188,17 @@ TextureBuffer* ImageFilters::textureBuffer() const
     return textureBuffer_.get();
 }
 
+std::shared_ptr<TextureBuffer> ImageFilters::sharedTextureBuffer() const
+{
+    return textureBuffer_;
+}
+
+void ImageFilters::requestStop()
+{
+    qInfo() << "[ImageFilters::requestStop] stopping channel" << channelId;
+    stopRequested = true;
+}
+
 void ImageFilters::setSceneShareEnabled(bool enabled)
 {
     sceneShareEnabled = enabled;
@@ -225,22 +237,69 @@ QImage ImageFilters::destinationImage()
     return dstImage;
 }
 
+// The host may call far faster than the channel's thread takes its events, or
+// while that thread waits for its scene and takes none. So a call for a type
+// whose earlier call still waits in the queue doesn't queue another: it leaves
+// its values for the waiting one to deliver, as a newer frame replaces an
+// older one. The slots pick the newest values up when they run.
+
+void ImageFilters::postAdd(ImageFilterType type, bool isFaceDetect)
+{
+    {
+        QMutexLocker locker(&inboxMutex);
+        if (!inbox.adds.insert(type).second)
+            return;
+    }
+    emit AddImageFilter(type, isFaceDetect);
+}
+
 void ImageFilters::emitParameters(ImageFilterType type, FilterParaMap par)
 {
+    {
+        QMutexLocker locker(&inboxMutex);
+        auto queued = inbox.parameters.find(type);
+        if (queued != inbox.parameters.end()) {
+            queued->second = std::move(par);
+            return;
+        }
+        inbox.parameters.emplace(type, par);
+    }
     emit SetFilterParameter(type, par);
+}
+
+void ImageFilters::postBgImg(ImageFilterType type, const std::string& path, bool isBgBlured, bool isBgTransparent,
+                             bool isGreenScreen)
+{
+    const Inbox::BgImg call{path, isBgBlured, isBgTransparent, isGreenScreen};
+    {
+        QMutexLocker locker(&inboxMutex);
+        auto queued = inbox.bgImgs.find(type);
+        if (queued != inbox.bgImgs.end()) {
+            queued->second = call;
+            return;
+        }
+        inbox.bgImgs.emplace(type, call);
+    }
+    emit UpdateBgImg(type, path, isBgBlured, isBgTransparent, isGreenScreen);
+}
+
+bool ImageFilters::isFilterTypeValue(ImageFilterType type, const char* function)
+{
+    if (type > NOFILTER && type <= SMOOTHWHITENING)
+        return true;
+    if (type == NOFILTER)
+        qWarning().nospace() << "[ImageFilters::" << function << "] filter type 0 is not a filter; call dropped";
+    else
+        qWarning().nospace() << "[ImageFilters::" << function << "] " << int(type)
+                             << " is not a filter type; call dropped";
+    return false;
 }
 
 void ImageFilters::addImageFilter(ImageFilterType type, void* para)
 {
-    if (type == NOFILTER) {
-        qWarning() << "[ImageFilters::addImageFilter] filter type 0 is not a filter; call dropped";
+    if (!isFilterTypeValue(type, "addImageFilter"))
         return;
-    }
     FilterParaMap par;
-    if (type < 1 || type > 14) {
-        emitParameters(type, par);
-        return;
-    }
     const bool readsRecord = type != UNUSEDFILTER;
     if (readsRecord && para == nullptr) {
         qWarning() << "[ImageFilters::addImageFilter] null parameter record for filter type" << int(type)
@@ -250,7 +309,7 @@ void ImageFilters::addImageFilter(ImageFilterType type, void* para)
     switch (type) {
     case SLIMFACE:
         par[slim_face_strength] = static_cast<const _slim_face_param*>(para)->strength;
-        emit AddImageFilter(type, true);
+        postAdd(type, true);
         break;
     case SMOOTH:
     case REDLIPS:
@@ -258,28 +317,28 @@ void ImageFilters::addImageFilter(ImageFilterType type, void* para)
     case SMOOTHWHITENING: {
         const auto* rec = static_cast<const _strength_param*>(para);
         par[strengthKey(type)] = rec->strength;
-        emit AddImageFilter(type, rec->isFaceDetect);
+        postAdd(type, rec->isFaceDetect);
         break;
     }
     case STICKER: {
         const std::string path = *static_cast<const std::string*>(para);
-        emit AddImageFilter(type, true);
+        postAdd(type, true);
         if (!path.empty())
-            emit UpdateBgImg(type, path, false, false, false);
+            postBgImg(type, path, false, false, false);
         break;
     }
     case BASICIMAGE:
         par = basicImageParas(*static_cast<const _basic_image_param*>(para));
-        emit AddImageFilter(type, false);
+        postAdd(type, false);
         break;
     case HSVBACKGROUND: {
         const auto* rec = static_cast<const _hsv_background_param*>(para);
         par[hsv_h] = rec->hue;
         par[hsv_s] = rec->saturation;
         par[hsv_v] = rec->value;
-        emit AddImageFilter(type, false);
+        postAdd(type, false);
         if (!rec->bgImgPath.empty())
-            emit UpdateBgImg(type, rec->bgImgPath, false, false, false);
+            postBgImg(type, rec->bgImgPath, false, false, false);
         break;
     }
     case RGBBACKGROUND: {
@@ -290,18 +349,18 @@ void ImageFilters::addImageFilter(ImageFilterType type, void* para)
         par[similarity] = rec->similarity;
         par[smoothness] = rec->smoothness;
         par[spill] = rec->spill;
-        emit AddImageFilter(type, false);
+        postAdd(type, false);
         if (!rec->bgImgPath.empty())
-            emit UpdateBgImg(type, rec->bgImgPath, false, false, false);
+            postBgImg(type, rec->bgImgPath, false, false, false);
         break;
     }
     case IMAGEBACKGROUND:
     case IMAGEBACKGROUND2:
     case IMAGEBACKGROUND3: {
         const std::string path = *static_cast<const std::string*>(para);
-        emit AddImageFilter(type, false);
+        postAdd(type, false);
         if (!path.empty())
-            emit UpdateBgImg(type, path, false, false, false);
+            postBgImg(type, path, false, false, false);
         if (type != IMAGEBACKGROUND)
             return;
         break;
@@ -311,9 +370,9 @@ void ImageFilters::addImageFilter(ImageFilterType type, void* para)
         par[similarity] = rec->similarity;
         par[smoothness] = rec->smoothness;
         par[spill] = rec->spill;
-        emit AddImageFilter(type, false);
+        postAdd(type, false);
         if (!rec->bgImgPath.empty() || rec->isBgBlured || rec->isBgTransparent || rec->isGreenScreen)
-            emit UpdateBgImg(type, rec->bgImgPath, rec->isBgBlured, rec->isBgTransparent, rec->isGreenScreen);
+            postBgImg(type, rec->bgImgPath, rec->isBgBlured, rec->isBgTransparent, rec->isGreenScreen);
         break;
     }
     default:
@@ -324,10 +383,8 @@ void ImageFilters::addImageFilter(ImageFilterType type, void* para)
 
 void ImageFilters::setFilterPara(ImageFilterType type, FilterParaType paraType, void* para)
 {
-    if (type == NOFILTER) {
-        qWarning() << "[ImageFilters::setFilterPara] filter type 0 is not a filter; call dropped";
+    if (!isFilterTypeValue(type, "setFilterPara"))
         return;
-    }
     FilterParaMap par;
     const bool matches = (type == SLIMFACE && paraType == SLIMFACEPARA) || (type == SMOOTH && paraType == SMOOTHPARA)
                          || (type == REDLIPS && paraType == REDLIPSPARA)
@@ -347,30 +404,30 @@ void ImageFilters::setFilterPara(ImageFilterType type, FilterParaType paraType, 
     switch (type) {
     case SLIMFACE:
         par[slim_face_strength] = static_cast<const _slim_face_param*>(para)->strength;
-        emit AddImageFilter(type, true);
+        postAdd(type, true);
         break;
     case SMOOTH:
     case WHITENING:
     case SMOOTHWHITENING: {
         const auto* rec = static_cast<const _strength_param*>(para);
         par[strengthKey(type)] = rec->strength;
-        emit AddImageFilter(type, rec->isFaceDetect);
+        postAdd(type, rec->isFaceDetect);
         break;
     }
     case REDLIPS:
         par[redlips_strength] = static_cast<const _strength_param*>(para)->strength;
-        emit AddImageFilter(type, true);
+        postAdd(type, true);
         break;
     case STICKER: {
         const std::string path = *static_cast<const std::string*>(para);
-        emit AddImageFilter(type, true);
+        postAdd(type, true);
         if (!path.empty())
-            emit UpdateBgImg(type, path, false, false, false);
+            postBgImg(type, path, false, false, false);
         break;
     }
     case BASICIMAGE:
         par = basicImageParas(*static_cast<const _basic_image_param*>(para));
-        emit AddImageFilter(type, false);
+        postAdd(type, false);
         break;
     default:
         break;
@@ -401,6 +458,14 @@ void ImageFilters::onClearFrame()
 
 void ImageFilters::onSetFilterParameter(ImageFilterType t, std::map<std::string, double> par)
 {
+    {
+        QMutexLocker locker(&inboxMutex);
+        auto newest = inbox.parameters.find(t);
+        if (newest != inbox.parameters.end()) {
+            par = std::move(newest->second);
+            inbox.parameters.erase(newest);
+        }
+    }
     auto existing = filters.find(t);
     if (existing != filters.end() && existing->second == nullptr) {
         qWarning() << "[ImageFilters::onSetFilterParameter] no filter object behind type" << int(t)
@@ -426,6 +491,10 @@ void ImageFilters::onSetFilterParameter(ImageFilterType t, std::map<std::string,
 
 void ImageFilters::onAddImageFilter(ImageFilterType t, bool)
 {
+    {
+        QMutexLocker locker(&inboxMutex);
+        inbox.adds.erase(t);
+    }
     refreshFrames = kIdleRefreshFrames;
     if (filters.count(t) || t < 1 || t > 14)
         return;
@@ -470,6 +539,14 @@ void ImageFilters::onRemoveImageFilter(ImageFilterType t)
 
 void ImageFilters::onUpdateBgImg(ImageFilterType t, std::string bgImgPath, bool, bool, bool)
 {
+    {
+        QMutexLocker locker(&inboxMutex);
+        auto newest = inbox.bgImgs.find(t);
+        if (newest != inbox.bgImgs.end()) {
+            bgImgPath = newest->second.path;
+            inbox.bgImgs.erase(newest);
+        }
+    }
     auto it = filters.find(t);
     if (it != filters.end() && t == STICKER && it->second)
         it->second->setFilePath(bgImgPath);
@@ -689,6 +766,10 @@ void ImageFilters::tick()
     const bool readBack = !(sceneShareEnabled && isSceneChannel && pauseMode != 6);
     runFilters(src, dst, false, readBack, false);
     const int64_t ended = nowNs();
+    if (!exitHookArmed && channelWorker->isGlInited()) {
+        engineexit::arm();
+        exitHookArmed = true;
+    }
     const int frameMs = static_cast<int>((ended - started) / 1000000);
 
     if (configuredFps > 15 && ended - lastFpsChangeNs >= kFpsChangeHoldNs)
@@ -956,6 +1037,9 @@ void ImageFilters::closeAll()
         channelWorker->releaseGlObjects();
         channelWorker->releaseShareTextures();
     }
+    // A scene that still lists the channel passes over its slot from now on.
+    textureBuffer_->setImageMode(true);
+    textureBuffer_->setImage(QImage());
     qDeleteAll(frameRecords);
     frameRecords.clear();
     dropPictures();

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 
 #include <QImage>
@@ -46,6 +47,14 @@ public:
     void setFilterPara(ImageFilterType type, FilterParaType paraType, void* para);
 
     TextureBuffer* textureBuffer() const;
+    // The scene's share of the buffer: it outlives the channel while the scene draws.
+    std::shared_ptr<TextureBuffer> sharedTextureBuffer() const;
+
+    // Any thread: ends the loop at its next check, also while it waits for its
+    // scene without taking events. closeAll then runs on the channel's thread;
+    // join workerThread() to wait for it. The object deletes itself with its thread.
+    void requestStop();
+    QThread* workerThread() const { return thread; }
 
     // Plain setters, called right after construction.
     void setSceneShareEnabled(bool enabled);
@@ -136,7 +145,11 @@ private:
     void init(int sceneId, int channelId, bool isSceneChannel);
     void connectSignals();
     void makeWorker();
+    void postAdd(ImageFilterType type, bool isFaceDetect);
     void emitParameters(ImageFilterType type, FilterParaMap par);
+    void postBgImg(ImageFilterType type, const std::string& path, bool isBgBlured, bool isBgTransparent,
+                   bool isGreenScreen);
+    static bool isFilterTypeValue(ImageFilterType type, const char* function);
     void dropPictures();
 
 protected:
@@ -189,6 +202,22 @@ protected:
     QImage spareImageA;
     QImage spareImageB;
     int pauseMode = -1;
+
+    // What the host's calls left for the queued ones still waiting (see postAdd).
+    struct Inbox {
+        struct BgImg {
+            std::string path;
+            bool isBgBlured = false;
+            bool isBgTransparent = false;
+            bool isGreenScreen = false;
+        };
+        std::set<int> adds;
+        std::map<int, FilterParaMap> parameters;
+        std::map<int, BgImg> bgImgs;
+    };
+    QMutex inboxMutex;
+    Inbox inbox;
+    bool exitHookArmed = false;
 };
 
 Q_DECLARE_METATYPE(FilterParaMap)

@@ -1,12 +1,129 @@
 #include "lumen_fx/OpenglImageManager.h"
 
+#include <atomic>
+#include <functional>
+#include <memory>
 #include <utility>
+#include <vector>
 
+#include <QCoreApplication>
+#include <QDeadlineTimer>
 #include <QDebug>
+#include <QGuiApplication>
+#include <QThread>
+#include <QWaitCondition>
 
 #include "channel/ImageFilters.h"
+#include "engine/EngineExit.h"
 #include "engine/OpenglImageManagerPrivate.h"
 #include "scene/SceneManager.h"
+
+namespace {
+
+// How long a creation from another thread waits for the application's thread.
+constexpr int kCreationWaitMs = 5000;
+// How long the shutdown waits for all threads together.
+constexpr int kStopWaitMs = 1500;
+
+// The record is never freed: host threads that still call while the process
+// exits find empty maps, not freed memory.
+std::atomic<OpenglImageManagerPrivate*> liveRecord{nullptr};
+
+void shutdownAtExit()
+{
+    if (OpenglImageManagerPrivate* d = liveRecord.load())
+        d->shutdown(true);
+}
+
+void shutdownWithApplication()
+{
+    if (OpenglImageManagerPrivate* d = liveRecord.load())
+        d->shutdown(false);
+}
+
+// A creation handed to the application's thread.
+struct CreationCall {
+    enum State { Waiting, Running, Done, Abandoned };
+    QMutex mutex;
+    QWaitCondition changed;
+    State state = Waiting;
+    int result = -1;
+};
+
+// Qt makes offscreen surfaces on the application's thread only. A call from
+// another thread hands the creation to that thread and waits, holding no lock
+// of the engine, so the application's thread is never stuck behind it. If that
+// thread doesn't take the call in time (no event loop, or busy), the call is
+// abandoned and the caller gets -1.
+int onApplicationThread(const char* function, const std::function<int()>& make)
+{
+    QCoreApplication* app = QCoreApplication::instance();
+    if (!qobject_cast<QGuiApplication*>(app)) {
+        qWarning().nospace() << "[OpenglImageManager::" << function
+                             << "] no QGuiApplication: create it before the first scene or channel";
+        return -1;
+    }
+    if (QThread::currentThread() == app->thread())
+        return make();
+
+    auto call = std::make_shared<CreationCall>();
+    QMetaObject::invokeMethod(
+        app,
+        [call, make] {
+            {
+                QMutexLocker locker(&call->mutex);
+                if (call->state == CreationCall::Abandoned)
+                    return;
+                call->state = CreationCall::Running;
+            }
+            const int result = make();
+            QMutexLocker locker(&call->mutex);
+            call->result = result;
+            call->state = CreationCall::Done;
+            call->changed.wakeAll();
+        },
+        Qt::QueuedConnection);
+
+    const QDeadlineTimer deadline(kCreationWaitMs);
+    QMutexLocker locker(&call->mutex);
+    while (call->state != CreationCall::Done) {
+        if (call->state == CreationCall::Running) {
+            call->changed.wait(&call->mutex);
+            continue;
+        }
+        if (!call->changed.wait(&call->mutex, deadline) && call->state == CreationCall::Waiting) {
+            call->state = CreationCall::Abandoned;
+            qWarning().nospace() << "[OpenglImageManager::" << function
+                                 << "] the application's thread took no events for " << kCreationWaitMs
+                                 << " ms; nothing made";
+            return -1;
+        }
+    }
+    return call->result;
+}
+
+// Ends the threads of objects whose loops were told to stop. Each object
+// deletes itself on its own thread when its thread finishes; the thread
+// object is deleted here once it has finished.
+void joinThreads(const std::vector<std::pair<int, QThread*>>& threads, const QDeadlineTimer& deadline,
+                 const char* kind)
+{
+    for (const auto& entry : threads) {
+        QThread* thread = entry.second;
+        QObject::disconnect(thread, &QThread::finished, thread, &QObject::deleteLater);
+        // The loop has returned or will: its thread leaves its event loop at once.
+        thread->quit();
+    }
+    for (const auto& entry : threads) {
+        QThread* thread = entry.second;
+        if (thread->wait(deadline))
+            delete thread;
+        else
+            qWarning() << "[OpenglImageManager::shutdown]" << kind << entry.first << "did not stop in time";
+    }
+}
+
+}  // namespace
 
 OpenglImageManagerPrivate* imageManagerPrivate(const OpenglImageManager* manager)
 {
@@ -20,11 +137,88 @@ ImageFilters* OpenglImageManagerPrivate::findChannel(int sceneId, int channelId)
     return it == channels.end() ? nullptr : it->second;
 }
 
-SceneManager* OpenglImageManagerPrivate::findScene(int sceneId)
+void OpenglImageManagerPrivate::hookApplication()
+{
+    QCoreApplication* app = QCoreApplication::instance();
+    if (hookedApplication == app)
+        return;
+    // Runs in the application's destructor, while Qt's platform plugin and the
+    // GL driver are still there.
+    qAddPostRoutine(&shutdownWithApplication);
+    hookedApplication = app;
+}
+
+int OpenglImageManagerPrivate::makeScene()
 {
     QMutexLocker locker(&sceneMutex);
-    auto it = scenes.find(sceneId);
-    return it == scenes.end() ? nullptr : it->second;
+    if (closed) {
+        qWarning() << "[OpenglImageManager::genSceneFilters] the process is exiting; no scene made";
+        return -1;
+    }
+    hookApplication();
+    const int id = nextSceneId++;
+    auto* scene = new SceneManager(id, nullptr);
+    if (genBgrFirst || genBgrSecond != genBgrFirst)
+        scene->startGenBgr(genBgrFirst, genBgrSecond);
+    scenes.emplace(id, scene);
+    return id;
+}
+
+int OpenglImageManagerPrivate::makeChannel(int sceneId, bool isSceneChannel)
+{
+    QMutexLocker sceneLocker(&sceneMutex);
+    QMutexLocker channelLocker(&channelMutex);
+    if (closed) {
+        qWarning() << "[OpenglImageManager::genChannelFilters] the process is exiting; no channel made";
+        return -1;
+    }
+    auto scene = scenes.find(sceneId);
+    if (scene == scenes.end())
+        return -1;
+    const int id = nextChannelId++;
+    auto* channel = new ImageFilters(sceneId, id, isSceneChannel, nullptr);
+    channel->setSceneShareEnabled(sceneShareEnabled);
+    channel->setManagerValue(channelValue);
+    channel->setFrameRate(defaultFps);
+    channel->setManagerFlag(channelFlag);
+    scene->second->addChannel(id, channel->sharedTextureBuffer());
+    channels.emplace(std::make_pair(sceneId, id), channel);
+    return id;
+}
+
+void OpenglImageManagerPrivate::shutdown(bool forGood)
+{
+    std::map<int, SceneManager*> stoppingScenes;
+    std::map<std::pair<int, int>, ImageFilters*> stoppingChannels;
+    {
+        QWriteLocker forwardLocker(&forwardLock);
+        QMutexLocker sceneLocker(&sceneMutex);
+        QMutexLocker channelLocker(&channelMutex);
+        closed = closed || forGood;
+        hookedApplication = nullptr;
+        stoppingScenes.swap(scenes);
+        stoppingChannels.swap(channels);
+    }
+    if (stoppingScenes.empty() && stoppingChannels.empty())
+        return;
+    qInfo() << "[OpenglImageManager::shutdown] stopping" << stoppingChannels.size() << "channel(s) and"
+            << stoppingScenes.size() << "scene(s)";
+
+    const QDeadlineTimer deadline(kStopWaitMs);
+    // Channels first: a channel still waiting for its scene's context must not
+    // find that context deleted under it.
+    std::vector<std::pair<int, QThread*>> threads;
+    for (auto& entry : stoppingChannels) {
+        threads.emplace_back(entry.first.second, entry.second->workerThread());
+        entry.second->requestStop();
+    }
+    joinThreads(threads, deadline, "channel");
+    threads.clear();
+    for (auto& entry : stoppingScenes) {
+        threads.emplace_back(entry.first, entry.second->workerThread());
+        entry.second->requestStop();
+    }
+    joinThreads(threads, deadline, "scene");
 }
 
 OpenglImageManager* OpenglImageManager::instance()
@@ -33,46 +227,34 @@ OpenglImageManager* OpenglImageManager::instance()
     return &manager;
 }
 
-OpenglImageManager::OpenglImageManager() : d(new OpenglImageManagerPrivate) {}
+OpenglImageManager::OpenglImageManager() : d(new OpenglImageManagerPrivate)
+{
+    liveRecord = d;
+    engineexit::setHandler(&shutdownAtExit);
+}
 
 OpenglImageManager::~OpenglImageManager()
 {
     qInfo() << "~OpenglImageManager()";
-    // Scenes and channels live to the end of the process: nothing is stopped here.
-    delete d;
+    // The process exits: whatever still runs stops now, in order. The record
+    // stays for host threads that still call.
+    d->shutdown(true);
 }
 
 int OpenglImageManager::genSceneFilters() const
 {
-    QMutexLocker locker(&d->sceneMutex);
-    const int id = d->nextSceneId++;
-    auto* scene = new SceneManager(id, nullptr);
-    if (d->genBgrFirst || d->genBgrSecond != d->genBgrFirst)
-        scene->startGenBgr(d->genBgrFirst, d->genBgrSecond);
-    d->scenes.emplace(id, scene);
-    return id;
+    return onApplicationThread("genSceneFilters", [this] { return d->makeScene(); });
 }
 
 int OpenglImageManager::genChannelFilters(int sceneId, bool isSceneChannel) const
 {
-    QMutexLocker sceneLocker(&d->sceneMutex);
-    QMutexLocker channelLocker(&d->channelMutex);
-    auto scene = d->scenes.find(sceneId);
-    if (scene == d->scenes.end())
-        return -1;
-    const int id = d->nextChannelId++;
-    auto* channel = new ImageFilters(sceneId, id, isSceneChannel, nullptr);
-    channel->setSceneShareEnabled(d->sceneShareEnabled);
-    channel->setManagerValue(d->channelValue);
-    channel->setFrameRate(d->defaultFps);
-    channel->setManagerFlag(d->channelFlag);
-    scene->second->addChannel(id, channel->textureBuffer());
-    d->channels.emplace(std::make_pair(sceneId, id), channel);
-    return id;
+    return onApplicationThread("genChannelFilters",
+                               [this, sceneId, isSceneChannel] { return d->makeChannel(sceneId, isSceneChannel); });
 }
 
 void OpenglImageManager::addChannelImageFilter(int sceneId, int channelId, ImageFilterType type, void* para) const
 {
+    QReadLocker forward(&d->forwardLock);
     if (ImageFilters* channel = d->findChannel(sceneId, channelId))
         channel->addImageFilter(type, para);
 }
@@ -80,6 +262,7 @@ void OpenglImageManager::addChannelImageFilter(int sceneId, int channelId, Image
 void OpenglImageManager::setChannelFilterParas(int sceneId, int channelId, ImageFilterType type,
                                                FilterParaType paraType, void* para) const
 {
+    QReadLocker forward(&d->forwardLock);
     if (ImageFilters* channel = d->findChannel(sceneId, channelId))
         channel->setFilterPara(type, paraType, para);
 }
@@ -87,6 +270,7 @@ void OpenglImageManager::setChannelFilterParas(int sceneId, int channelId, Image
 void OpenglImageManager::sendChannelFrame(int sceneId, int channelId, const QImage& image, bool skipFaceFilters,
                                           bool isChanged, bool isDirect) const
 {
+    QReadLocker forward(&d->forwardLock);
     if (ImageFilters* channel = d->findChannel(sceneId, channelId))
         channel->writeFrame(image, skipFaceFilters, isChanged, isDirect);
 }

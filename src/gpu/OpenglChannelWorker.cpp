@@ -52,16 +52,23 @@ OpenglChannelWorker::OpenglChannelWorker(int channelId_, int sceneId_) : OpenglW
 OpenglChannelWorker::~OpenglChannelWorker()
 {
     qInfo() << "OpenglChannelWorker::~OpenglChannelWorker()";
-    // GL work only where the context can be made current: on the thread that
-    // made it. Elsewhere the share group frees the names later.
-    const bool canUseContext = context && context->thread() == QThread::currentThread();
-    if (canUseContext)
+    // The stop path deletes the worker on the channel's thread, where its
+    // context can be made current. Anywhere else no GL call is made: the names
+    // go with the context, and only the wrappers are freed.
+    const bool ownThread = context && context->thread() == QThread::currentThread();
+    if (context && !ownThread)
+        qWarning() << "[OpenglChannelWorker::~OpenglChannelWorker] destroyed off its context's thread";
+    if (ownThread) {
         releaseTextures();
-    releaseGlObjects();
-    if (canUseContext)
-        makeCurrent();
+        releaseGlObjects();
+    }
+    const bool current = ownThread && makeCurrent();
     deletePrograms();
-    if (canUseContext)
+    delete inputTexture;
+    inputTexture = nullptr;
+    delete stickerTexture;
+    stickerTexture = nullptr;
+    if (current)
         doneCurrent();
 }
 

@@ -59,28 +59,32 @@ OpenglFileMerger::OpenglFileMerger(int sceneId_) : OpenglWorkerBase(0, sceneId_)
 OpenglFileMerger::~OpenglFileMerger()
 {
     qInfo() << "OpenglFileMerger::~OpenglFileMerger";
-    // GL names are freed at once only on the context's own thread; elsewhere
-    // the share group frees them when the context goes.
-    const bool canUseContext = context && context->thread() == QThread::currentThread() && makeCurrent();
+    // The stop path deletes the merger on the scene's thread, where its context
+    // can be made current. Anywhere else no GL call is made: the names go with
+    // the context, and only the wrappers are freed.
+    const bool ownThread = context && context->thread() == QThread::currentThread();
+    if (context && !ownThread)
+        qWarning() << "[OpenglFileMerger::~OpenglFileMerger] destroyed off its context's thread";
+    const bool current = ownThread && makeCurrent();
     delete mergeShader;
     mergeShader = nullptr;
     delete renderShader;
     renderShader = nullptr;
     delete shader;
     shader = nullptr;
-    if (canUseContext) {
-        delete graffitiTexture;
-        for (auto& entry : channelTextures)
-            delete entry.second;
-        doneCurrent();
-    }
+    delete graffitiTexture;
     graffitiTexture = nullptr;
+    for (auto& entry : channelTextures)
+        delete entry.second;
     channelTextures.clear();
+    if (current)
+        doneCurrent();
 }
 
-void OpenglFileMerger::setTextureBuffers(std::map<int, TextureBuffer*> buffers)
+void OpenglFileMerger::setTextureBuffers(BufferMap buffers)
 {
-    textureBuffers = std::move(buffers);
+    QMutexLocker locker(&buffersMutex);
+    textureBuffers.swap(buffers);
 }
 
 void OpenglFileMerger::releaseTextures()
@@ -268,6 +272,13 @@ void OpenglFileMerger::mergeImages(const QList<_channel_merge_param>& params, in
         return;
     }
 
+    // The host thread may replace the map meanwhile; this merge keeps its own.
+    BufferMap buffers;
+    {
+        QMutexLocker buffersLocker(&buffersMutex);
+        buffers = textureBuffers;
+    }
+
     // Keeps channel threads from swapping textures while the frame is drawn.
     QReadLocker locker(&sharedTextureLock());
 
@@ -275,10 +286,10 @@ void OpenglFileMerger::mergeImages(const QList<_channel_merge_param>& params, in
     // context sharing with this one gets the context, and the merge waits.
     if (useSharedTextures && !params.isEmpty()) {
         for (const _channel_merge_param& param : params) {
-            auto found = textureBuffers.find(param.channelId);
-            if (found == textureBuffers.end() || !found->second)
+            auto found = buffers.find(param.channelId);
+            if (found == buffers.end() || !found->second)
                 continue;
-            TextureBuffer* buffer = found->second;
+            TextureBuffer* buffer = found->second.get();
             if (buffer->isShareReady(sceneId))
                 continue;
             buffer->setShareContext(sceneId, context);
@@ -320,10 +331,10 @@ void OpenglFileMerger::mergeImages(const QList<_channel_merge_param>& params, in
     } else {
         recordedParams.clear();
         for (const _channel_merge_param& param : params) {
-            auto found = textureBuffers.find(param.channelId);
-            if (found == textureBuffers.end() || !found->second)
+            auto found = buffers.find(param.channelId);
+            if (found == buffers.end() || !found->second)
                 continue;
-            TextureBuffer* buffer = found->second;
+            TextureBuffer* buffer = found->second.get();
             int pictureWidth = 0;
             int pictureHeight = 0;
             const bool fromImage = buffer->isImageMode();

@@ -4,10 +4,12 @@
 // reads the frame back for the host.
 
 #include <map>
+#include <memory>
 
 #include <QColor>
 #include <QImage>
 #include <QList>
+#include <QMutex>
 
 #include "gpu/OpenglWorkerBase.h"
 #include "lumen_fx/ImageFilterTypes.h"
@@ -22,8 +24,10 @@ public:
     explicit OpenglFileMerger(int sceneId);
     ~OpenglFileMerger() override;
 
-    // Replaces the map of channel buffers; not owned.
-    void setTextureBuffers(std::map<int, TextureBuffer*> buffers);
+    using BufferMap = std::map<int, std::shared_ptr<TextureBuffer>>;
+    // Replaces the map of channel buffers. Any thread: a merge in progress
+    // goes on with the map it started with, and keeps its buffers alive.
+    void setTextureBuffers(BufferMap buffers);
 
     // Makes one frame. The list order is the drawing order: a later channel
     // covers an earlier one. Rectangles are in picture coordinates, y from the
@@ -61,7 +65,8 @@ protected:
     void placePicture(int pictureWidth, int pictureHeight, const QRect& rect, double angle, int width, int height);
     void drawBackground(int width, int height, const QColor& background);
 
-    std::map<int, TextureBuffer*> textureBuffers;
+    QMutex buffersMutex;
+    BufferMap textureBuffers;
     std::map<int, QOpenGLTexture*> channelTextures;
     QOpenGLTexture* graffitiTexture = nullptr;
     ShaderWorker* mergeShader = nullptr;

@@ -11,6 +11,7 @@ extern "C" {
 #include <libavutil/mem.h>
 }
 
+#include "engine/EngineExit.h"
 #include "merge/OpenglFileMerger.h"
 #include "scene/TextureBuffer.h"
 
@@ -72,6 +73,8 @@ SceneManager::~SceneManager()
     delete finalImage;
     delete mergedImage;
     delete outputImage;
+    // The merger is gone, and with it the only user of its buffer.
+    delete sceneBuffer;
 }
 
 int64_t SceneManager::nowNs()
@@ -81,10 +84,16 @@ int64_t SceneManager::nowNs()
         .count();
 }
 
-void SceneManager::addChannel(int channelId, TextureBuffer* buffer)
+void SceneManager::addChannel(int channelId, std::shared_ptr<TextureBuffer> buffer)
 {
-    channelTextures[channelId] = buffer;
+    channelTextures[channelId] = std::move(buffer);
     merger->setTextureBuffers(channelTextures);
+}
+
+void SceneManager::requestStop()
+{
+    qInfo() << "[SceneManager::requestStop] stopping scene" << sceneId;
+    stopRequested = true;
 }
 
 void SceneManager::mergeImages(const QList<_channel_merge_param>& params, int width, int height,
@@ -209,8 +218,13 @@ void SceneManager::tick()
     if (!finalImage || finalImage->width() != width || finalImage->height() != height)
         remakeGrey(finalImage, finalBits, width, height);
 
-    if (hasGraffiti || !request.params.isEmpty())
+    if (hasGraffiti || !request.params.isEmpty()) {
         merger->mergeImages(request.params, width, height, request.background, graffiti);
+        if (!exitHookArmed && merger->isGlInited()) {
+            engineexit::arm();
+            exitHookArmed = true;
+        }
+    }
 
     if (hasGraffiti) {
         QReadLocker locker(&sharedTextureLock());

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstdint>
 #include <map>
+#include <memory>
 
 #include <QColor>
 #include <QImage>
@@ -36,7 +37,9 @@ public:
     SceneManager(int sceneId, QObject* parent = nullptr);
     ~SceneManager() override;
 
-    void addChannel(int channelId, TextureBuffer* buffer);
+    // Host thread. The scene keeps a share of the buffer, so that a channel
+    // that stops doesn't leave the merger drawing from freed memory.
+    void addChannel(int channelId, std::shared_ptr<TextureBuffer> buffer);
     void mergeImages(const QList<_channel_merge_param>& params, int width, int height, const QColor& background,
                      const QImage& graffiti, const QImage& unusedImage);
     bool getMergeImg(QImage& image);
@@ -45,6 +48,11 @@ public:
     int lastMergeWidth() const { return mergeWidth; }
     int lastMergeHeight() const { return mergeHeight; }
     int pendingRequests();
+
+    // Any thread: ends the loop at its next check, without waiting for events.
+    // The clean-up then runs on the scene's thread; join the thread to wait.
+    void requestStop();
+    QThread* workerThread() const { return thread; }
 
 signals:
     void upChannelShareTex();
@@ -89,7 +97,7 @@ private:
     QMutex bgrMutex;
     QThread* thread = nullptr;
     AVFrame* frame = nullptr;
-    std::map<int, TextureBuffer*> channelTextures;
+    std::map<int, std::shared_ptr<TextureBuffer>> channelTextures;
     QList<MergeRequest*> requests;
     OpenglFileMerger* merger = nullptr;
     TextureBuffer* sceneBuffer = nullptr;
@@ -115,4 +123,5 @@ private:
     int bgrCount = 0;
     int pauseMode = -1;
     QSemaphore stopSemaphore{0};
+    bool exitHookArmed = false;
 };

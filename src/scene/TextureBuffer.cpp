@@ -6,8 +6,9 @@
 
 QReadWriteLock& sharedTextureLock()
 {
-    static QReadWriteLock lock(QReadWriteLock::NonRecursive);
-    return lock;
+    // Never destroyed: threads that stop while the process exits still take it.
+    static QReadWriteLock* lock = new QReadWriteLock(QReadWriteLock::NonRecursive);
+    return *lock;
 }
 
 TextureBuffer::TextureBuffer() = default;
@@ -191,6 +192,8 @@ void TextureBuffer::unbindAndClearReady(QOpenGLContext* context)
 void TextureBuffer::deleteTextures(QOpenGLContext* context)
 {
     {
+        // A scene may be drawing the read texture under the read lock.
+        QWriteLocker writeLock(&sharedTextureLock());
         QMutexLocker locker(&textureMutex);
         QOpenGLFunctions* f = context->functions();
         if (writeTexture != 0)

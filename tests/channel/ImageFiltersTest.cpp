@@ -394,10 +394,15 @@ TEST(ImageFiltersRouting, RecordsBecomeParameterMaps)
     ChannelHarness ch;
     std::vector<std::pair<ImageFilterType, std::map<std::string, double>>> sent;
     std::vector<std::pair<ImageFilterType, bool>> added;
-    QObject::connect(&ch, &ImageFilters::SetFilterParameter,
-                     [&](ImageFilterType t, std::map<std::string, double> p) { sent.emplace_back(t, p); });
-    QObject::connect(&ch, &ImageFilters::AddImageFilter,
-                     [&](ImageFilterType t, bool f) { added.emplace_back(t, f); });
+    // Each signal is delivered at once, as the channel's thread would.
+    QObject::connect(&ch, &ImageFilters::SetFilterParameter, [&](ImageFilterType t, std::map<std::string, double> p) {
+        sent.emplace_back(t, p);
+        ch.onSetFilterParameter(t, p);
+    });
+    QObject::connect(&ch, &ImageFilters::AddImageFilter, [&](ImageFilterType t, bool f) {
+        added.emplace_back(t, f);
+        ch.onAddImageFilter(t, f);
+    });
 
     _strength_param smooth{42.0, false};
     ch.addImageFilter(SMOOTH, &smooth);
@@ -417,10 +422,11 @@ TEST(ImageFiltersRouting, RecordsBecomeParameterMaps)
     EXPECT_EQ(added.size(), before);
     EXPECT_TRUE(sent.back().second.empty());
 
-    // Types outside 1..14 send an empty map and add nothing.
+    // Values that are no filter type at all are dropped: each would leave an entry behind.
+    const size_t sentBefore = sent.size();
     ch.addImageFilter(static_cast<ImageFilterType>(15), nullptr);
-    EXPECT_EQ(sent.back().first, static_cast<ImageFilterType>(15));
-    EXPECT_TRUE(sent.back().second.empty());
+    ch.setFilterPara(static_cast<ImageFilterType>(-3), SMOOTHPARA, &smooth);
+    EXPECT_EQ(sent.size(), sentBefore);
 
     // Integer fields arrive as doubles, all 21 keys present.
     _basic_image_param basic{};
@@ -430,6 +436,38 @@ TEST(ImageFiltersRouting, RecordsBecomeParameterMaps)
     EXPECT_EQ(sent.back().second.size(), 21u);
     EXPECT_EQ(sent.back().second.at(is_mirrored), 1.0);
     EXPECT_EQ(sent.back().second.at(scale_strength), 2.5);
+}
+
+TEST(ImageFiltersRouting, AFloodQueuesOneCallPerTypeAndTheNewestValuesArrive)
+{
+    ChannelHarness ch;
+    int adds = 0;
+    int params = 0;
+    int paths = 0;
+    QObject::connect(&ch, &ImageFilters::AddImageFilter, [&](ImageFilterType, bool) { ++adds; });
+    QObject::connect(&ch, &ImageFilters::SetFilterParameter,
+                     [&](ImageFilterType, std::map<std::string, double>) { ++params; });
+    QObject::connect(&ch, &ImageFilters::UpdateBgImg, [&](ImageFilterType, std::string, bool, bool, bool) { ++paths; });
+    // Nothing is delivered meanwhile, as while the channel waits for its scene.
+    for (int i = 1; i <= 1000; ++i) {
+        _strength_param smooth{double(i), true};
+        ch.setFilterPara(SMOOTH, SMOOTHPARA, &smooth);
+        std::string path = "sticker" + std::to_string(i) + ".png";
+        ch.setFilterPara(STICKER, STICKERPARA, &path);
+    }
+    EXPECT_EQ(adds, 2);
+    EXPECT_EQ(params, 2);
+    EXPECT_EQ(paths, 1);
+
+    // The queued call, when it runs, carries the newest values, and the next
+    // host call queues again.
+    ch.onAddImageFilter(SMOOTH, true);
+    ch.onSetFilterParameter(SMOOTH, {{smooth_strength, 1.0}});
+    EXPECT_EQ(ch.filterObject(SMOOTH)->paras().at(smooth_strength), 1000.0);
+    _strength_param next{7.0, true};
+    ch.setFilterPara(SMOOTH, SMOOTHPARA, &next);
+    EXPECT_EQ(adds, 3);
+    EXPECT_EQ(params, 3);
 }
 
 TEST(ImageFiltersRouting, IsClipChangeLeavesFiveFramesOut)

@@ -25,19 +25,13 @@ public:
     {
         auto& buffer = buffers[channelId];
         if (!buffer)
-            buffer = std::make_unique<TextureBuffer>();
+            buffer = std::make_shared<TextureBuffer>();
         buffer->setShareReady(kScene, true);
         buffer->setImage(picture);
         return buffer.get();
     }
-    std::map<int, TextureBuffer*> map() const
-    {
-        std::map<int, TextureBuffer*> out;
-        for (const auto& entry : buffers)
-            out[entry.first] = entry.second.get();
-        return out;
-    }
-    std::map<int, std::unique_ptr<TextureBuffer>> buffers;
+    OpenglFileMerger::BufferMap map() const { return buffers; }
+    OpenglFileMerger::BufferMap buffers;
 };
 
 _channel_merge_param entry(int channelId, const QRect& rect)
@@ -268,16 +262,16 @@ TEST(OpenglFileMergerTextures, ShrunkPictureShowsEachNewFrame)
 
 TEST(OpenglFileMergerShare, HandshakeWaitsUntilTheChannelIsReady)
 {
-    TextureBuffer buffer;
-    buffer.setImage(solid(16, 16, Qt::red));
+    auto buffer = std::make_shared<TextureBuffer>();
+    buffer->setImage(solid(16, 16, Qt::red));
     OpenglFileMerger merger(kScene);
-    merger.setTextureBuffers({{1, &buffer}});
+    merger.setTextureBuffers({{1, buffer}});
     merger.mergeImages({entry(1, QRect(0, 0, 16, 16))}, 16, 16, kBackground, QImage());
     ASSERT_NE(merger.glContext(), nullptr);
-    EXPECT_EQ(buffer.getShareContext(kScene), merger.glContext()) << "the merger publishes its context";
+    EXPECT_EQ(buffer->getShareContext(kScene), merger.glContext()) << "the merger publishes its context";
     EXPECT_FALSE(merger.isGlInited()) << "and leaves that merge";
 
-    buffer.setShareReady(kScene, true);
+    buffer->setShareReady(kScene, true);
     merger.mergeImages({entry(1, QRect(0, 0, 16, 16))}, 16, 16, kBackground, QImage());
     EXPECT_TRUE(region(readMerged(merger, 16, 16), 0, 0, 16, 16, Qt::red));
 }
@@ -292,7 +286,7 @@ TEST(OpenglFileMergerShare, ChannelResultReachesTheSceneThroughTheSharedTexture)
     OpenglChannelWorker worker(7, kScene);
     worker.setTextureBuffer(&buffer);
     OpenglFileMerger merger(kScene);
-    merger.setTextureBuffers({{7, &buffer}});
+    merger.setTextureBuffers({{7, std::shared_ptr<TextureBuffer>(&buffer, [](TextureBuffer*) {})}});
     const QList<_channel_merge_param> params{entry(7, QRect(64, 32, 256, 256))};
 
     // The handshake, as the channel's loop runs it.

@@ -5,6 +5,29 @@
 // A host gets the one instance, makes a scene, makes channels in that scene,
 // sets their filters, feeds them pictures, asks the scene to merge and fetches
 // the merged picture. Scenes and channels are known by integer ids.
+//
+// Threads. The host's QGuiApplication must exist before the first scene or
+// channel; without one, genSceneFilters and genChannelFilters give -1 and a
+// warning. Every operation may be called from any thread, at any time:
+// - genSceneFilters and genChannelFilters make their objects on the
+//   application's thread, where Qt makes offscreen surfaces. Called from
+//   another thread, they hand the work to the application's thread and wait
+//   for it, up to 5 s; if that thread takes no events meanwhile (no running
+//   event loop), they give -1 and a warning. No lock of the engine is held
+//   while they wait, so the application's thread may itself be calling the
+//   engine.
+// - The other operations return at once: pictures, parameters and merge
+//   requests are handed over, and the newest one of each kind wins.
+// Each scene and each channel runs on a thread of its own, with its own
+// OpenGL context.
+//
+// The end. Scenes and channels live until the application or the process
+// ends; there is no call to remove one. When the QGuiApplication is destroyed
+// (a return from main, or a delete), and when the process exits otherwise
+// (exit() with the application alive), the engine stops every channel and
+// then every scene on its own thread, releases their GL objects there, and
+// waits for them, 1.5 s at most, before Qt and the GL driver go away. After
+// an exit nothing new is made; a new QGuiApplication can make new scenes.
 
 #include <QColor>
 #include <QImage>
