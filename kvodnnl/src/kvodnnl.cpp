@@ -257,7 +257,8 @@ struct Pose {
 
 Pose estimatePose(const dlib::full_object_detection& shape, const cv::Size& pictureSize)
 {
-    static const std::vector<cv::Point3d> generic = {
+    // A plain array: no destructor runs at exit under a detector still at work.
+    static const cv::Point3d genericFace[] = {
         {0.0, 0.0, 0.0},          // nose tip (30)
         {0.0, 382.0, 100.0},      // chin (8)
         {-225.0, -185.0, 175.0},  // outer corner of the left eye (36)
@@ -265,6 +266,7 @@ Pose estimatePose(const dlib::full_object_detection& shape, const cv::Size& pict
         {-170.0, 100.0, 150.0},   // left mouth corner (48)
         {170.0, 100.0, 150.0},    // right mouth corner (54)
     };
+    const std::vector<cv::Point3d> generic(std::begin(genericFace), std::end(genericFace));
     const std::vector<cv::Point2d> seen = {toPoint(shape.part(30)), toPoint(shape.part(8)),
                                            toPoint(shape.part(36)), toPoint(shape.part(45)),
                                            toPoint(shape.part(48)), toPoint(shape.part(54))};

@@ -156,7 +156,9 @@ void ImageFilters::makeWorker()
 ImageFilters::~ImageFilters()
 {
     qInfo() << "[ImageFilters::~ImageFilters()]release image filters.";
-    channelWorker.reset();
+    // The stop path deletes the channel on its own thread: the worker, a
+    // surface, is deleted on the application's thread.
+    OpenglWorkerBase::dispose(channelWorker.release());
     faceDetector.reset();
     textureBuffer_.reset();
     for (auto& kv : filters)
@@ -766,7 +768,9 @@ void ImageFilters::tick()
     const bool readBack = !(sceneShareEnabled && isSceneChannel && pauseMode != 6);
     runFilters(src, dst, false, readBack, false);
     const int64_t ended = nowNs();
-    if (!exitHookArmed && channelWorker->isGlInited()) {
+    // After the first frame, with its face detection: the exit handler then
+    // runs before what the detector set up is destroyed.
+    if (!exitHookArmed) {
         engineexit::arm();
         exitHookArmed = true;
     }
@@ -1036,6 +1040,8 @@ void ImageFilters::closeAll()
         channelWorker->releaseTextures();
         channelWorker->releaseGlObjects();
         channelWorker->releaseShareTextures();
+        // The context goes on the thread that made it; the worker object stays.
+        channelWorker->releaseContext();
     }
     // A scene that still lists the channel passes over its slot from now on.
     textureBuffer_->setImageMode(true);

@@ -42,16 +42,16 @@ void convertInto(const cv::Mat& src, cv::Mat& out, int code)
 
 FrameConverter* FrameConverter::instance()
 {
-    static FrameConverter converter;
-    return &converter;
+    // Never destroyed: channel threads may still convert while the process exits.
+    static FrameConverter* converter = new FrameConverter;
+    return converter;
 }
 
 FrameConverter::FrameConverter() = default;
 
 FrameConverter::~FrameConverter()
 {
-    // Released at process end; swscale holds no global state that could be
-    // gone by then, so the order against FFmpeg's own teardown does not matter.
+    // The process-wide instance is never destroyed; others free their scalers.
     sws_freeContext(matToFrameScaler);
     sws_freeContext(frameToMatScaler);
     matToFrameScaler = nullptr;
@@ -123,14 +123,14 @@ QImage FrameConverter::matToQImage(const cv::Mat& mat)
 {
     switch (mat.type()) {
     case CV_8UC1: {
-        static const QVector<QRgb> greyTable = [] {
-            QVector<QRgb> table(256);
+        static const QVector<QRgb>* greyTable = [] {
+            auto* table = new QVector<QRgb>(256);
             for (int i = 0; i < 256; ++i)
-                table[i] = qRgba(i, i, i, 255);
+                (*table)[i] = qRgba(i, i, i, 255);
             return table;
         }();
         QImage image(mat.cols, mat.rows, QImage::Format_Indexed8);
-        image.setColorTable(greyTable);
+        image.setColorTable(*greyTable);
         for (int row = 0; row < mat.rows; ++row)
             memcpy(image.scanLine(row), mat.ptr(row), static_cast<size_t>(mat.cols));
         return image.copy(QRect());

@@ -10,8 +10,10 @@ void setHandler(void (*handler)());
 
 // Registers the handler with atexit once more. Exit handlers and static
 // destructors run in the reverse order of their registration, so a
-// registration made after a worker's first GL frame runs before whatever the
-// driver, Qt and OpenCV set up for that frame is destroyed. Any thread.
+// registration made right after something first set up the driver's, Qt's or
+// OpenCV's process-wide state (a worker's context, its shaders, a channel's
+// first detection) runs before that state is destroyed. Any thread; a few
+// registrations per worker.
 void arm();
 
 }  // namespace engineexit

@@ -8,6 +8,7 @@
 
 #include <QCoreApplication>
 #include <QDeadlineTimer>
+#include <QElapsedTimer>
 #include <QDebug>
 #include <QGuiApplication>
 #include <QThread>
@@ -16,14 +17,18 @@
 #include "channel/ImageFilters.h"
 #include "engine/EngineExit.h"
 #include "engine/OpenglImageManagerPrivate.h"
+#include "gpu/OpenglWorkerBase.h"
 #include "scene/SceneManager.h"
 
 namespace {
 
 // How long a creation from another thread waits for the application's thread.
 constexpr int kCreationWaitMs = 5000;
-// How long the shutdown waits for all threads together.
-constexpr int kStopWaitMs = 1500;
+// How long the shutdown waits for all threads together. A stop takes one tick
+// of each loop, well under a second; only a thread stuck in the driver or in
+// its first face detection (loading the model) takes longer, and going on
+// without it would pull Qt and the driver away under it.
+constexpr int kStopWaitMs = 10000;
 
 // The record is never freed: host threads that still call while the process
 // exits find empty maps, not freed memory.
@@ -204,6 +209,8 @@ void OpenglImageManagerPrivate::shutdown(bool forGood)
     qInfo() << "[OpenglImageManager::shutdown] stopping" << stoppingChannels.size() << "channel(s) and"
             << stoppingScenes.size() << "scene(s)";
 
+    QElapsedTimer elapsed;
+    elapsed.start();
     const QDeadlineTimer deadline(kStopWaitMs);
     // Channels first: a channel still waiting for its scene's context must not
     // find that context deleted under it.
@@ -219,6 +226,12 @@ void OpenglImageManagerPrivate::shutdown(bool forGood)
         entry.second->requestStop();
     }
     joinThreads(threads, deadline, "scene");
+    // The workers, surfaces, are deleted here while Qt's platform plugin is
+    // still there; from another thread they stay queued for the application.
+    QCoreApplication* app = QCoreApplication::instance();
+    if (app && QThread::currentThread() == app->thread())
+        OpenglWorkerBase::deleteDisposed();
+    qInfo() << "[OpenglImageManager::shutdown] stopped in" << elapsed.elapsed() << "ms";
 }
 
 OpenglImageManager* OpenglImageManager::instance()

@@ -48,7 +48,7 @@ public:
     int makeChannel(int sceneId, bool isSceneChannel);
 
     // Stops every channel, then every scene, each through its loop on its own
-    // thread, waits for their threads (1.5 s at most) and forgets them. With
+    // thread, waits for their threads (10 s at most) and forgets them. With
     // `forGood` (the process exits) nothing is made afterwards.
     void shutdown(bool forGood);
 

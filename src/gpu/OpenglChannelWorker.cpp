@@ -32,6 +32,13 @@ const ProgramFiles kSlimFaceFilter = {":/filters/slimface_filter_vertex.glsl",
 const ProgramFiles kStickerFilter = {":/filters/sticker_filter_vertex.glsl",
                                      ":/filters/sticker_filter_fragment.glsl"};
 
+// The frame's pixels for doPreWork, which only checks that there are some:
+// bits() would detach the host's shared picture, a copy of it every frame.
+uchar* frameData(const QImage& image)
+{
+    return const_cast<uchar*>(image.constBits());
+}
+
 // Makes the program once, and gives it identity matrices and its quad.
 bool prepareProgram(ShaderWorker*& program, const ProgramFiles& files)
 {
@@ -52,24 +59,22 @@ OpenglChannelWorker::OpenglChannelWorker(int channelId_, int sceneId_) : OpenglW
 OpenglChannelWorker::~OpenglChannelWorker()
 {
     qInfo() << "OpenglChannelWorker::~OpenglChannelWorker()";
-    // The stop path deletes the worker on the channel's thread, where its
-    // context can be made current. Anywhere else no GL call is made: the names
-    // go with the context, and only the wrappers are freed.
-    const bool ownThread = context && context->thread() == QThread::currentThread();
-    if (context && !ownThread)
+    // The stop path has released the context on the channel's thread already.
+    // Elsewhere no GL call is made: the names go with the context.
+    if (context && context->thread() == QThread::currentThread()) {
+        releaseContext();
+    } else if (context) {
         qWarning() << "[OpenglChannelWorker::~OpenglChannelWorker] destroyed off its context's thread";
-    if (ownThread) {
-        releaseTextures();
-        releaseGlObjects();
+        deleteOwnGlObjects();
     }
-    const bool current = ownThread && makeCurrent();
+}
+
+void OpenglChannelWorker::deleteOwnGlObjects()
+{
     deletePrograms();
-    delete inputTexture;
-    inputTexture = nullptr;
     delete stickerTexture;
     stickerTexture = nullptr;
-    if (current)
-        doneCurrent();
+    OpenglWorkerBase::deleteOwnGlObjects();
 }
 
 void OpenglChannelWorker::deletePrograms()
@@ -261,14 +266,14 @@ void OpenglChannelWorker::outputStep(QImage& image, bool toImage)
 
 void OpenglChannelWorker::passThrough(QImage& image, bool useShareTexture)
 {
-    if (doPreWork(image.bits(), image.width(), image.height()))
+    if (doPreWork(frameData(image), image.width(), image.height()))
         drawInput(fbo, image, useShareTexture, true);
     doneCurrent();
 }
 
 void OpenglChannelWorker::copyToShare(QImage& image)
 {
-    if (doPreWork(image.bits(), image.width(), image.height())) {
+    if (doPreWork(frameData(image), image.width(), image.height())) {
         drawInput(fbo, image, false, false);
         copyFboToShare();
     }
@@ -278,7 +283,7 @@ void OpenglChannelWorker::copyToShare(QImage& image)
 void OpenglChannelWorker::renderFaceFilters(const FilterMap& filters, QImage& image, bool useShareTexture,
                                             bool firstFaceOnly, bool toImage)
 {
-    if (doPreWork(image.bits(), image.width(), image.height())) {
+    if (doPreWork(frameData(image), image.width(), image.height())) {
         applyFaceFilters(filters, image, useShareTexture, firstFaceOnly);
         outputStep(image, toImage);
     }
@@ -462,7 +467,7 @@ void OpenglChannelWorker::renderSticker(const FilterMap& filters, QImage& image,
 {
     // For now the first pass alone: the sticker draw comes with the filter
     // classes.
-    if (doPreWork(image.bits(), image.width(), image.height())) {
+    if (doPreWork(frameData(image), image.width(), image.height())) {
         drawInput(fbo, image, useShareTexture, filters.empty());
         pingPong = false;
         settleInFbo();
@@ -475,7 +480,7 @@ void OpenglChannelWorker::renderBasicImage(const FilterMap&, QImage& image, bool
 {
     // For now the picture as it stands: the geometry and colour pass comes
     // with the basic image filter class.
-    if (doPreWork(image.bits(), image.width(), image.height())) {
+    if (doPreWork(frameData(image), image.width(), image.height())) {
         frameSkipped = false;
         drawInput(fbo, image, useShareTexture, true);
         copyFboToShare();

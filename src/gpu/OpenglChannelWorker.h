@@ -80,6 +80,7 @@ protected:
     // The copy pass of the chain: current into the other framebuffer, flip.
     void copyPassAndFlip();
     void deletePrograms();
+    void deleteOwnGlObjects() override;
 
     ShaderWorker* basicProgram = nullptr;
     ShaderWorker* redLipsProgram = nullptr;

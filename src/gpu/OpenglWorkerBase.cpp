@@ -1,8 +1,10 @@
 #include "gpu/OpenglWorkerBase.h"
 
 #include <exception>
+#include <vector>
 
 #include <QCoreApplication>
+#include <QMutex>
 #include <QDebug>
 #include <QOpenGLContext>
 #include <QOpenGLFramebufferObject>
@@ -11,6 +13,7 @@
 #include <QThread>
 #include <QWriteLocker>
 
+#include "engine/EngineExit.h"
 #include "scene/TextureBuffer.h"
 #include "shader/ShaderWorker.h"
 
@@ -33,6 +36,18 @@ void dropFbo(QOpenGLFramebufferObject*& target)
     target->release();
     delete target;
     target = nullptr;
+}
+
+// Workers queued for deletion on the application's thread. Never destroyed:
+// a channel thread may still queue one while the process exits.
+struct Disposals {
+    QMutex mutex;
+    std::vector<OpenglWorkerBase*> workers;
+};
+Disposals& disposals()
+{
+    static Disposals* queue = new Disposals;
+    return *queue;
 }
 
 }  // namespace
@@ -75,7 +90,71 @@ OpenglWorkerBase::OpenglWorkerBase(int channelId_, int sceneId_)
 OpenglWorkerBase::~OpenglWorkerBase()
 {
     qInfo() << "~OpenglWorkerBase()";
+    // Subclasses release their own objects first; what is left of the base's
+    // goes here, with GL calls only on the context's own thread.
+    if (context && context->thread() == QThread::currentThread())
+        releaseContext();
+    else
+        OpenglWorkerBase::deleteOwnGlObjects();
     emit clearAll();
+}
+
+void OpenglWorkerBase::releaseContext()
+{
+    if (!context)
+        return;
+    if (context->thread() != QThread::currentThread()) {
+        qWarning() << "[OpenglWorkerBase::releaseContext] called off the context's thread; nothing released";
+        return;
+    }
+    releaseTextures();
+    releaseGlObjects();
+    const bool current = makeCurrent();
+    deleteOwnGlObjects();
+    if (current)
+        doneCurrent();
+    QWriteLocker locker(&glLock());
+    delete context;
+    context = nullptr;
+    glInited = false;
+}
+
+void OpenglWorkerBase::deleteOwnGlObjects()
+{
+    delete shader;
+    shader = nullptr;
+    delete renderShader;
+    renderShader = nullptr;
+    delete inputTexture;
+    inputTexture = nullptr;
+    inputTexWidth = 0;
+}
+
+void OpenglWorkerBase::dispose(OpenglWorkerBase* worker)
+{
+    if (!worker)
+        return;
+    QCoreApplication* app = QCoreApplication::instance();
+    if (!app || QThread::currentThread() == app->thread()) {
+        delete worker;
+        return;
+    }
+    {
+        QMutexLocker locker(&disposals().mutex);
+        disposals().workers.push_back(worker);
+    }
+    QMetaObject::invokeMethod(app, &OpenglWorkerBase::deleteDisposed, Qt::QueuedConnection);
+}
+
+void OpenglWorkerBase::deleteDisposed()
+{
+    std::vector<OpenglWorkerBase*> batch;
+    {
+        QMutexLocker locker(&disposals().mutex);
+        batch.swap(disposals().workers);
+    }
+    for (OpenglWorkerBase* worker : batch)
+        delete worker;
 }
 
 bool OpenglWorkerBase::makeCurrent()
@@ -115,6 +194,9 @@ bool OpenglWorkerBase::initContext()
     qInfo() << "gl version:" << reinterpret_cast<const char*>(glGetString(GL_VERSION));
     qInfo() << "glsl version:" << reinterpret_cast<const char*>(glGetString(GL_SHADING_LANGUAGE_VERSION));
     context->doneCurrent();
+    // The driver and Qt have made what a context needs: the engine's exit
+    // handler must run before that is destroyed.
+    engineexit::arm();
     return true;
 }
 
@@ -138,6 +220,7 @@ bool OpenglWorkerBase::doPreWork(uchar* data, int width, int height)
         if (!initOpenGL(width, height))
             return false;
         glInited = true;
+        engineexit::arm();  // after the shader compiler's first use
     }
     if (frameWidth != width || frameHeight != height)
         resize(width, height);

@@ -57,6 +57,17 @@ public:
     virtual void releaseTextures();
     virtual void releaseShareTextures();
 
+    // On the thread that made the context, at the end of a stop path:
+    // releases the worker's textures, buffers, framebuffers and programs with
+    // the context current, then the context. The worker then holds no GL
+    // state, and may be deleted on any thread.
+    void releaseContext();
+    // A worker is a surface, and Qt destroys surfaces on the application's
+    // thread: from any other thread the worker is queued and deleted there.
+    static void dispose(OpenglWorkerBase* worker);
+    // Application's thread: deletes the workers queued by dispose().
+    static void deleteDisposed();
+
 public slots:
     virtual void onClearAll();
 
@@ -125,6 +136,10 @@ public:
 protected:
     // makeCurrent of the worker's context on its own surface.
     bool makeCurrent();
+    // Deletes the programs and texture wrappers of the class. With the
+    // context current their GL names go too; without, only the wrappers do,
+    // and the names go with the context.
+    virtual void deleteOwnGlObjects();
 
     ShaderWorker* shader = nullptr;
     ShaderWorker* renderShader = nullptr;

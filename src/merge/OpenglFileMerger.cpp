@@ -11,6 +11,7 @@
 #include <QReadLocker>
 #include <QThread>
 
+#include "engine/EngineExit.h"
 #include "scene/TextureBuffer.h"
 #include "shader/ShaderWorker.h"
 
@@ -59,26 +60,26 @@ OpenglFileMerger::OpenglFileMerger(int sceneId_) : OpenglWorkerBase(0, sceneId_)
 OpenglFileMerger::~OpenglFileMerger()
 {
     qInfo() << "OpenglFileMerger::~OpenglFileMerger";
-    // The stop path deletes the merger on the scene's thread, where its context
-    // can be made current. Anywhere else no GL call is made: the names go with
-    // the context, and only the wrappers are freed.
-    const bool ownThread = context && context->thread() == QThread::currentThread();
-    if (context && !ownThread)
+    // The stop path has released the context on the scene's thread already.
+    // Elsewhere no GL call is made: the names go with the context.
+    if (context && context->thread() == QThread::currentThread()) {
+        releaseContext();
+    } else if (context) {
         qWarning() << "[OpenglFileMerger::~OpenglFileMerger] destroyed off its context's thread";
-    const bool current = ownThread && makeCurrent();
+        deleteOwnGlObjects();
+    }
+}
+
+void OpenglFileMerger::deleteOwnGlObjects()
+{
     delete mergeShader;
     mergeShader = nullptr;
-    delete renderShader;
-    renderShader = nullptr;
-    delete shader;
-    shader = nullptr;
     delete graffitiTexture;
     graffitiTexture = nullptr;
     for (auto& entry : channelTextures)
         delete entry.second;
     channelTextures.clear();
-    if (current)
-        doneCurrent();
+    OpenglWorkerBase::deleteOwnGlObjects();
 }
 
 void OpenglFileMerger::setTextureBuffers(BufferMap buffers)
@@ -308,6 +309,7 @@ void OpenglFileMerger::mergeImages(const QList<_channel_merge_param>& params, in
             return;
         }
         glInited = true;
+        engineexit::arm();  // after the shader compiler's first use
     }
     if (frameWidth != width || frameHeight != height)
         resize(width, height);

@@ -51,6 +51,8 @@ public:
     ShaderWorker* mergeProgram() const { return mergeShader; }
 
 protected:
+    void deleteOwnGlObjects() override;
+
     // The framebuffer roles, on members of the base.
     QOpenGLFramebufferObject* composeFbo() const { return fboBack; }
     QOpenGLFramebufferObject* mergedFbo() const { return fbo; }

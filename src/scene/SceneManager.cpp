@@ -11,7 +11,6 @@ extern "C" {
 #include <libavutil/mem.h>
 }
 
-#include "engine/EngineExit.h"
 #include "merge/OpenglFileMerger.h"
 #include "scene/TextureBuffer.h"
 
@@ -61,7 +60,9 @@ void SceneManager::init(int sceneId_)
 SceneManager::~SceneManager()
 {
     qInfo() << "~SceneManager()";
-    delete merger;
+    // The stop path deletes the scene on its own thread: the merger, a
+    // surface, is deleted on the application's thread.
+    OpenglWorkerBase::dispose(merger);
     merger = nullptr;
     qDeleteAll(requests);
     requests.clear();
@@ -218,13 +219,8 @@ void SceneManager::tick()
     if (!finalImage || finalImage->width() != width || finalImage->height() != height)
         remakeGrey(finalImage, finalBits, width, height);
 
-    if (hasGraffiti || !request.params.isEmpty()) {
+    if (hasGraffiti || !request.params.isEmpty())
         merger->mergeImages(request.params, width, height, request.background, graffiti);
-        if (!exitHookArmed && merger->isGlInited()) {
-            engineexit::arm();
-            exitHookArmed = true;
-        }
-    }
 
     if (hasGraffiti) {
         QReadLocker locker(&sharedTextureLock());
@@ -296,6 +292,9 @@ void SceneManager::cleanUp(bool keepOutput)
     if (merger) {
         merger->releaseTextures();
         merger->releaseGlObjects();
+        // At the stop the context goes too, on the thread that made it.
+        if (!keepOutput)
+            merger->releaseContext();
     }
     for (QImage*& image : spareImages) {
         delete image;

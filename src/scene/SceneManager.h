@@ -123,5 +123,4 @@ private:
     int bgrCount = 0;
     int pauseMode = -1;
     QSemaphore stopSemaphore{0};
-    bool exitHookArmed = false;
 };

@@ -1,6 +1,7 @@
 # Installs the built project into a scratch prefix, then builds and runs a
 # small host against it through find_package(lumen_fx) and through pkg-config.
-# Arguments: -DBUILD_DIR= -DSOURCE_DIR= -DWORK_DIR=
+# Arguments: -DBUILD_DIR= -DSOURCE_DIR= -DWORK_DIR= [-DCONSUMER_FLAGS=] (the sanitizer flags
+# of a sanitized build, which its consumer needs too)
 file(REMOVE_RECURSE ${WORK_DIR})
 set(prefix ${WORK_DIR}/prefix)
 
@@ -40,7 +41,8 @@ foreach(line ${symbols})
 endforeach()
 
 run(${CMAKE_COMMAND} -S ${SOURCE_DIR}/tests/install/consumer -B ${WORK_DIR}/consumer
-    -DCMAKE_PREFIX_PATH=${prefix} -DCMAKE_BUILD_TYPE=Release)
+    -DCMAKE_PREFIX_PATH=${prefix} -DCMAKE_BUILD_TYPE=Release
+    "-DCMAKE_CXX_FLAGS=${CONSUMER_FLAGS}" "-DCMAKE_EXE_LINKER_FLAGS=${CONSUMER_FLAGS}")
 run(${CMAKE_COMMAND} --build ${WORK_DIR}/consumer)
 run(${WORK_DIR}/consumer/consumer)
 if(NOT LAST_OUTPUT MATCHES "scene 0 channel 0 unknown -1")

@@ -179,11 +179,24 @@ TEST_F(GlFixture, SameSizeCopyTakesNoWriteLockButResizeWaitsForReaders)
     fbo.release();
 }
 
-TEST_F(GlFixture, DeleteTexturesTwiceIsHarmless)
+TEST_F(GlFixture, DeleteTexturesWaitsForReadersAndTwiceIsHarmless)
 {
     TextureBuffer buffer;
     buffer.createTextures(&context, 8, 8);
+    // A scene drawing the texture holds the read lock: the deletion waits for it.
+    std::promise<void> locked;
+    std::atomic<bool> released{false};
+    std::thread reader([&] {
+        sharedTextureLock().lockForRead();
+        locked.set_value();
+        QThread::msleep(100);
+        released = true;
+        sharedTextureLock().unlock();
+    });
+    locked.get_future().wait();
     buffer.deleteTextures(&context);
+    EXPECT_TRUE(released.load());
+    reader.join();
     EXPECT_EQ(buffer.readTextureId(), 0u);
     EXPECT_EQ(buffer.writeTextureId(), 0u);
     buffer.deleteTextures(&context);

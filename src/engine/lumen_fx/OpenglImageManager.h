@@ -26,8 +26,9 @@
 // (a return from main, or a delete), and when the process exits otherwise
 // (exit() with the application alive), the engine stops every channel and
 // then every scene on its own thread, releases their GL objects there, and
-// waits for them, 1.5 s at most, before Qt and the GL driver go away. After
-// an exit nothing new is made; a new QGuiApplication can make new scenes.
+// waits for them (one frame of work; 10 s at most) before Qt and the GL
+// driver go away. After an exit nothing new is made; after the application's
+// destruction a new QGuiApplication can make new scenes.
 
 #include <QColor>
 #include <QImage>
