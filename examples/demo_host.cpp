@@ -175,18 +175,17 @@ int main(int argc, char** argv)
     }
     if (!manager->getMergeImg(scene, merged)) {
         std::fprintf(stderr, "no merged picture after %d rounds\n", rounds);
-        std::_Exit(1);
+        return 1;
     }
     if (!merged.save(options.output, "PNG")) {
         std::fprintf(stderr, "cannot write '%s'\n", qPrintable(options.output));
-        std::_Exit(1);
+        return 1;
     }
     std::printf("merged %d channel(s) into %dx%d over %s in %d rounds\n", int(channels.size()), merged.width(),
                 merged.height(), qPrintable(options.background.name()), rounds);
     if (options.effects())
         std::printf("before (left) and after (right): ");
     std::printf("wrote %s\n", qPrintable(options.output));
-    std::fflush(stdout);
-    // Scenes and channels run until the process ends.
-    std::_Exit(0);
+    // The engine stops its scenes and channels when the application goes.
+    return 0;
 }

@@ -14,6 +14,10 @@
 #include <QThread>
 #include <QWaitCondition>
 
+#if defined(__GLIBC__)
+#include <malloc.h>
+#endif
+
 #include "channel/ImageFilters.h"
 #include "engine/EngineExit.h"
 #include "engine/OpenglImageManagerPrivate.h"
@@ -22,8 +26,6 @@
 
 namespace {
 
-// How long a creation from another thread waits for the application's thread.
-constexpr int kCreationWaitMs = 5000;
 // How long the shutdown waits for all threads together. A stop takes one tick
 // of each loop, well under a second; only a thread stuck in the driver or in
 // its first face detection (loading the model) takes longer, and going on
@@ -46,6 +48,26 @@ void shutdownWithApplication()
         d->shutdown(false);
 }
 
+// Pictures, and the GL driver's storage for them, are blocks of megabytes,
+// made and freed on many threads, at every change of a picture's size. glibc
+// serves such blocks from their own mappings at first, but after the first
+// one is freed it raises its threshold and serves them from per-thread arenas,
+// whose freed space stays with the process: under a storm of size changes the
+// resident memory settled at twice the working set and kept creeping. A fixed
+// threshold of 256 KiB keeps every such block in a mapping of its own, given
+// back when freed. A host that sets MALLOC_MMAP_THRESHOLD_ keeps its choice.
+void keepLargeBlocksMapped()
+{
+#if defined(__GLIBC__)
+    static const bool done = [] {
+        if (!qEnvironmentVariableIsSet("MALLOC_MMAP_THRESHOLD_"))
+            mallopt(M_MMAP_THRESHOLD, 256 * 1024);
+        return true;
+    }();
+    Q_UNUSED(done);
+#endif
+}
+
 // A creation handed to the application's thread.
 struct CreationCall {
     enum State { Waiting, Running, Done, Abandoned };
@@ -60,7 +82,7 @@ struct CreationCall {
 // of the engine, so the application's thread is never stuck behind it. If that
 // thread doesn't take the call in time (no event loop, or busy), the call is
 // abandoned and the caller gets -1.
-int onApplicationThread(const char* function, const std::function<int()>& make)
+int onApplicationThread(const char* function, int waitMs, const std::function<int()>& make)
 {
     QCoreApplication* app = QCoreApplication::instance();
     if (!qobject_cast<QGuiApplication*>(app)) {
@@ -89,7 +111,7 @@ int onApplicationThread(const char* function, const std::function<int()>& make)
         },
         Qt::QueuedConnection);
 
-    const QDeadlineTimer deadline(kCreationWaitMs);
+    const QDeadlineTimer deadline(waitMs);
     QMutexLocker locker(&call->mutex);
     while (call->state != CreationCall::Done) {
         if (call->state == CreationCall::Running) {
@@ -99,7 +121,7 @@ int onApplicationThread(const char* function, const std::function<int()>& make)
         if (!call->changed.wait(&call->mutex, deadline) && call->state == CreationCall::Waiting) {
             call->state = CreationCall::Abandoned;
             qWarning().nospace() << "[OpenglImageManager::" << function
-                                 << "] the application's thread took no events for " << kCreationWaitMs
+                                 << "] the application's thread took no events for " << waitMs
                                  << " ms; nothing made";
             return -1;
         }
@@ -161,6 +183,7 @@ int OpenglImageManagerPrivate::makeScene()
         return -1;
     }
     hookApplication();
+    keepLargeBlocksMapped();
     const int id = nextSceneId++;
     auto* scene = new SceneManager(id, nullptr);
     if (genBgrFirst || genBgrSecond != genBgrFirst)
@@ -256,12 +279,12 @@ OpenglImageManager::~OpenglImageManager()
 
 int OpenglImageManager::genSceneFilters() const
 {
-    return onApplicationThread("genSceneFilters", [this] { return d->makeScene(); });
+    return onApplicationThread("genSceneFilters", d->creationWaitMs, [this] { return d->makeScene(); });
 }
 
 int OpenglImageManager::genChannelFilters(int sceneId, bool isSceneChannel) const
 {
-    return onApplicationThread("genChannelFilters",
+    return onApplicationThread("genChannelFilters", d->creationWaitMs,
                                [this, sceneId, isSceneChannel] { return d->makeChannel(sceneId, isSceneChannel); });
 }
 

@@ -38,6 +38,8 @@ public:
     bool closed = false;
     // The application whose destruction stops the engine.
     QCoreApplication* hookedApplication = nullptr;
+    // How long a creation from another thread waits for the application's thread.
+    int creationWaitMs = 5000;
 
     // Looks a channel up by its (scene, channel) pair under channelMutex. The
     // caller holds forwardLock for reading while it uses the result.
