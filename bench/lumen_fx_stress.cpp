@@ -319,7 +319,7 @@ int main(int argc, char** argv)
         } else if (args[i] == "--samples" && i + 1 < args.size()) {
             samplesFile = std::fopen(qPrintable(args[++i]), "w");
             if (samplesFile)
-                std::fprintf(samplesFile, "seconds,resident_mib,heap_in_use_mib,heap_mapped_mib\n");
+                std::fprintf(samplesFile, "seconds,resident_mib,heap_in_use_mib,heap_mapped_mib,heap_mapped_blocks\n");
         } else {
             seconds = std::max(1, args[i].toInt());
         }
@@ -371,8 +371,8 @@ int main(int argc, char** argv)
             samples.emplace_back(now / 1000.0, residentMiB());
             if (samplesFile) {
                 const struct mallinfo2 heap = mallinfo2();
-                std::fprintf(samplesFile, "%.1f,%.1f,%.1f,%.1f\n", samples.back().first, samples.back().second,
-                             heap.uordblks / 1048576.0, heap.hblkhd / 1048576.0);
+                std::fprintf(samplesFile, "%.2f,%.1f,%.1f,%.1f,%d\n", samples.back().first, samples.back().second,
+                             heap.uordblks / 1048576.0, heap.hblkhd / 1048576.0, int(heap.hblks));
             }
             nextSample += sampleMs;
         }
@@ -389,6 +389,11 @@ int main(int argc, char** argv)
         }
         std::fflush(stdout);
         QThread::msleep(20);
+    }
+    if (qEnvironmentVariableIsSet("LUMEN_STRESS_ABANDON")) {
+        // For heap profilers: what is live now shows as left at exit.
+        std::fflush(stdout);
+        std::_Exit(0);
     }
     running = false;
     for (std::thread& t : hosts)
