@@ -2,10 +2,6 @@
 // The library call is replaced by faces that the test injects.
 #include <stdexcept>
 
-#include <dlfcn.h>
-
-#include <QDir>
-#include <QFileInfo>
 #include <gtest/gtest.h>
 
 #include "face/DnnFaceDetector.h"
@@ -164,23 +160,6 @@ TEST(DnnFaceDetector, ShortBoxThrowsSubscriptError)
     } catch (const std::out_of_range& e) {
         EXPECT_STREQ(e.what(), "invalid vector subscript");
     }
-}
-
-TEST(DnnFaceDetector, SharedLibraryExportsTheDeletingHelper)
-{
-    // Hosts reach the helper by name in the shared library, which otherwise
-    // hides everything but its public class.
-    const QString binaryDir = QFileInfo(testutil::outputPath("x")).dir().absolutePath() + "/..";
-    const QString library = QDir(binaryDir).absoluteFilePath("liblumen_fx.so");
-    ASSERT_TRUE(QFileInfo::exists(library)) << library.toStdString();
-    void* handle = dlopen(library.toLocal8Bit().constData(), RTLD_LAZY | RTLD_LOCAL);
-    ASSERT_NE(handle, nullptr) << dlerror();
-    using Deleter = void (*)(KVOAI::FaceDetector*);
-    auto deleter = reinterpret_cast<Deleter>(dlsym(handle, "lumen_fx_delete_face_detector"));
-    ASSERT_NE(deleter, nullptr);
-    deleter(new KVOAI::FaceDetector(KVOAI::DEFAULT, 1, 1));
-    deleter(nullptr);
-    lumen_fx_delete_face_detector(nullptr);
 }
 
 TEST(DnnFaceDetector, FindsThePortraitThroughTheLibrary)
