@@ -85,7 +85,10 @@ void Image_Beauty_Smooth()
     smoothColor = mix(centralColor, smoothColor, pow(central, 0.33));
     smoothColor = mix(centralColor, smoothColor, pow(central, 0.39));
     smoothColor = mix(centralColor, smoothColor, smoothStrength);
-    vec3 fgColor = pow(smoothColor, vec3(0.96));
+    // A strength above 1 can carry a dark channel below 0, whose power is
+    // undefined (NaN on Mesa): that would blacken the pixel even where the
+    // face weight is 0.
+    vec3 fgColor = pow(max(smoothColor, vec3(0.0)), vec3(0.96));
 
     // The face weight drops to 0 abruptly at the level exp(-4.0).
     float face_area_x = (textureCoordinate.x - smooth_face_area.x) / smooth_face_area.z;

@@ -26,11 +26,6 @@ int boxAt(const std::vector<int>& box, size_t i)
 
 }  // namespace
 
-extern "C" void lumen_fx_delete_face_detector(KVOAI::FaceDetector* detector)
-{
-    delete detector;
-}
-
 DnnFaceDetector::DnnFaceDetector() : FaceDetector(nullptr)
 {
     if (!detector)

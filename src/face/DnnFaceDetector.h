@@ -14,13 +14,6 @@
 
 #include "face/FaceDetector.h"
 
-#ifndef LUMEN_FX_EXPORT
-#define LUMEN_FX_EXPORT __attribute__((visibility("default")))
-#endif
-
-// Deletes a detector made by kvodnnl, for hosts that hold one themselves.
-extern "C" LUMEN_FX_EXPORT void lumen_fx_delete_face_detector(KVOAI::FaceDetector* detector);
-
 class DnnFaceDetector : public FaceDetector {
     Q_OBJECT
 public:

@@ -4,7 +4,6 @@
 #include <QOpenGLContext>
 #include <QOpenGLExtraFunctions>
 #include <QOpenGLShaderProgram>
-#include <QOpenGLVertexArrayObject>
 #include <QVector3D>
 
 #include <cmath>
@@ -25,17 +24,55 @@ const float kQuadVertices[20] = {
 const quint16 kQuadIndices[4] = {0, 1, 2, 3};
 const int kVertexStride = 5 * sizeof(float);
 
+// Which of the 20 lip points make up each lip, and how far each is moved, as
+// y in picture pixels for a shift of a hundredth of the face's height: the
+// upper lip is outer points 0 to 6 (2 to 4 raised, 3 by half as much) and
+// inner points 13 to 15; the lower lip is point 0, outer points 6 to 11
+// (7 to 11 lowered) and inner points 17 to 19.
+bool upperLipPoint(int i, int shift, float& dy)
+{
+    dy = static_cast<float>((i >= 2 && i <= 4 ? -shift : 0) + (i == 3 ? shift / 2 : 0));
+    return i <= 6 || (i >= 13 && i <= 15);
+}
+
+bool lowerLipPoint(int i, int shift, float& dy)
+{
+    dy = static_cast<float>(i >= 7 && i <= 11 ? shift : 0);
+    return i == 0 || (i >= 6 && i <= 11) || i >= 17;
+}
+
+// The Delaunay triangles of one lip's points that lie a pixel or more inside
+// the picture, with the mouth's centre where given.
+std::vector<cv::Vec6f> triangulateLip(const std::vector<int>& lipPoints, bool (*lipPoint)(int, int, float&),
+                                      int shift, const cv::Point2f* centre, int width, int height)
+{
+    cv::Subdiv2D subdiv(cv::Rect(0, 0, width, height));
+    for (int i = 0; i < static_cast<int>(lipPoints.size() / 2); ++i) {
+        float dy = 0.0f;
+        if (!lipPoint(i, shift, dy))
+            continue;
+        const float x = static_cast<float>(lipPoints[2 * i]);
+        const float y = static_cast<float>(lipPoints[2 * i + 1]) + dy;
+        if (x >= 1.0f && y >= 1.0f && x <= width - 1 && y <= height - 1)
+            subdiv.insert(cv::Point2f(x, y));
+    }
+    if (centre)
+        subdiv.insert(*centre);
+    std::vector<cv::Vec6f> triangles;
+    subdiv.getTriangleList(triangles);
+    return triangles;
+}
+
 }  // namespace
 
 ShaderWorker::ShaderWorker(const QString& vertexPath, const QString& fragmentPath)
-    : vertexArray(new QOpenGLVertexArrayObject)
 {
     initializeOpenGLFunctions();
     functionsReady = true;
     initialised = initShaders(vertexPath, fragmentPath) == 1;
 }
 
-ShaderWorker::ShaderWorker() : vertexArray(new QOpenGLVertexArrayObject) {}
+ShaderWorker::ShaderWorker() = default;
 
 ShaderWorker::~ShaderWorker()
 {
@@ -52,10 +89,6 @@ ShaderWorker::~ShaderWorker()
     if (vertexArrayName != 0 && vertexArrayContext && QOpenGLContext::currentContext() == vertexArrayContext)
         vertexArrayContext->extraFunctions()->glDeleteVertexArrays(1, &vertexArrayName);
     vertexArrayName = 0;
-    delete vertexArray;
-    vertexArray = nullptr;
-    delete lipsSubdiv;
-    lipsSubdiv = nullptr;
 }
 
 int ShaderWorker::initShaders(const QString& vertexPath, const QString& fragmentPath)
@@ -122,31 +155,43 @@ void ShaderWorker::setQuadAttributes()
     program->setAttributeBuffer("a_texcoord", GL_FLOAT, 3 * sizeof(float), 2, kVertexStride);
 }
 
-void ShaderWorker::initVertices()
+bool ShaderWorker::prepareBuffers()
 {
-    if (!vertexBuffer.isCreated()) {
-        vertexBuffer.create();
-        vertexBuffer.setUsagePattern(QOpenGLBuffer::StaticDraw);
-    }
-    if (!indexBuffer.isCreated()) {
-        indexBuffer.create();
-        indexBuffer.setUsagePattern(QOpenGLBuffer::StaticDraw);
-    }
     QOpenGLContext* current = QOpenGLContext::currentContext();
-    if (vertexArrayName == 0 && current) {
+    if (!current)
+        return false;
+    for (QOpenGLBuffer* buffer : {&vertexBuffer, &indexBuffer}) {
+        if (!buffer->isCreated()) {
+            buffer->create();
+            buffer->setUsagePattern(QOpenGLBuffer::StaticDraw);
+        }
+    }
+    if (vertexArrayName == 0) {
         current->extraFunctions()->glGenVertexArrays(1, &vertexArrayName);
         vertexArrayContext = current;
     }
+    return vertexBuffer.isCreated() && indexBuffer.isCreated();
+}
+
+void ShaderWorker::uploadMesh(const float* vertices, int vertexCount, const quint16* indices, int count)
+{
+    indexCount = count;
+    if (!prepareBuffers())
+        return;
     bindVertexArray(true);
     vertexBuffer.bind();
-    vertexBuffer.allocate(kQuadVertices, sizeof(kQuadVertices));
+    vertexBuffer.allocate(vertices, vertexCount * kVertexStride);
     indexBuffer.bind();
-    indexBuffer.allocate(kQuadIndices, sizeof(kQuadIndices));
-    indexCount = 4;
+    indexBuffer.allocate(indices, count * static_cast<int>(sizeof(quint16)));
     setQuadAttributes();
     bindVertexArray(false);
     vertexBuffer.release();
     indexBuffer.release();
+}
+
+void ShaderWorker::initVertices()
+{
+    uploadMesh(kQuadVertices, 4, kQuadIndices, 4);
 }
 
 void ShaderWorker::bindVertexArray(bool on)
@@ -296,88 +341,25 @@ void ShaderWorker::buildLipsMesh(std::vector<int> lipPoints, std::map<std::strin
         qWarning() << "[ShaderWorker::buildLipsMesh] invalid picture size" << width << "x" << height;
         return;
     }
-    QOpenGLContext* current = QOpenGLContext::currentContext();
-    if (current) {
-        if (!vertexBuffer.isCreated()) {
-            vertexBuffer.create();
-            vertexBuffer.setUsagePattern(QOpenGLBuffer::StaticDraw);
-        }
-        if (!indexBuffer.isCreated()) {
-            indexBuffer.create();
-            indexBuffer.setUsagePattern(QOpenGLBuffer::StaticDraw);
-        }
-        if (vertexArrayName == 0) {
-            current->extraFunctions()->glGenVertexArrays(1, &vertexArrayName);
-            vertexArrayContext = current;
-        }
-    }
 
-    const int cx = (lipPoints[28] + lipPoints[36]) / 2;
-    const int cy = (lipPoints[29] + lipPoints[37]) / 2;
+    const cv::Point2f centre(static_cast<float>((lipPoints[28] + lipPoints[36]) / 2),
+                             static_cast<float>((lipPoints[29] + lipPoints[37]) / 2));
     const bool mouthOpen = lipPoints[37] > lipPoints[29] + 5;
+    const bool centreInside = mouthOpen && centre.x > 0 && centre.y > 0 && centre.x < width && centre.y < height;
+    const auto faceHeight = params.find("face_area_height");
+    const int shift = static_cast<int>((faceHeight == params.end() ? 0.0 : faceHeight->second) / 100.0);
 
-    auto lookup = [&params](const char* key) {
-        auto it = params.find(key);
-        return it == params.end() ? 0.0 : it->second;
-    };
-    (void)lookup("face_area_width");
-    const int d = static_cast<int>(lookup("face_area_height") / 100.0);
-
-    const int pointCount = static_cast<int>(lipPoints.size() / 2);
-    const cv::Rect bounds(0, 0, width, height);
-    auto insertIfInside = [width, height](cv::Subdiv2D& subdiv, float x, float y) {
-        if (x < 1.0f || y < 1.0f || x > width - 1 || y > height - 1)
-            return;
-        subdiv.insert(cv::Point2f(x, y));
-    };
-    const bool centreInside = mouthOpen && cx > 0 && cy > 0 && cx < width && cy < height;
-
-    // Upper lip: outer points 0 to 6 and inner points 13 to 15.
-    delete lipsSubdiv;
-    lipsSubdiv = new cv::Subdiv2D(bounds);
-    for (int i = 0; i < pointCount; ++i) {
-        if (!(i <= 6 || (i >= 13 && i <= 15)))
-            continue;
-        const float x = static_cast<float>(lipPoints[2 * i]);
-        float y = static_cast<float>(lipPoints[2 * i + 1]);
-        if (i >= 2 && i <= 4)
-            y -= d;
-        if (i == 3)
-            y += d / 2;
-        insertIfInside(*lipsSubdiv, x, y);
-    }
-    if (centreInside)
-        lipsSubdiv->insert(cv::Point2f(static_cast<float>(cx), static_cast<float>(cy)));
-    std::vector<cv::Vec6f> triangles;
-    lipsSubdiv->getTriangleList(triangles);
-
-    // Lower lip: point 0, outer points 6 to 11 and inner points 17 on.
-    delete lipsSubdiv;
-    lipsSubdiv = new cv::Subdiv2D(bounds);
-    for (int i = 0; i < pointCount; ++i) {
-        if (!(i == 0 || (i >= 6 && i <= 11) || i >= 17))
-            continue;
-        const float x = static_cast<float>(lipPoints[2 * i]);
-        float y = static_cast<float>(lipPoints[2 * i + 1]);
-        if (i >= 7 && i <= 11)
-            y += d;
-        insertIfInside(*lipsSubdiv, x, y);
-    }
-    if (centreInside)
-        lipsSubdiv->insert(cv::Point2f(static_cast<float>(cx), static_cast<float>(cy)));
-    std::vector<cv::Vec6f> lower;
-    lipsSubdiv->getTriangleList(lower);
+    std::vector<cv::Vec6f> triangles =
+        triangulateLip(lipPoints, upperLipPoint, shift, centreInside ? &centre : nullptr, width, height);
+    const std::vector<cv::Vec6f> lower =
+        triangulateLip(lipPoints, lowerLipPoint, shift, centreInside ? &centre : nullptr, width, height);
     triangles.insert(triangles.end(), lower.begin(), lower.end());
 
     for (const cv::Vec6f& t : triangles) {
-        if (mouthOpen) {
-            bool touchesCentre = false;
-            for (int k = 0; k < 3; ++k)
-                touchesCentre = touchesCentre ||
-                                (t[2 * k] == static_cast<float>(cx) && t[2 * k + 1] == static_cast<float>(cy));
-            if (touchesCentre)
-                continue;
-        }
+        // An open mouth stays a hole: no triangle keeps its centre.
+        if (mouthOpen && ((t[0] == centre.x && t[1] == centre.y) || (t[2] == centre.x && t[3] == centre.y) ||
+                          (t[4] == centre.x && t[5] == centre.y)))
+            continue;
         for (int k = 0; k < 3; ++k) {
             const std::array<float, 5> v = lipsVertex(t[2 * k], t[2 * k + 1], width, height);
             lastLipsVertices.insert(lastLipsVertices.end(), v.begin(), v.end());
@@ -388,17 +370,5 @@ void ShaderWorker::buildLipsMesh(std::vector<int> lipPoints, std::map<std::strin
     std::vector<quint16> indices(vertexCount);
     for (int i = 0; i < vertexCount; ++i)
         indices[i] = static_cast<quint16>(i);
-    indexCount = vertexCount;
-
-    if (!current || !vertexBuffer.isCreated() || !indexBuffer.isCreated())
-        return;
-    bindVertexArray(true);
-    vertexBuffer.bind();
-    vertexBuffer.allocate(lastLipsVertices.data(), vertexCount * kVertexStride);
-    indexBuffer.bind();
-    indexBuffer.allocate(indices.data(), vertexCount * static_cast<int>(sizeof(quint16)));
-    setQuadAttributes();
-    bindVertexArray(false);
-    vertexBuffer.release();
-    indexBuffer.release();
+    uploadMesh(lastLipsVertices.data(), vertexCount, indices.data(), vertexCount);
 }

@@ -15,11 +15,6 @@
 
 class QOpenGLContext;
 class QOpenGLShaderProgram;
-class QOpenGLVertexArrayObject;
-
-namespace cv {
-class Subdiv2D;
-}
 
 class ShaderWorker : protected QOpenGLFunctions {
 public:
@@ -86,6 +81,12 @@ protected:
     void setQuadAttributes();
     // Binds this worker's vertex array (on) or none (off), in its own context only.
     void bindVertexArray(bool on);
+    // Creates the two buffers and the vertex array in the current context,
+    // once; false without a context.
+    bool prepareBuffers();
+    // Sets the index count and, in a current context, uploads `vertexCount`
+    // vertices (x, y, z, s, t) and `count` indices for the draws.
+    void uploadMesh(const float* vertices, int vertexCount, const quint16* indices, int count);
 
     QOpenGLShaderProgram* program = nullptr;
     QMatrix4x4 mvpMatrix;
@@ -98,11 +99,7 @@ protected:
     // Reserved values beside the index count; nothing reads them.
     float reserved[4] = {1.0f, 0.0f, 0.0f, 1.0f};
     bool initialised = false;
-    // Triangulation of the lip points, made by the lips mesh builder.
-    cv::Subdiv2D* lipsSubdiv = nullptr;
     std::vector<float> lastLipsVertices;
-    // Never created: the attribute state lives in vertexArrayName below.
-    QOpenGLVertexArrayObject* vertexArray = nullptr;
     bool functionsReady = false;
     // A vertex array of the context that prepared the quad, so that the draws
     // work on a core profile too (which has no default one). Vertex arrays

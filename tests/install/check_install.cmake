@@ -27,14 +27,14 @@ if(NOT n EQUAL 2)
   message(FATAL_ERROR "only the two public headers belong in include/lumen_fx, found: ${internal_headers}")
 endif()
 
-# The library exports the facade and the detector's deleting helper, nothing else.
+# The library exports the facade, nothing else.
 file(GLOB libs ${prefix}/lib/liblumen_fx.so.*.*.*)
 run(nm -DC --defined-only ${libs})
 string(REPLACE "\n" ";" symbols "${LAST_OUTPUT}")
 foreach(line ${symbols})
   if(line MATCHES " [TWVDBRu] (.*)$")
     set(sym "${CMAKE_MATCH_1}")
-    if(NOT sym MATCHES "^OpenglImageManager::" AND NOT sym STREQUAL "lumen_fx_delete_face_detector")
+    if(NOT sym MATCHES "^OpenglImageManager::")
       message(FATAL_ERROR "exported beyond the facade: ${sym}")
     endif()
   endif()

@@ -1,211 +1,115 @@
-// ShaderWorker: matrices, program building, and every shader file of the
+// ShaderWorker: the matrices, program building, and every shader file of the
 // channel and the merger, linked on the test machine's context.
-#include <gtest/gtest.h>
-
 #include <cmath>
+#include <functional>
 
 #include <QOpenGLShaderProgram>
-#include <QtMath>
 #include <QTemporaryDir>
 #include <QVector3D>
+#include <gtest/gtest.h>
 
+#include "LogCapture.h"
 #include "gpu/GlTestSupport.h"
 #include "shader/ShaderWorker.h"
 
-namespace {
-
-bool near(const QVector3D& a, const QVector3D& b, float eps = 1e-5f)
+// Where the uploaded mvp takes a point; NaN in `out` means "any". The
+// operations need no context: without a program nothing is uploaded.
+TEST(ShaderWorkerMatrix, OperationsComposeAsTheDrawsNeedThem)
 {
-    return (a - b).length() < eps;
-}
-
-::testing::AssertionResult sameMatrix(const QMatrix4x4& a, const QMatrix4x4& b)
-{
-    for (int i = 0; i < 16; ++i)
-        if (std::abs(a.constData()[i] - b.constData()[i]) > 1e-6f)
-            return ::testing::AssertionFailure() << "element " << i << ": " << a.constData()[i] << " vs "
-                                                 << b.constData()[i];
-    return ::testing::AssertionSuccess();
-}
-
-QString writeFile(QTemporaryDir& dir, const char* name, const char* text)
-{
-    const QString path = dir.filePath(name);
-    QFile file(path);
-    file.open(QIODevice::WriteOnly);
-    file.write(text);
-    return path;
-}
-
-}  // namespace
-
-// The matrix operations need no context: without a program nothing is uploaded.
-TEST(ShaderWorkerMatrix, RotateAboutYEdgePivotsAtTheEdgeOnTheAngleSide)
-{
-    ShaderWorker worker;
-    worker.resetMatrices();
-    worker.rotateAboutEdge(30.0f, 0.0f, 1.0f, 0.0f);
-    const QMatrix4x4 m = worker.model();
-    // The edge x = +1 stays in place, the opposite edge swings out of the plane.
-    EXPECT_TRUE(near(m.map(QVector3D(1, -1, 0)), QVector3D(1, -1, 0)));
-    EXPECT_TRUE(near(m.map(QVector3D(1, 1, 0)), QVector3D(1, 1, 0)));
-    const QVector3D far = m.map(QVector3D(-1, 0, 0));
-    EXPECT_NEAR(far.x(), 1.0f - 2.0f * std::cos(qDegreesToRadians(30.0f)), 1e-5f);
-    EXPECT_NEAR(std::abs(far.z()), 1.0f, 1e-5f);  // 2 sin 30
-
-    worker.resetMatrices();
-    worker.rotateAboutEdge(-30.0f, 0.0f, 1.0f, 0.0f);
-    const QMatrix4x4 n = worker.model();
-    EXPECT_TRUE(near(n.map(QVector3D(-1, -1, 0)), QVector3D(-1, -1, 0)));
-    EXPECT_TRUE(near(n.map(QVector3D(-1, 1, 0)), QVector3D(-1, 1, 0)));
-    EXPECT_FALSE(near(n.map(QVector3D(1, 0, 0)), QVector3D(1, 0, 0)));
-    // Both turns bring the free edge to the same side of the plane: the y
-    // axis is inverted, and the pivot moves with the sign of the angle.
-    EXPECT_NEAR(n.map(QVector3D(1, 0, 0)).z(), far.z(), 1e-5f);
-}
-
-TEST(ShaderWorkerMatrix, RotateAboutXEdgePivotsInY)
-{
-    ShaderWorker worker;
-    worker.resetMatrices();
-    worker.rotateAboutEdge(30.0f, 1.0f, 0.0f, 0.0f);
-    EXPECT_TRUE(near(worker.model().map(QVector3D(-1, 1, 0)), QVector3D(-1, 1, 0)));
-    EXPECT_TRUE(near(worker.model().map(QVector3D(1, 1, 0)), QVector3D(1, 1, 0)));
-    worker.resetMatrices();
-    worker.rotateAboutEdge(-30.0f, 1.0f, 0.0f, 0.0f);
-    EXPECT_TRUE(near(worker.model().map(QVector3D(0, -1, 0)), QVector3D(0, -1, 0)));
-    EXPECT_FALSE(near(worker.model().map(QVector3D(0, 1, 0)), QVector3D(0, 1, 0)));
-}
-
-TEST(ShaderWorkerMatrix, RotateAboutZTurnsAboutTheCentre)
-{
-    ShaderWorker worker;
-    worker.resetMatrices();
-    worker.rotateAboutEdge(30.0f, 0.0f, 0.0f, 1.0f);
-    const QMatrix4x4 m = worker.model();
-    EXPECT_TRUE(near(m.map(QVector3D(0, 0, 0)), QVector3D(0, 0, 0)));
-    const float c = std::cos(qDegreesToRadians(30.0f));
-    const float s = std::sin(qDegreesToRadians(30.0f));
-    EXPECT_TRUE(near(m.map(QVector3D(1, 0, 0)), QVector3D(c, s, 0)));
-}
-
-TEST(ShaderWorkerMatrix, NullAxisWithZeroAngleLeavesTheModelAlone)
-{
-    ShaderWorker worker;
-    worker.resetMatrices();
-    worker.translateModel(0.25f, -0.5f, 0.0f);
-    const QMatrix4x4 before = worker.model();
-    worker.rotateAboutEdge(0.0f, 0.0f, 0.0f, 0.0f);
-    EXPECT_TRUE(sameMatrix(worker.model(), before));
-}
-
-TEST(ShaderWorkerMatrix, FlipProjectionTwiceIsIdentityAndMvpFollows)
-{
-    ShaderWorker worker;
-    worker.resetMatrices();
-    worker.applyPerspective90();
-    const QMatrix4x4 projection = worker.projection();
-    worker.flipProjection();
-    EXPECT_FALSE(sameMatrix(worker.projection(), projection));
-    // A half turn about y mirrors x.
-    QMatrix4x4 flipped;
-    flipped.setToIdentity();
-    flipped.rotate(180.0f, 0, 1, 0);
-    EXPECT_TRUE(near(flipped.map(QVector3D(0.5f, 0.25f, 0)), QVector3D(-0.5f, 0.25f, 0)));
-    worker.flipProjection();
-    EXPECT_TRUE(sameMatrix(worker.projection(), projection));
-    EXPECT_TRUE(sameMatrix(worker.mvp(), worker.projection() * worker.view() * worker.model()));
-}
-
-TEST(ShaderWorkerMatrix, PerspectivesSetProjectionAndViewWithoutUpload)
-{
-    ShaderWorker worker;
-    worker.resetMatrices();
-    worker.applyPerspective90();
-    QMatrix4x4 expectedProjection;
-    expectedProjection.perspective(90.0f, 1.0f, 0.1f, 100.0f);
-    EXPECT_TRUE(sameMatrix(worker.projection(), expectedProjection));
-    // The quad at z = 0 sits one unit in front of the camera and, at 90
-    // degrees, fills the view exactly.
-    const QVector3D corner = (worker.projection() * worker.view()).map(QVector3D(1, 1, 0));
-    EXPECT_NEAR(corner.x(), 1.0f, 1e-5f);
-    EXPECT_NEAR(corner.y(), 1.0f, 1e-5f);
-    // No upload: mvp is recomputed only by the uploading operations.
-    EXPECT_TRUE(sameMatrix(worker.mvp(), QMatrix4x4()));
-
-    worker.resetMatrices();
-    worker.applyPerspective45();
-    QMatrix4x4 expectedView;
-    expectedView.lookAt(QVector3D(0, 0, 2), QVector3D(0, 0, 0), QVector3D(0, 1, 0));
-    EXPECT_TRUE(sameMatrix(worker.view(), expectedView));
-}
-
-TEST(ShaderWorkerMatrix, ScaleAndTranslateComposeOnTheModel)
-{
-    ShaderWorker worker;
-    worker.resetMatrices();
-    worker.translateModel(0.5f, 0.0f, 0.0f);
-    worker.scaleModel(0.5, 2.0);
-    EXPECT_TRUE(near(worker.mvp().map(QVector3D(1, 1, 0)), QVector3D(1.0f, 2.0f, 0)));
-    worker.resetMatrices();
-    EXPECT_TRUE(sameMatrix(worker.mvp(), QMatrix4x4()));
-}
-
-TEST(ShaderWorkerProgram, DefaultConstructedHasNoProgramAndIgnoresUniforms)
-{
-    ShaderWorker worker;
-    EXPECT_FALSE(worker.isInitialised());
-    EXPECT_EQ(worker.shaderProgram(), nullptr);
-    worker.setUniformFloat("premulAlpha", 1.0f);  // no program: nothing happens
-    worker.drawStrip();
-    EXPECT_EQ(worker.getIndexCount(), 4);
+    const float c = std::cos(M_PI / 6), nan = NAN;
+    struct Case {
+        const char* label;
+        std::function<void(ShaderWorker&)> ops;
+        QVector3D in, out;
+    };
+    const Case cases[] = {
+        // A y axis turns about the edge x = +1 for a positive angle, x = -1
+        // otherwise, with the axis inverted: the free edge swings to z -1.
+        {"y+ pivot", [](ShaderWorker& w) { w.rotateAboutEdge(30, 0, 1, 0); }, {1, 1, 0}, {1, 1, 0}},
+        {"y+ free edge", [](ShaderWorker& w) { w.rotateAboutEdge(30, 0, 1, 0); }, {-1, 0, 0}, {1 - 2 * c, 0, -1}},
+        {"y- pivot", [](ShaderWorker& w) { w.rotateAboutEdge(-30, 0, 1, 0); }, {-1, -1, 0}, {-1, -1, 0}},
+        {"y- free edge", [](ShaderWorker& w) { w.rotateAboutEdge(-30, 0, 1, 0); }, {1, 0, 0}, {2 * c - 1, 0, -1}},
+        // An x axis likewise in y, not inverted.
+        {"x+ pivot", [](ShaderWorker& w) { w.rotateAboutEdge(30, 1, 0, 0); }, {-1, 1, 0}, {-1, 1, 0}},
+        {"x+ free edge", [](ShaderWorker& w) { w.rotateAboutEdge(30, 1, 0, 0); }, {0, -1, 0}, {0, 1 - 2 * c, -1}},
+        {"x- free edge", [](ShaderWorker& w) { w.rotateAboutEdge(-30, 1, 0, 0); }, {0, 1, 0}, {0, 2 * c - 1, -1}},
+        // A z axis turns about the centre; a null axis at angle 0 does nothing.
+        {"z", [](ShaderWorker& w) { w.rotateAboutEdge(30, 0, 0, 1); }, {1, 0, 0}, {c, 0.5f, 0}},
+        {"null axis", [](ShaderWorker& w) { w.translateModel(0.25f, -0.5f, 0); w.rotateAboutEdge(0, 0, 0, 0); },
+         {0, 0, 0}, {0.25f, -0.5f, 0}},
+        {"scale after translate", [](ShaderWorker& w) { w.translateModel(0.5f, 0, 0); w.scaleModel(0.5, 2); },
+         {1, 1, 0}, {1, 2, 0}},
+        {"flip mirrors x", [](ShaderWorker& w) { w.flipProjection(); }, {0.5f, 0.25f, 0}, {-0.5f, 0.25f, 0}},
+        {"flip twice", [](ShaderWorker& w) { w.flipProjection(); w.flipProjection(); }, {0.5f, 0.25f, 0.5f},
+         {0.5f, 0.25f, 0.5f}},
+        // The perspectives upload nothing themselves.
+        {"perspective without upload", [](ShaderWorker& w) { w.applyPerspective90(); }, {0.5f, 0.5f, 0},
+         {0.5f, 0.5f, 0}},
+        // At 90 degrees the quad one unit in front of the camera fills the view.
+        {"perspective 90", [](ShaderWorker& w) { w.applyPerspective90(); w.translateModel(0, 0, 0); }, {1, 1, 0},
+         {1, 1, nan}},
+        // 45 degrees, 16:9, the camera two units away.
+        {"perspective 45", [](ShaderWorker& w) { w.applyPerspective45(); w.translateModel(0, 0, 0); }, {1, 1, 0},
+         {1.2071068f / 1.7777778f, 1.2071068f, nan}},
+    };
+    for (const Case& k : cases) {
+        ShaderWorker worker;
+        worker.resetMatrices();
+        k.ops(worker);
+        const QVector3D got = worker.mvp().map(k.in);
+        EXPECT_NEAR(got.x(), k.out.x(), 1e-5) << k.label;
+        EXPECT_NEAR(got.y(), k.out.y(), 1e-5) << k.label;
+        EXPECT_NEAR(got.z(), std::isnan(k.out.z()) ? got.z() : k.out.z(), 1e-5) << k.label;
+    }
 }
 
 TEST(ShaderWorkerProgram, EveryShaderPairCompilesAndLinks)
 {
     gltest::ScopedContext gl;
     ASSERT_TRUE(gl.ok);
-    const char* pairs[] = {"image_filter",     "file_merger",     "basic_image_filter", "face_area_filter",
-                           "whitening_filter", "slimface_filter", "sticker_filter"};
-    for (const char* name : pairs) {
-        const QString vertex = QString(":/filters/%1_vertex.glsl").arg(name);
-        const QString fragment = QString(":/filters/%1_fragment.glsl").arg(name);
-        gltest::LogCapture log;
-        ShaderWorker worker(vertex, fragment);
-        EXPECT_TRUE(worker.isInitialised()) << name << "\n" << qPrintable(log.messages().join("\n"));
-        ASSERT_NE(worker.shaderProgram(), nullptr);
-        EXPECT_TRUE(worker.shaderProgram()->isLinked()) << name;
-        EXPECT_GE(worker.shaderProgram()->attributeLocation("a_position"), 0) << name;
-        EXPECT_GE(worker.shaderProgram()->attributeLocation("a_texcoord"), 0) << name;
-        EXPECT_GE(worker.shaderProgram()->uniformLocation("premulAlpha"), 0) << name;
-        EXPECT_GE(worker.shaderProgram()->uniformLocation("mvpMatrix"), 0) << name;
+    for (const char* name : {"image_filter", "file_merger", "basic_image_filter", "face_area_filter",
+                             "whitening_filter", "slimface_filter", "sticker_filter"}) {
+        LogCapture log;
+        ShaderWorker worker(QString(":/filters/%1_vertex.glsl").arg(name),
+                            QString(":/filters/%1_fragment.glsl").arg(name));
+        ASSERT_TRUE(worker.isInitialised()) << name << "\n" << log.all();
+        for (const char* attribute : {"a_position", "a_texcoord"})
+            EXPECT_GE(worker.shaderProgram()->attributeLocation(attribute), 0) << name << " " << attribute;
+        for (const char* uniform : {"premulAlpha", "mvpMatrix"})
+            EXPECT_GE(worker.shaderProgram()->uniformLocation(uniform), 0) << name << " " << uniform;
         worker.resetMatrices();
         worker.initVertices();
         EXPECT_EQ(gl.functions->glGetError(), GLenum(GL_NO_ERROR)) << name;
     }
 }
 
-TEST(ShaderWorkerProgram, FailedVertexCompileLeavesFragmentFileUnread)
+TEST(ShaderWorkerProgram, FailuresStopAtTheFirstBadStage)
 {
     gltest::ScopedContext gl;
     ASSERT_TRUE(gl.ok);
     QTemporaryDir dir;
-    const QString broken = writeFile(dir, "broken_vertex.glsl", "void main() { this is not glsl }\n");
-    gltest::LogCapture log;
-    ShaderWorker worker(broken, dir.filePath("missing_fragment.glsl"));
-    EXPECT_FALSE(worker.isInitialised());
-    EXPECT_TRUE(log.contains("init vertex shader fail!"));
-    EXPECT_FALSE(log.contains("Can not load shader")) << "the fragment file must not be read";
-}
-
-TEST(ShaderWorkerProgram, MissingFragmentFileFailsTheFragmentStage)
-{
-    gltest::ScopedContext gl;
-    ASSERT_TRUE(gl.ok);
-    gltest::LogCapture log;
+    QFile broken(dir.filePath("broken_vertex.glsl"));
+    ASSERT_TRUE(broken.open(QIODevice::WriteOnly));
+    broken.write("void main() { this is not glsl }\n");
+    broken.close();
+    {
+        // A vertex stage that fails leaves the fragment file unread.
+        LogCapture log;
+        ShaderWorker worker(broken.fileName(), dir.filePath("missing_fragment.glsl"));
+        EXPECT_FALSE(worker.isInitialised());
+        EXPECT_TRUE(log.contains("init vertex shader fail!", QtWarningMsg));
+        EXPECT_FALSE(log.contains("Can not load shader"));
+    }
+    // A missing fragment file leaves the header alone, without a main: the
+    // compiler or, as on Mesa, the linker refuses it.
+    LogCapture log;
     ShaderWorker worker(":/filters/image_filter_vertex.glsl", ":/filters/no_such_fragment.glsl");
     EXPECT_FALSE(worker.isInitialised());
     EXPECT_TRUE(log.contains("Can not load shader"));
-    // The header alone has no main: the compiler or, as on Mesa, the linker refuses it.
-    EXPECT_TRUE(log.contains("init fragment shader fail!") || log.contains("link shader fail!"));
+    EXPECT_TRUE(log.contains("init fragment shader fail!") || log.contains("link shader fail!")) << log.all();
+    // Without a program uniforms and draws do nothing.
+    ShaderWorker none;
+    none.setUniformFloat("premulAlpha", 1.0f);
+    none.drawStrip();
+    EXPECT_EQ(none.shaderProgram(), nullptr);
 }

@@ -1,0 +1,62 @@
+#pragma once
+// Collects the Qt log lines written, on any thread, while it lives. One at a
+// time: a new capture starts from an empty list.
+
+#include <mutex>
+#include <utility>
+#include <vector>
+
+#include <QString>
+#include <QStringList>
+#include <QtGlobal>
+
+class LogCapture {
+public:
+    LogCapture()
+    {
+        std::lock_guard<std::mutex> lock(mutex());
+        store().clear();
+        previous = qInstallMessageHandler(&LogCapture::handler);
+    }
+    ~LogCapture() { qInstallMessageHandler(previous); }
+    LogCapture(const LogCapture&) = delete;
+    LogCapture& operator=(const LogCapture&) = delete;
+
+    // How many lines contain `text`; with `type`, lines of that level only.
+    int count(const QString& text, int type = -1) const
+    {
+        std::lock_guard<std::mutex> lock(mutex());
+        int n = 0;
+        for (const auto& line : store())
+            n += (type < 0 || line.first == type) && line.second.contains(text);
+        return n;
+    }
+    bool contains(const QString& text, int type = -1) const { return count(text, type) > 0; }
+    // Every line, for failure messages.
+    std::string all() const
+    {
+        std::lock_guard<std::mutex> lock(mutex());
+        QStringList lines;
+        for (const auto& line : store())
+            lines << line.second;
+        return lines.join("\n").toStdString();
+    }
+
+private:
+    static void handler(QtMsgType type, const QMessageLogContext&, const QString& message)
+    {
+        std::lock_guard<std::mutex> lock(mutex());
+        store().emplace_back(type, message);
+    }
+    static std::mutex& mutex()
+    {
+        static std::mutex m;
+        return m;
+    }
+    static std::vector<std::pair<QtMsgType, QString>>& store()
+    {
+        static std::vector<std::pair<QtMsgType, QString>> lines;
+        return lines;
+    }
+    QtMessageHandler previous = nullptr;
+};
