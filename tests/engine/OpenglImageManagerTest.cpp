@@ -5,7 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "TestUtil.h"
-#include "face/LogCapture.h"
+#include "LogCapture.h"
 #include "channel/ImageFilters.h"
 #include "engine/OpenglImageManagerPrivate.h"
 #include "lumen_fx/OpenglImageManager.h"
