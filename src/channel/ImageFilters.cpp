@@ -798,8 +798,12 @@ void ImageFilters::tick()
             clipSettleFrames = -1;
             channelWorker->readFromGPU(textureBuffer_.get());
         } else {
-            if (textureBuffer_->isImageMode())
+            if (textureBuffer_->isImageMode()) {
                 textureBuffer_->setImageMode(false);
+                // The scene draws the texture now; the last picture would
+                // otherwise stay for as long as the texture path runs.
+                textureBuffer_->setImage(QImage());
+            }
             channelWorker->readFromGPU(textureBuffer_.get());
         }
     } else {

@@ -1,6 +1,7 @@
 #include "merge/OpenglFileMerger.h"
 
 #include <algorithm>
+#include <set>
 #include <utility>
 
 #include <QDebug>
@@ -282,25 +283,10 @@ void OpenglFileMerger::mergeImages(const QList<_channel_merge_param>& params, in
 
     // Keeps channel threads from swapping textures while the frame is drawn.
     QReadLocker locker(&sharedTextureLock());
-
-    // The share handshake: a channel that hasn't made its textures in a
-    // context sharing with this one gets the context, and the merge waits.
-    if (useSharedTextures && !params.isEmpty()) {
-        for (const _channel_merge_param& param : params) {
-            auto found = buffers.find(param.channelId);
-            if (found == buffers.end() || !found->second)
-                continue;
-            TextureBuffer* buffer = found->second.get();
-            if (buffer->isShareReady(sceneId))
-                continue;
-            buffer->setShareContext(sceneId, context);
-            if (!buffer->isShareReady(sceneId))
-                return;
-        }
-    }
-
+    if (!shareHandshakeDone(params, buffers))
+        return;
     if (!makeCurrent()) {
-        qDebug() << "mergeImages fails in makeCurrent";
+        qDebug() << "[OpenglFileMerger::mergeImages] This fails in makeCurrent";
         return;
     }
     if (!glInited) {
@@ -328,89 +314,112 @@ void OpenglFileMerger::mergeImages(const QList<_channel_merge_param>& params, in
     mergeShader->setUniformFloat("drawBg", 0.0f);
     mergeShader->setUniformFloat("premulAlpha", 0.0f);
 
+    std::set<int> drawnFromPictures;
     if (params.isEmpty()) {
         drawBackground(width, height, background);
     } else {
         recordedParams.clear();
         for (const _channel_merge_param& param : params) {
             auto found = buffers.find(param.channelId);
-            if (found == buffers.end() || !found->second)
-                continue;
-            TextureBuffer* buffer = found->second.get();
-            int pictureWidth = 0;
-            int pictureHeight = 0;
-            const bool fromImage = buffer->isImageMode();
-            if (fromImage) {
-                QImage image;
-                if (!buffer->getImage(image) || image.isNull())
-                    continue;
-                const QImage::Format format = image.format();
-                if (format != QImage::Format_RGBA8888 && format != QImage::Format_RGB32
-                    && format != QImage::Format_RGB888)
-                    image = image.convertToFormat(QImage::Format_RGBA8888);
-                composeFbo()->bind();
-                mergeShader->setUniformFloat("premulAlpha", buffer->isPremulAlpha() ? 1.0f : 0.0f);
-                QOpenGLTexture*& texture = channelTextures[param.channelId];
-                uploadPicture(texture, image, GL_TEXTURE0, QImage::Format_RGB32);
-                pictureWidth = image.width();
-                pictureHeight = image.height();
-            } else {
-                composeFbo()->bind();
-                mergeShader->setUniformFloat("premulAlpha", 0.0f);
-                buffer->bindReadTexture(context);
-                buffer->getSize(&pictureWidth, &pictureHeight);
-            }
-            mergeShader->setUniformInt("fgImageTexture", 0);
-            mergeShader->setUniformFloat("drawGraffiti", 0.0f);
-
-            const QRect rect = param.rect;
-            if (pictureWidth > 0 && pictureHeight > 0 && rect.width() > 0 && rect.height() > 0) {
-                placePicture(pictureWidth, pictureHeight, rect, param.rotation, width, height);
-                mergeShader->drawStrip();
-            }
-
-            if (fromImage) {
-                glActiveTexture(GL_TEXTURE0);
-                glBindTexture(GL_TEXTURE_2D, 0);
-            } else {
-                buffer->unbindAndClearReady(context);
-            }
-            QOpenGLFramebufferObject::bindDefault();
+            if (found != buffers.end() && found->second
+                && drawChannel(param, found->second.get(), width, height))
+                drawnFromPictures.insert(param.channelId);
         }
     }
     mergeShader->setUniformFloat("premulAlpha", 0.0f);
+    // Textures of channels that this merge didn't draw from a picture would
+    // keep a picture of whatever size they last had.
+    dropTexturesExcept(drawnFromPictures);
 
-    // The frame without overlay.
-    mergedFbo()->bind();
-    glActiveTexture(GL_TEXTURE0);
-    glBindTexture(GL_TEXTURE_2D, composeFbo()->texture());
-    mergeShader->setUniformFloat("premulAlpha", 0.0f);
+    copyComposed(mergedFbo());  // the frame without overlay
+    if (graffiti.isNull()) {
+        delete graffitiTexture;
+        graffitiTexture = nullptr;
+    } else {
+        drawOverlay(graffiti);
+    }
+    copyComposed(finalFbo());  // the frame with overlay
+    doneCurrent();
+}
+
+bool OpenglFileMerger::shareHandshakeDone(const QList<_channel_merge_param>& params, const BufferMap& buffers)
+{
+    // A channel that hasn't made its textures in a context sharing with this
+    // one gets the context, and the merge waits.
+    if (!useSharedTextures)
+        return true;
+    for (const _channel_merge_param& param : params) {
+        auto found = buffers.find(param.channelId);
+        if (found == buffers.end() || !found->second)
+            continue;
+        TextureBuffer* buffer = found->second.get();
+        if (buffer->isShareReady(sceneId))
+            continue;
+        buffer->setShareContext(sceneId, context);
+        if (!buffer->isShareReady(sceneId))
+            return false;
+    }
+    return true;
+}
+
+bool OpenglFileMerger::drawChannel(const _channel_merge_param& param, TextureBuffer* buffer, int width, int height)
+{
+    int pictureWidth = 0;
+    int pictureHeight = 0;
+    const bool fromImage = buffer->isImageMode();
+    composeFbo()->bind();
+    if (fromImage) {
+        QImage image;
+        if (!buffer->getImage(image) || image.isNull()) {
+            QOpenGLFramebufferObject::bindDefault();
+            return false;
+        }
+        const QImage::Format format = image.format();
+        if (format != QImage::Format_RGBA8888 && format != QImage::Format_RGB32 && format != QImage::Format_RGB888)
+            image = image.convertToFormat(QImage::Format_RGBA8888);
+        mergeShader->setUniformFloat("premulAlpha", buffer->isPremulAlpha() ? 1.0f : 0.0f);
+        uploadPicture(channelTextures[param.channelId], image, GL_TEXTURE0, QImage::Format_RGB32);
+        pictureWidth = image.width();
+        pictureHeight = image.height();
+    } else {
+        mergeShader->setUniformFloat("premulAlpha", 0.0f);
+        buffer->bindReadTexture(context);
+        buffer->getSize(&pictureWidth, &pictureHeight);
+    }
     mergeShader->setUniformInt("fgImageTexture", 0);
-    mergeShader->resetMatrices();
-    mergeShader->drawStrip();
-    glBindTexture(GL_TEXTURE_2D, 0);
-    QOpenGLFramebufferObject::bindDefault();
+    mergeShader->setUniformFloat("drawGraffiti", 0.0f);
 
-    // The overlay, on unit 1, over the composed frame.
-    if (!graffiti.isNull()) {
-        QImage overlay = graffiti;
-        if (overlay.format() != QImage::Format_ARGB32)
-            overlay = overlay.convertToFormat(QImage::Format_ARGB32);
-        composeFbo()->bind();
-        mergeShader->setUniformFloat("premulAlpha", 1.0f);
-        uploadPicture(graffitiTexture, overlay, GL_TEXTURE1, QImage::Format_ARGB32);
-        mergeShader->setUniformInt("fgImageTexture", 1);
-        mergeShader->setUniformFloat("drawGraffiti", 1.0f);
-        mergeShader->resetMatrices();
+    const QRect rect = param.rect;
+    if (pictureWidth > 0 && pictureHeight > 0 && rect.width() > 0 && rect.height() > 0) {
+        placePicture(pictureWidth, pictureHeight, rect, param.rotation, width, height);
         mergeShader->drawStrip();
-        glActiveTexture(GL_TEXTURE1);
-        glBindTexture(GL_TEXTURE_2D, 0);
-        glActiveTexture(GL_TEXTURE0);
-        QOpenGLFramebufferObject::bindDefault();
     }
 
-    // The frame with overlay.
-    finalFbo()->bind();
+    if (fromImage) {
+        glActiveTexture(GL_TEXTURE0);
+        glBindTexture(GL_TEXTURE_2D, 0);
+    } else {
+        buffer->unbindAndClearReady(context);
+    }
+    QOpenGLFramebufferObject::bindDefault();
+    return fromImage;
+}
+
+void OpenglFileMerger::dropTexturesExcept(const std::set<int>& channelIds)
+{
+    for (auto it = channelTextures.begin(); it != channelTextures.end();) {
+        if (channelIds.count(it->first)) {
+            ++it;
+            continue;
+        }
+        delete it->second;
+        it = channelTextures.erase(it);
+    }
+}
+
+void OpenglFileMerger::copyComposed(QOpenGLFramebufferObject* target)
+{
+    target->bind();
     mergeShader->setUniformFloat("premulAlpha", 0.0f);
     glActiveTexture(GL_TEXTURE0);
     glBindTexture(GL_TEXTURE_2D, composeFbo()->texture());
@@ -420,7 +429,25 @@ void OpenglFileMerger::mergeImages(const QList<_channel_merge_param>& params, in
     mergeShader->drawStrip();
     glBindTexture(GL_TEXTURE_2D, 0);
     QOpenGLFramebufferObject::bindDefault();
-    doneCurrent();
+}
+
+void OpenglFileMerger::drawOverlay(const QImage& graffiti)
+{
+    // On unit 1, over the composed frame.
+    QImage overlay = graffiti;
+    if (overlay.format() != QImage::Format_ARGB32)
+        overlay = overlay.convertToFormat(QImage::Format_ARGB32);
+    composeFbo()->bind();
+    mergeShader->setUniformFloat("premulAlpha", 1.0f);
+    uploadPicture(graffitiTexture, overlay, GL_TEXTURE1, QImage::Format_ARGB32);
+    mergeShader->setUniformInt("fgImageTexture", 1);
+    mergeShader->setUniformFloat("drawGraffiti", 1.0f);
+    mergeShader->resetMatrices();
+    mergeShader->drawStrip();
+    glActiveTexture(GL_TEXTURE1);
+    glBindTexture(GL_TEXTURE_2D, 0);
+    glActiveTexture(GL_TEXTURE0);
+    QOpenGLFramebufferObject::bindDefault();
 }
 
 void OpenglFileMerger::readFramebuffer(QOpenGLFramebufferObject* source, QOpenGLBuffer** ring,

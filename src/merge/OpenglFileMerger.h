@@ -5,6 +5,7 @@
 
 #include <map>
 #include <memory>
+#include <set>
 
 #include <QColor>
 #include <QImage>
@@ -49,6 +50,8 @@ public:
     void createTextures() override;
 
     ShaderWorker* mergeProgram() const { return mergeShader; }
+    // Picture textures held between merges: channels drawn from pictures, the overlay.
+    size_t heldPictureTextures() const { return channelTextures.size() + (graffitiTexture ? 1 : 0); }
 
 protected:
     void deleteOwnGlObjects() override;
@@ -61,6 +64,14 @@ protected:
     // One read path: the ring pair, its synchronous buffer and its flag.
     void readFramebuffer(QOpenGLFramebufferObject* source, QOpenGLBuffer** ring, QOpenGLBuffer* single,
                          bool& firstRead, uchar* target, int width, int height, bool withAlpha, bool synchronous);
+    // The steps of a merge.
+    bool shareHandshakeDone(const QList<_channel_merge_param>& params, const BufferMap& buffers);
+    // Draws one channel into the compose framebuffer; true if drawn from a picture.
+    bool drawChannel(const _channel_merge_param& param, TextureBuffer* buffer, int width, int height);
+    void dropTexturesExcept(const std::set<int>& channelIds);
+    // Copies the composed frame into target.
+    void copyComposed(QOpenGLFramebufferObject* target);
+    void drawOverlay(const QImage& graffiti);
     // Uploads a picture into the texture slot on the given unit and leaves it bound.
     void uploadPicture(QOpenGLTexture*& texture, const QImage& image, GLenum unit, QImage::Format bgraFormat);
     // Draws one picture placed by the entry's rectangle, fitted and centred.

@@ -260,6 +260,23 @@ TEST(OpenglFileMergerTextures, ShrunkPictureShowsEachNewFrame)
     }
 }
 
+TEST(OpenglFileMergerTextures, PicturesOfChannelsAndOverlaysNotDrawnAreLetGo)
+{
+    Channels channels;
+    channels.add(1, solid(300, 200, Qt::red));
+    channels.add(2, solid(40, 40, Qt::blue));
+    OpenglFileMerger merger(kScene);
+    merger.setTextureBuffers(channels.map());
+    const QImage overlay = solid(64, 64, QColor(0, 0, 0, 0), QImage::Format_ARGB32);
+    merger.mergeImages({entry(1, QRect(0, 0, 32, 32)), entry(2, QRect(32, 0, 32, 32))}, 64, 64, kBackground,
+                       overlay);
+    EXPECT_EQ(merger.heldPictureTextures(), 3u);
+    merger.mergeImages({entry(2, QRect(32, 0, 32, 32))}, 64, 64, kBackground, QImage());
+    EXPECT_EQ(merger.heldPictureTextures(), 1u) << "channel 1 and the overlay were not drawn";
+    merger.mergeImages({}, 64, 64, kBackground, QImage());
+    EXPECT_EQ(merger.heldPictureTextures(), 0u);
+}
+
 TEST(OpenglFileMergerShare, HandshakeWaitsUntilTheChannelIsReady)
 {
     auto buffer = std::make_shared<TextureBuffer>();
