@@ -12,6 +12,7 @@
 #include <opencv2/core.hpp>
 
 #include "engine/EngineExit.h"
+#include "engine/Logging.h"
 #include "face/DnnFaceDetector.h"
 #include "filters/BeautyFilterBase.h"
 #include "filters/FilterFactory.h"
@@ -115,7 +116,7 @@ void ImageFilters::init(int sceneId_, int channelId_, bool isSceneChannel_)
     sceneId = sceneId_;
     channelId = channelId_;
     thread = new QThread();
-    qInfo() << "ImageFilters::ImageFilters";
+    qCInfo(lcChannel) << "ImageFilters::ImageFilters";
 
     textureBuffer_ = std::make_shared<TextureBuffer>();
     faceDetector = std::make_shared<DnnFaceDetector>();
@@ -155,7 +156,7 @@ void ImageFilters::makeWorker()
 
 ImageFilters::~ImageFilters()
 {
-    qInfo() << "[ImageFilters::~ImageFilters()]release image filters.";
+    qCInfo(lcChannel) << "[ImageFilters::~ImageFilters()]release image filters.";
     // The stop path deletes the channel on its own thread: the worker, a
     // surface, is deleted on the application's thread.
     OpenglWorkerBase::dispose(channelWorker.release());
@@ -197,7 +198,7 @@ std::shared_ptr<TextureBuffer> ImageFilters::sharedTextureBuffer() const
 
 void ImageFilters::requestStop()
 {
-    qInfo() << "[ImageFilters::requestStop] stopping channel" << channelId;
+    qCInfo(lcChannel) << "[ImageFilters::requestStop] stopping channel" << channelId;
     stopRequested = true;
 }
 
@@ -219,7 +220,7 @@ void ImageFilters::setManagerValue(int value)
 void ImageFilters::setFrameRate(int fps)
 {
     if (fps <= 0) {
-        qWarning() << "[ImageFilters::setFrameRate] ignored a frame rate of" << fps << "on channel" << channelId;
+        qCWarning(lcChannel) << "[ImageFilters::setFrameRate] ignored a frame rate of" << fps << "on channel" << channelId;
         return;
     }
     configuredFps = fps;
@@ -290,9 +291,9 @@ bool ImageFilters::isFilterTypeValue(ImageFilterType type, const char* function)
     if (type > NOFILTER && type <= SMOOTHWHITENING)
         return true;
     if (type == NOFILTER)
-        qWarning().nospace() << "[ImageFilters::" << function << "] filter type 0 is not a filter; call dropped";
+        qCWarning(lcChannel).nospace() << "[ImageFilters::" << function << "] filter type 0 is not a filter; call dropped";
     else
-        qWarning().nospace() << "[ImageFilters::" << function << "] " << int(type)
+        qCWarning(lcChannel).nospace() << "[ImageFilters::" << function << "] " << int(type)
                              << " is not a filter type; call dropped";
     return false;
 }
@@ -304,7 +305,7 @@ void ImageFilters::addImageFilter(ImageFilterType type, void* para)
     FilterParaMap par;
     const bool readsRecord = type != UNUSEDFILTER;
     if (readsRecord && para == nullptr) {
-        qWarning() << "[ImageFilters::addImageFilter] null parameter record for filter type" << int(type)
+        qCWarning(lcChannel) << "[ImageFilters::addImageFilter] null parameter record for filter type" << int(type)
                    << "; call dropped";
         return;
     }
@@ -399,7 +400,7 @@ void ImageFilters::setFilterPara(ImageFilterType type, FilterParaType paraType, 
         return;
     }
     if (para == nullptr) {
-        qWarning() << "[ImageFilters::setFilterPara] null parameter record for filter type" << int(type)
+        qCWarning(lcChannel) << "[ImageFilters::setFilterPara] null parameter record for filter type" << int(type)
                    << "; call dropped";
         return;
     }
@@ -470,7 +471,7 @@ void ImageFilters::onSetFilterParameter(ImageFilterType t, std::map<std::string,
     }
     auto existing = filters.find(t);
     if (existing != filters.end() && existing->second == nullptr) {
-        qWarning() << "[ImageFilters::onSetFilterParameter] no filter object behind type" << int(t)
+        qCWarning(lcChannel) << "[ImageFilters::onSetFilterParameter] no filter object behind type" << int(t)
                    << "; parameters dropped";
         return;
     }
@@ -504,7 +505,7 @@ void ImageFilters::onAddImageFilter(ImageFilterType t, bool)
         return;
     BeautyFilterBase* filter = createImageFilter(t);
     if (!filter) {
-        qWarning() << "[ImageFilters::onAddImageFilter] no filter object for type" << int(t);
+        qCWarning(lcChannel) << "[ImageFilters::onAddImageFilter] no filter object for type" << int(t);
         return;
     }
     filters[t] = filter;
@@ -653,7 +654,7 @@ void ImageFilters::adaptFps(int frameMs)
 {
     auto change = [this](int target, bool signal) {
         lastFpsChangeNs = nowNs();
-        qInfo() << "@@@change to new Fps:" << target;
+        qCInfo(lcChannel) << "@@@change to new Fps:" << target;
         if (signal)
             emit fpsChangedForPerformance(target);
         currentFps = target;
@@ -1010,7 +1011,7 @@ void ImageFilters::fitToWidth(QImage& image, int width, int height)
 
 void ImageFilters::mergeNextPage(float offset, QImage& image, const QImage& nextPage)
 {
-    qDebug() << "ImageFilters::mergeNextPage";
+    qCDebug(lcChannel) << "ImageFilters::mergeNextPage";
     QImage joined(image.width(), image.height() + nextPage.height(), image.format());
     {
         QPainter painter(&joined);
@@ -1034,7 +1035,7 @@ void ImageFilters::mergeNextPage(float offset, QImage& image, const QImage& next
 
 void ImageFilters::closeAll()
 {
-    qInfo() << "[ImageFilters] closeAll";
+    qCInfo(lcChannel) << "[ImageFilters] closeAll";
     for (auto& kv : filters) {
         if (createsFilterObject(static_cast<ImageFilterType>(kv.first)) && kv.second)
             delete kv.second;
@@ -1058,7 +1059,7 @@ void ImageFilters::closeAll()
 
 void ImageFilters::stop()
 {
-    qInfo() << "[ImageFilters::stop] Stopping...";
+    qCInfo(lcChannel) << "[ImageFilters::stop] Stopping...";
     if (QThread::currentThread() == thread) {
         stopRequested = true;
         emit finished();

@@ -12,6 +12,8 @@ extern "C" {
 #include <libswscale/swscale.h>
 }
 
+#include "engine/Logging.h"
+
 namespace {
 
 // Wraps the image's own memory, with its bytesPerLine as the step. The Mat is
@@ -25,7 +27,7 @@ cv::Mat wrapImage(const QImage& image, int type)
 void warnInvalidFormat(const char* where, QImage::Format format)
 {
     const char* name = QMetaEnum::fromType<QImage::Format>().valueToKey(format);
-    qWarning().noquote() << QStringLiteral("[FrameConverter::%1] Invalid image format").arg(where)
+    qCWarning(lcConvert).noquote() << QStringLiteral("[FrameConverter::%1] Invalid image format").arg(where)
                          << (name ? name : "unknown");
 }
 
@@ -142,7 +144,7 @@ QImage FrameConverter::matToQImage(const cv::Mat& mat)
         return QImage(mat.data, mat.cols, mat.rows, static_cast<int>(mat.step[0]), QImage::Format_ARGB32)
             .copy(QRect());
     default:
-        qDebug() << "ERROR: Mat could not be converted to QImage.";
+        qCDebug(lcConvert) << "ERROR: Mat could not be converted to QImage.";
         return QImage();
     }
 }
@@ -150,7 +152,7 @@ QImage FrameConverter::matToQImage(const cv::Mat& mat)
 void FrameConverter::frameToMat(const AVFrame* frame, cv::Mat& out, bool withAlpha, int width, int height)
 {
     if (!frame || frame->width <= 0 || frame->height <= 0 || width <= 0 || height <= 0) {
-        qWarning() << "[FrameConverter::frameToMat] no frame or empty size, nothing converted";
+        qCWarning(lcConvert) << "[FrameConverter::frameToMat] no frame or empty size, nothing converted";
         return;
     }
 
@@ -204,7 +206,7 @@ void FrameConverter::matToFrame(const cv::Mat& mat, AVFrame*& frame, int width, 
     if (mat.cols <= 0 || mat.rows <= 0)
         return;
     if (width <= 0 || height <= 0) {
-        qWarning() << "[FrameConverter::matToFrame] empty target size" << width << height << ", no frame made";
+        qCWarning(lcConvert) << "[FrameConverter::matToFrame] empty target size" << width << height << ", no frame made";
         return;
     }
 

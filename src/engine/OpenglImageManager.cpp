@@ -20,6 +20,7 @@
 
 #include "channel/ImageFilters.h"
 #include "engine/EngineExit.h"
+#include "engine/Logging.h"
 #include "engine/OpenglImageManagerPrivate.h"
 #include "gpu/OpenglWorkerBase.h"
 #include "scene/SceneManager.h"
@@ -86,7 +87,7 @@ int onApplicationThread(const char* function, int waitMs, const std::function<in
 {
     QCoreApplication* app = QCoreApplication::instance();
     if (!qobject_cast<QGuiApplication*>(app)) {
-        qWarning().nospace() << "[OpenglImageManager::" << function
+        qCWarning(lcEngine).nospace() << "[OpenglImageManager::" << function
                              << "] no QGuiApplication: create it before the first scene or channel";
         return -1;
     }
@@ -120,7 +121,7 @@ int onApplicationThread(const char* function, int waitMs, const std::function<in
         }
         if (!call->changed.wait(&call->mutex, deadline) && call->state == CreationCall::Waiting) {
             call->state = CreationCall::Abandoned;
-            qWarning().nospace() << "[OpenglImageManager::" << function
+            qCWarning(lcEngine).nospace() << "[OpenglImageManager::" << function
                                  << "] the application's thread took no events for " << waitMs
                                  << " ms; nothing made";
             return -1;
@@ -146,7 +147,7 @@ void joinThreads(const std::vector<std::pair<int, QThread*>>& threads, const QDe
         if (thread->wait(deadline))
             delete thread;
         else
-            qWarning() << "[OpenglImageManager::shutdown]" << kind << entry.first << "did not stop in time";
+            qCWarning(lcEngine) << "[OpenglImageManager::shutdown]" << kind << entry.first << "did not stop in time";
     }
 }
 
@@ -179,7 +180,7 @@ int OpenglImageManagerPrivate::makeScene()
 {
     QMutexLocker locker(&sceneMutex);
     if (closed) {
-        qWarning() << "[OpenglImageManager::genSceneFilters] the process is exiting; no scene made";
+        qCWarning(lcEngine) << "[OpenglImageManager::genSceneFilters] the process is exiting; no scene made";
         return -1;
     }
     hookApplication();
@@ -197,7 +198,7 @@ int OpenglImageManagerPrivate::makeChannel(int sceneId, bool isSceneChannel)
     QMutexLocker sceneLocker(&sceneMutex);
     QMutexLocker channelLocker(&channelMutex);
     if (closed) {
-        qWarning() << "[OpenglImageManager::genChannelFilters] the process is exiting; no channel made";
+        qCWarning(lcEngine) << "[OpenglImageManager::genChannelFilters] the process is exiting; no channel made";
         return -1;
     }
     auto scene = scenes.find(sceneId);
@@ -229,7 +230,7 @@ void OpenglImageManagerPrivate::shutdown(bool forGood)
     }
     if (stoppingScenes.empty() && stoppingChannels.empty())
         return;
-    qInfo() << "[OpenglImageManager::shutdown] stopping" << stoppingChannels.size() << "channel(s) and"
+    qCInfo(lcEngine) << "[OpenglImageManager::shutdown] stopping" << stoppingChannels.size() << "channel(s) and"
             << stoppingScenes.size() << "scene(s)";
 
     QElapsedTimer elapsed;
@@ -254,7 +255,7 @@ void OpenglImageManagerPrivate::shutdown(bool forGood)
     QCoreApplication* app = QCoreApplication::instance();
     if (app && QThread::currentThread() == app->thread())
         OpenglWorkerBase::deleteDisposed();
-    qInfo() << "[OpenglImageManager::shutdown] stopped in" << elapsed.elapsed() << "ms";
+    qCInfo(lcEngine) << "[OpenglImageManager::shutdown] stopped in" << elapsed.elapsed() << "ms";
 }
 
 OpenglImageManager* OpenglImageManager::instance()
@@ -271,7 +272,7 @@ OpenglImageManager::OpenglImageManager() : d(new OpenglImageManagerPrivate)
 
 OpenglImageManager::~OpenglImageManager()
 {
-    qInfo() << "~OpenglImageManager()";
+    qCInfo(lcEngine) << "~OpenglImageManager()";
     // The process exits: whatever still runs stops now, in order. The record
     // stays for host threads that still call.
     d->shutdown(true);

@@ -5,6 +5,7 @@
 #include <QDebug>
 
 #include "convert/FrameConverter.h"
+#include "engine/Logging.h"
 
 namespace {
 
@@ -34,7 +35,7 @@ DnnFaceDetector::DnnFaceDetector() : FaceDetector(nullptr)
 
 DnnFaceDetector::~DnnFaceDetector()
 {
-    qInfo() << "~DnnFaceDetector()";
+    qCInfo(lcFace) << "~DnnFaceDetector()";
     delete detector;
     detector = nullptr;
 }

@@ -7,6 +7,7 @@
 #include <QThread>
 
 #include "convert/FrameConverter.h"
+#include "engine/Logging.h"
 
 namespace {
 
@@ -62,7 +63,7 @@ bool FaceDetector::detectFaces(const QImage& image, FaceDetectResult& result, bo
 
     if (took >= kSlowDetectionNs) {
         detectIntervalMs = kSlowIntervalMs;
-        qDebug().nospace() << "@@@face detect main func consume(ms):" << took / 1000000
+        qCDebug(lcFace).nospace() << "@@@face detect main func consume(ms):" << took / 1000000
                            << ", change to new detect duration:" << detectIntervalMs;
     } else {
         detectIntervalMs = kFastIntervalMs;
@@ -99,7 +100,7 @@ void FaceDetector::resetState()
 void FaceDetector::process()
 {
     if (stopRequested) {
-        qInfo() << "[FaceDetector] stop process";
+        qCInfo(lcFace) << "[FaceDetector] stop process";
         return;
     }
     for (;;) {
@@ -115,7 +116,7 @@ void FaceDetector::process()
         QThread::msleep(5);
         QCoreApplication::processEvents();
         if (stopRequested) {
-            qInfo() << "[FaceDetector] stop process";
+            qCInfo(lcFace) << "[FaceDetector] stop process";
             return;
         }
     }
@@ -123,7 +124,7 @@ void FaceDetector::process()
 
 void FaceDetector::start()
 {
-    qInfo() << "[FaceDetector] Starting...";
+    qCInfo(lcFace) << "[FaceDetector] Starting...";
     if (QThread::currentThread() == workerThread)
         ready();
     else
@@ -132,7 +133,7 @@ void FaceDetector::start()
 
 void FaceDetector::stop()
 {
-    qInfo() << "[FaceDetector] Stopping...";
+    qCInfo(lcFace) << "[FaceDetector] Stopping...";
     if (QThread::currentThread() == workerThread)
         quit();
     else
@@ -141,7 +142,7 @@ void FaceDetector::stop()
 
 void FaceDetector::quit()
 {
-    qInfo() << "[FaceDetector] Quitting...";
+    qCInfo(lcFace) << "[FaceDetector] Quitting...";
     stopRequested = true;
     emit finished();
 }

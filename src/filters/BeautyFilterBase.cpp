@@ -7,6 +7,7 @@
 #include <QWriteLocker>
 
 #include "convert/FrameConverter.h"
+#include "engine/Logging.h"
 #include "lumen_fx/ImageFilterTypes.h"
 
 extern "C" {
@@ -468,7 +469,7 @@ void BeautyFilterBase::filterFrameThroughMat(AVFrame* src, AVFrame* dst, const M
                                              const char* who)
 {
     if (!src) {
-        qWarning().nospace() << "[" << who << "] no source frame; call dropped";
+        qCWarning(lcFilters).nospace() << "[" << who << "] no source frame; call dropped";
         return;
     }
     if (src->width < 1 || src->height < 1)
@@ -491,7 +492,7 @@ void BeautyFilterBase::filterFrameThroughMat(AVFrame* src, AVFrame* dst, const M
             av_image_copy(dst->data, dst->linesize, const_cast<const uint8_t**>(result->data), result->linesize,
                           static_cast<AVPixelFormat>(result->format), result->width, result->height);
         } else {
-            qWarning().nospace() << "[" << who << "] destination frame "
+            qCWarning(lcFilters).nospace() << "[" << who << "] destination frame "
                                  << (dst ? dst->width : 0) << "x" << (dst ? dst->height : 0) << " format "
                                  << (dst ? dst->format : -1) << " does not match the result "
                                  << result->width << "x" << result->height << " format " << result->format
@@ -509,6 +510,6 @@ void handPictureToRenderer(QObject* renderer, uchar* data, int width, int height
     const bool taken = QMetaObject::invokeMethod(renderer, "doPreWork", Qt::DirectConnection, Q_ARG(uchar*, data),
                                                  Q_ARG(int, width), Q_ARG(int, height));
     if (!taken)
-        qWarning().nospace() << "[" << who << "] renderer " << renderer->metaObject()->className()
+        qCWarning(lcFilters).nospace() << "[" << who << "] renderer " << renderer->metaObject()->className()
                              << " takes no picture; nothing drawn";
 }

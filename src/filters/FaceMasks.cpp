@@ -9,6 +9,7 @@
 #include <opencv2/core.hpp>
 #include <opencv2/imgproc.hpp>
 
+#include "engine/Logging.h"
 #include "filters/BeautyFilterBase.h"
 
 namespace {
@@ -64,7 +65,7 @@ cv::Mat BeautyFilterBase::fadeWithGaussianMask(const cv::Mat& image)
 {
     cv::Mat result = image.clone();
     if (!isFourByteBgra(image)) {
-        qWarning() << "[BeautyFilterBase::fadeWithGaussianMask] needs an 8-bit four-channel picture, got type"
+        qCWarning(lcFilters) << "[BeautyFilterBase::fadeWithGaussianMask] needs an 8-bit four-channel picture, got type"
                    << image.type() << "; picture left as it is";
         return result;
     }
@@ -87,7 +88,7 @@ cv::Mat BeautyFilterBase::restoreSideStrips(const cv::Mat& image, const cv::Mat&
     if (image.rows < 1)
         return result;
     if (!isFourByteBgra(image) || source.type() != image.type() || source.size() != image.size()) {
-        qWarning() << "[BeautyFilterBase::restoreSideStrips] needs two 8-bit four-channel pictures of one size;"
+        qCWarning(lcFilters) << "[BeautyFilterBase::restoreSideStrips] needs two 8-bit four-channel pictures of one size;"
                    << "picture left as it is";
         return result;
     }

@@ -3,6 +3,7 @@
 #include <QDebug>
 #include <QOpenGLShaderProgram>
 
+#include "engine/Logging.h"
 #include "lumen_fx/ImageFilterTypes.h"
 
 namespace {
@@ -21,7 +22,7 @@ OpenglFaceAreaFilter::OpenglFaceAreaFilter()
 
 OpenglFaceAreaFilter::~OpenglFaceAreaFilter()
 {
-    qInfo() << "~OpenglFaceAreaFilter()";
+    qCInfo(lcFilters) << "~OpenglFaceAreaFilter()";
 }
 
 cv::Rect OpenglFaceAreaFilter::expandFaceArea(cv::Rect rect, int width, int height)

@@ -3,6 +3,7 @@
 #include <QDebug>
 #include <QOpenGLShaderProgram>
 
+#include "engine/Logging.h"
 #include "lumen_fx/ImageFilterTypes.h"
 
 namespace {
@@ -20,7 +21,7 @@ OpenglSlimFaceFilter::OpenglSlimFaceFilter()
 
 OpenglSlimFaceFilter::~OpenglSlimFaceFilter()
 {
-    qInfo() << "~OpenglSlimFaceFilter()";
+    qCInfo(lcFilters) << "~OpenglSlimFaceFilter()";
     if (renderer) {
         delete renderer;
         renderer = nullptr;
@@ -35,7 +36,7 @@ cv::Rect OpenglSlimFaceFilter::expandFaceArea(cv::Rect rect, int width, int heig
 void OpenglSlimFaceFilter::setUniforms(QOpenGLShaderProgram* program, ParaMap paras, int width, int height)
 {
     if (!program) {
-        qWarning() << "[OpenglSlimFaceFilter::setUniforms] no shader program; uniforms not set";
+        qCWarning(lcFilters) << "[OpenglSlimFaceFilter::setUniforms] no shader program; uniforms not set";
         return;
     }
     auto strength = paras.find(slim_face_strength);

@@ -3,6 +3,7 @@
 #include <QDebug>
 #include <QOpenGLShaderProgram>
 
+#include "engine/Logging.h"
 #include "lumen_fx/ImageFilterTypes.h"
 
 namespace {
@@ -21,7 +22,7 @@ OpenglSmoothAndWhiteningFilter::OpenglSmoothAndWhiteningFilter()
 
 OpenglSmoothAndWhiteningFilter::~OpenglSmoothAndWhiteningFilter()
 {
-    qInfo() << "~OpenglSmoothAndWhiteningFilter()";
+    qCInfo(lcFilters) << "~OpenglSmoothAndWhiteningFilter()";
     if (renderer) {
         delete renderer;
         renderer = nullptr;

@@ -3,6 +3,7 @@
 #include <QDebug>
 #include <QOpenGLShaderProgram>
 
+#include "engine/Logging.h"
 #include "lumen_fx/ImageFilterTypes.h"
 
 namespace {
@@ -22,7 +23,7 @@ OpenglWhiteningFilter::OpenglWhiteningFilter()
 
 OpenglWhiteningFilter::~OpenglWhiteningFilter()
 {
-    qInfo() << "~OpenglWhiteningFilter()";
+    qCInfo(lcFilters) << "~OpenglWhiteningFilter()";
     if (renderer) {
         delete renderer;
         renderer = nullptr;

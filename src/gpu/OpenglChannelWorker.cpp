@@ -7,6 +7,7 @@
 #include <QOpenGLTexture>
 #include <QThread>
 
+#include "engine/Logging.h"
 #include "filters/BeautyFilterBase.h"
 #include "scene/TextureBuffer.h"
 #include "shader/ShaderWorker.h"
@@ -58,13 +59,13 @@ OpenglChannelWorker::OpenglChannelWorker(int channelId_, int sceneId_) : OpenglW
 
 OpenglChannelWorker::~OpenglChannelWorker()
 {
-    qInfo() << "OpenglChannelWorker::~OpenglChannelWorker()";
+    qCInfo(lcGpu) << "OpenglChannelWorker::~OpenglChannelWorker()";
     // The stop path has released the context on the channel's thread already.
     // Elsewhere no GL call is made: the names go with the context.
     if (context && context->thread() == QThread::currentThread()) {
         releaseContext();
     } else if (context) {
-        qWarning() << "[OpenglChannelWorker::~OpenglChannelWorker] destroyed off its context's thread";
+        qCWarning(lcGpu) << "[OpenglChannelWorker::~OpenglChannelWorker] destroyed off its context's thread";
         deleteOwnGlObjects();
     }
 }
@@ -375,7 +376,7 @@ void OpenglChannelWorker::drawSlimFace(BeautyFilterBase* filter, bool firstFaceO
     const std::vector<std::vector<int32_t>> points = filter->facePoints();
     for (size_t i = 0; i < faces.size(); ++i) {
         if (i >= points.size() || points[i].size() < static_cast<size_t>(kFacePointFloats)) {
-            qWarning() << "[OpenglChannelWorker::drawSlimFace] face" << i << "has fewer than 98 key points, skipped";
+            qCWarning(lcGpu) << "[OpenglChannelWorker::drawSlimFace] face" << i << "has fewer than 98 key points, skipped";
         } else {
             slimFaceProgram->bind();
             filter->setUniforms(slimFaceProgram->shaderProgram(), faces[i], frameWidth, frameHeight);
@@ -497,7 +498,7 @@ bool OpenglChannelWorker::createSceneShareTexture(TextureBuffer* buffer)
     if (!glInited || !buffer)
         return false;
     if (!makeCurrent()) {
-        qDebug() << "[OpenglChannelWorker::createSceneShareTexture]This fails in makeCurrent";
+        qCDebug(lcGpu) << "[OpenglChannelWorker::createSceneShareTexture]This fails in makeCurrent";
         return false;
     }
     buffer->createTextures(context, frameWidth, frameHeight);
@@ -511,7 +512,7 @@ bool OpenglChannelWorker::readFromGPU(TextureBuffer* buffer)
     if (!glInited || !buffer || !buffer->getShareContext(sceneId))
         return false;
     if (!makeCurrent()) {
-        qDebug() << "[OpenglChannelWorker::readFromGPU]This fails in makeCurrent";
+        qCDebug(lcGpu) << "[OpenglChannelWorker::readFromGPU]This fails in makeCurrent";
         return false;
     }
     QOpenGLFramebufferObject* source = fbo;
@@ -543,7 +544,7 @@ void OpenglChannelWorker::readLastFboByAlpha(uchar* dst, int width, int height, 
     if (!glInited || !dst)
         return;
     if (!makeCurrent()) {
-        qDebug() << "[OpenglWorkerBase::readLastFboByAlpha]This fails in makeCurrent";
+        qCDebug(lcGpu) << "[OpenglWorkerBase::readLastFboByAlpha]This fails in makeCurrent";
         return;
     }
     const GLenum format = GL_RGB + (hasAlpha ? 1 : 0);

@@ -14,6 +14,7 @@
 #include <QWriteLocker>
 
 #include "engine/EngineExit.h"
+#include "engine/Logging.h"
 #include "scene/TextureBuffer.h"
 #include "shader/ShaderWorker.h"
 
@@ -89,7 +90,7 @@ OpenglWorkerBase::OpenglWorkerBase(int channelId_, int sceneId_)
 
 OpenglWorkerBase::~OpenglWorkerBase()
 {
-    qInfo() << "~OpenglWorkerBase()";
+    qCInfo(lcGpu) << "~OpenglWorkerBase()";
     // Subclasses release their own objects first; what is left of the base's
     // goes here, with GL calls only on the context's own thread.
     if (context && context->thread() == QThread::currentThread())
@@ -104,7 +105,7 @@ void OpenglWorkerBase::releaseContext()
     if (!context)
         return;
     if (context->thread() != QThread::currentThread()) {
-        qWarning() << "[OpenglWorkerBase::releaseContext] called off the context's thread; nothing released";
+        qCWarning(lcGpu) << "[OpenglWorkerBase::releaseContext] called off the context's thread; nothing released";
         return;
     }
     releaseTextures();
@@ -191,8 +192,8 @@ bool OpenglWorkerBase::initContext()
     }
     context->makeCurrent(this);
     initializeOpenGLFunctions();
-    qInfo() << "gl version:" << reinterpret_cast<const char*>(glGetString(GL_VERSION));
-    qInfo() << "glsl version:" << reinterpret_cast<const char*>(glGetString(GL_SHADING_LANGUAGE_VERSION));
+    qCInfo(lcGpu) << "gl version:" << reinterpret_cast<const char*>(glGetString(GL_VERSION));
+    qCInfo(lcGpu) << "glsl version:" << reinterpret_cast<const char*>(glGetString(GL_SHADING_LANGUAGE_VERSION));
     context->doneCurrent();
     // The driver and Qt have made what a context needs: the engine's exit
     // handler must run before that is destroyed.
@@ -203,17 +204,17 @@ bool OpenglWorkerBase::initContext()
 bool OpenglWorkerBase::doPreWork(uchar* data, int width, int height)
 {
     if (!context && !initContext()) {
-        qDebug() << "[OpenglWorkerBase::doPreWork]initContext failed!";
+        qCDebug(lcGpu) << "[OpenglWorkerBase::doPreWork]initContext failed!";
         return false;
     }
     if (width == 0 || height == 0 || data == nullptr)
         return false;
     if (width < 0 || height < 0) {
-        qWarning() << "[OpenglWorkerBase::doPreWork] dropped a frame of negative size" << width << "x" << height;
+        qCWarning(lcGpu) << "[OpenglWorkerBase::doPreWork] dropped a frame of negative size" << width << "x" << height;
         return false;
     }
     if (!makeCurrent()) {
-        qDebug() << "[OpenglWorkerBase::doPreWork]This fails in makeCurrent";
+        qCDebug(lcGpu) << "[OpenglWorkerBase::doPreWork]This fails in makeCurrent";
         return false;
     }
     if (!glInited) {
@@ -231,13 +232,13 @@ bool OpenglWorkerBase::doPreWork(uchar* data, int width, int height)
 bool OpenglWorkerBase::doPreWork(int width, int height, const QString& vertexPath_, const QString& fragmentPath_)
 {
     if (!context && !initContext()) {
-        qDebug() << "[OpenglWorkerBase::doPreWork]initContext failed!";
+        qCDebug(lcGpu) << "[OpenglWorkerBase::doPreWork]initContext failed!";
         return false;
     }
     if (width <= 0 || height <= 0)
         return false;
     if (!makeCurrent()) {
-        qDebug() << "[OpenglWorkerBase::doPreWork]This fails in makeCurrent";
+        qCDebug(lcGpu) << "[OpenglWorkerBase::doPreWork]This fails in makeCurrent";
         return false;
     }
     if (!glInitedByPaths) {
@@ -261,7 +262,7 @@ bool OpenglWorkerBase::filterAndReadFbo(uchar* data, uchar* dst, int width, int 
     if (!glInited)
         return false;
     if (!makeCurrent()) {
-        qDebug() << "[OpenglWorkerBase::readLastFboByAlpha]This fails in makeCurrent";
+        qCDebug(lcGpu) << "[OpenglWorkerBase::readLastFboByAlpha]This fails in makeCurrent";
         return false;
     }
     QOpenGLFramebufferObject* source = isClipPerspect ? clipRotateFbo : (isClip ? clipFbo : fbo);
@@ -395,7 +396,7 @@ bool OpenglWorkerBase::createShaders()
 bool OpenglWorkerBase::createRenderShader(const QString&, const QString&)
 {
     // The textured 3D path has no caller; its program is not built.
-    qDebug() << "[OpenglWorkerBase::createRenderShader]the textured mesh path is not built";
+    qCDebug(lcGpu) << "[OpenglWorkerBase::createRenderShader]the textured mesh path is not built";
     return false;
 }
 
@@ -525,7 +526,7 @@ void OpenglWorkerBase::bindQtTexture(const QImage& image)
                     image.hasAlphaChannel() ? QOpenGLTexture::RGBA : QOpenGLTexture::RGB;
                 inputTexture->setData(0, 0, format, QOpenGLTexture::UInt8, image.constBits(), nullptr);
             } catch (const std::exception& e) {
-                qInfo() << "[OpenglWorkerBase::bindQtTexture]Exception caught while setting texture data: "
+                qCInfo(lcGpu) << "[OpenglWorkerBase::bindQtTexture]Exception caught while setting texture data: "
                         << e.what();
             }
         }
@@ -611,10 +612,10 @@ void OpenglWorkerBase::createShareTextures(QOpenGLContext* shareWith, int width,
 void OpenglWorkerBase::renderTexturedMesh(QOpenGLFramebufferObject*, const QImage&, bool, TextureBuffer*)
 {
     // The textured 3D path has no caller in a channel's frame and is not built.
-    qDebug() << "[OpenglWorkerBase::renderTexturedMesh]the textured mesh path is not built";
+    qCDebug(lcGpu) << "[OpenglWorkerBase::renderTexturedMesh]the textured mesh path is not built";
 }
 
 void OpenglWorkerBase::renderMeshes(QOpenGLFramebufferObject*)
 {
-    qDebug() << "[OpenglWorkerBase::renderMeshes]the textured mesh path is not built";
+    qCDebug(lcGpu) << "[OpenglWorkerBase::renderMeshes]the textured mesh path is not built";
 }

@@ -13,6 +13,7 @@
 #include <QThread>
 
 #include "engine/EngineExit.h"
+#include "engine/Logging.h"
 #include "scene/TextureBuffer.h"
 #include "shader/ShaderWorker.h"
 
@@ -51,7 +52,7 @@ void ensureBuffer(QOpenGLBuffer& buffer, int size)
 
 OpenglFileMerger::OpenglFileMerger(int sceneId_) : OpenglWorkerBase(0, sceneId_)
 {
-    qInfo() << "OpenglFileMerger::OpenglFileMerger";
+    qCInfo(lcGpu) << "OpenglFileMerger::OpenglFileMerger";
     mergedRing[0] = &packBufferA;
     mergedRing[1] = &packBufferB;
     finalRing[0] = &packBufferC;
@@ -60,13 +61,13 @@ OpenglFileMerger::OpenglFileMerger(int sceneId_) : OpenglWorkerBase(0, sceneId_)
 
 OpenglFileMerger::~OpenglFileMerger()
 {
-    qInfo() << "OpenglFileMerger::~OpenglFileMerger";
+    qCInfo(lcGpu) << "OpenglFileMerger::~OpenglFileMerger";
     // The stop path has released the context on the scene's thread already.
     // Elsewhere no GL call is made: the names go with the context.
     if (context && context->thread() == QThread::currentThread()) {
         releaseContext();
     } else if (context) {
-        qWarning() << "[OpenglFileMerger::~OpenglFileMerger] destroyed off its context's thread";
+        qCWarning(lcGpu) << "[OpenglFileMerger::~OpenglFileMerger] destroyed off its context's thread";
         deleteOwnGlObjects();
     }
 }
@@ -266,11 +267,11 @@ void OpenglFileMerger::mergeImages(const QList<_channel_merge_param>& params, in
                                    const QColor& background, const QImage& graffiti)
 {
     if (!context && !initContext()) {
-        qDebug() << "[OpenglFileMerger::mergeImages]initContext failed!";
+        qCDebug(lcGpu) << "[OpenglFileMerger::mergeImages]initContext failed!";
         return;
     }
     if (width <= 0 || height <= 0) {
-        qWarning() << "[OpenglFileMerger::mergeImages] dropped a merge of size" << width << "x" << height;
+        qCWarning(lcGpu) << "[OpenglFileMerger::mergeImages] dropped a merge of size" << width << "x" << height;
         return;
     }
 
@@ -286,7 +287,7 @@ void OpenglFileMerger::mergeImages(const QList<_channel_merge_param>& params, in
     if (!shareHandshakeDone(params, buffers))
         return;
     if (!makeCurrent()) {
-        qDebug() << "[OpenglFileMerger::mergeImages] This fails in makeCurrent";
+        qCDebug(lcGpu) << "mergeImages fails in makeCurrent";
         return;
     }
     if (!glInited) {
@@ -457,7 +458,7 @@ void OpenglFileMerger::readFramebuffer(QOpenGLFramebufferObject* source, QOpenGL
     if (!glInited || !source || !target)
         return;
     if (!makeCurrent()) {
-        qDebug() << "[OpenglWorkerBase::readLastFboByAlpha]This fails in makeCurrent";
+        qCDebug(lcGpu) << "[OpenglWorkerBase::readLastFboByAlpha]This fails in makeCurrent";
         return;
     }
     source->bind();

@@ -11,6 +11,7 @@ extern "C" {
 #include <libavutil/mem.h>
 }
 
+#include "engine/Logging.h"
 #include "merge/OpenglFileMerger.h"
 #include "scene/TextureBuffer.h"
 
@@ -59,7 +60,7 @@ void SceneManager::init(int sceneId_)
 
 SceneManager::~SceneManager()
 {
-    qInfo() << "~SceneManager()";
+    qCInfo(lcScene) << "~SceneManager()";
     // The stop path deletes the scene on its own thread: the merger, a
     // surface, is deleted on the application's thread.
     OpenglWorkerBase::dispose(merger);
@@ -93,7 +94,7 @@ void SceneManager::addChannel(int channelId, std::shared_ptr<TextureBuffer> buff
 
 void SceneManager::requestStop()
 {
-    qInfo() << "[SceneManager::requestStop] stopping scene" << sceneId;
+    qCInfo(lcScene) << "[SceneManager::requestStop] stopping scene" << sceneId;
     stopRequested = true;
 }
 
@@ -132,7 +133,7 @@ bool SceneManager::getMergeImg(QImage& image)
 void SceneManager::startGenBgr(bool first, bool second)
 {
     QMutexLocker locker(&bgrMutex);
-    qInfo() << "[SceneManager::startGenBgr]start generate bgr!";
+    qCInfo(lcScene) << "[SceneManager::startGenBgr]start generate bgr!";
     genBgr = first;
     genBgrSecond = second;
     bgrCount = 0;
@@ -201,7 +202,7 @@ void SceneManager::tick()
     if (width == 0 || height == 0)
         return;
     if (width < 0 || height < 0) {
-        qWarning() << "[SceneManager::process] dropped a merge of negative size" << width << "x" << height;
+        qCWarning(lcScene) << "[SceneManager::process] dropped a merge of negative size" << width << "x" << height;
         return;
     }
     if (!requestFitsLimits(width, height))
@@ -332,7 +333,7 @@ void SceneManager::cleanUp(bool keepOutput)
 
 void SceneManager::stop()
 {
-    qDebug() << "[SceneManager] Stopping scene:" << sceneId;
+    qCDebug(lcScene) << "[SceneManager] Stopping scene:" << sceneId;
     if (QThread::currentThread() == thread) {
         stopRequested = true;
         emit finished();

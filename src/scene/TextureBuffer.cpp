@@ -4,6 +4,8 @@
 #include <QOpenGLContext>
 #include <QOpenGLFunctions>
 
+#include "engine/Logging.h"
+
 QReadWriteLock& sharedTextureLock()
 {
     // Never destroyed: threads that stop while the process exits still take it.
@@ -15,7 +17,7 @@ TextureBuffer::TextureBuffer() = default;
 
 TextureBuffer::~TextureBuffer()
 {
-    qInfo() << "~TextureBuffer()";
+    qCInfo(lcScene) << "~TextureBuffer()";
 }
 
 void TextureBuffer::makeTexture(QOpenGLContext* context, unsigned int& name, int width, int height)

@@ -10,6 +10,8 @@
 #include <QOpenGLContext>
 #include <QOpenGLFunctions>
 
+#include "engine/Logging.h"
+
 namespace OpenGLHelper {
 
 namespace {
@@ -44,7 +46,7 @@ int parseGlslVersion(const char* versionText, bool openGLES, int esMajorVersion)
     if (std::sscanf(text, "%d.%d", &major, &minor) == 2)
         return major * 100 + minor;
 
-    qWarning("Failed to detect glsl version using GL_SHADING_LANGUAGE_VERSION!");
+    qCWarning(lcGpu, "Failed to detect glsl version using GL_SHADING_LANGUAGE_VERSION!");
     if (openGLES)
         return esMajorVersion < 3 ? 100 : 300;
     return 110;
@@ -58,7 +60,7 @@ int GLSLVersion()
 
     QOpenGLContext* context = QOpenGLContext::currentContext();
     if (!context) {
-        qWarning("%s: current context is null", "OpenGLHelper::GLSLVersion");
+        qCWarning(lcGpu, "%s: current context is null", "OpenGLHelper::GLSLVersion");
         return 0;
     }
     const auto* text = reinterpret_cast<const char*>(
@@ -131,7 +133,7 @@ QByteArray loadShaderFile(const QString& path)
 {
     QFile file(path);
     if (!file.open(QIODevice::ReadOnly)) {
-        qWarning("Can not load shader %s: %s", path.toUtf8().constData(), file.errorString().toUtf8().constData());
+        qCWarning(lcGpu, "Can not load shader %s: %s", path.toUtf8().constData(), file.errorString().toUtf8().constData());
         return QByteArray();
     }
     QByteArray bytes = file.readAll();

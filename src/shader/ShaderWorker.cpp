@@ -10,6 +10,7 @@
 
 #include <opencv2/imgproc.hpp>
 
+#include "engine/Logging.h"
 #include "shader/OpenGLHelper.h"
 
 namespace {
@@ -93,35 +94,35 @@ ShaderWorker::~ShaderWorker()
 
 int ShaderWorker::initShaders(const QString& vertexPath, const QString& fragmentPath)
 {
-    qInfo() << "[ShaderWorker::initShaders]:" << vertexPath;
+    qCInfo(lcGpu) << "[ShaderWorker::initShaders]:" << vertexPath;
     if (!program)
         program = new QOpenGLShaderProgram();
 
     QByteArray vertexCode = OpenGLHelper::versionHeader(1) + OpenGLHelper::loadShaderFile(vertexPath);
     if (!vertexCode.startsWith("#version")) {
-        qInfo() << "get glsl version fail,vertexcode:" << vertexCode;
+        qCInfo(lcGpu) << "get glsl version fail,vertexcode:" << vertexCode;
         return 0;
     }
     if (!program->addShaderFromSourceCode(QOpenGLShader::Vertex, vertexCode)) {
-        qWarning() << "init vertex shader fail!";
+        qCWarning(lcGpu) << "init vertex shader fail!";
         return 0;
     }
 
     QByteArray fragmentCode = OpenGLHelper::versionHeader(2) + OpenGLHelper::loadShaderFile(fragmentPath);
     if (!fragmentCode.startsWith("#version")) {
-        qInfo() << "get glsl version fail,fragmentcode:" << fragmentCode;
+        qCInfo(lcGpu) << "get glsl version fail,fragmentcode:" << fragmentCode;
         return 0;
     }
     if (!program->addShaderFromSourceCode(QOpenGLShader::Fragment, fragmentCode)) {
-        qWarning() << "init fragment shader fail!";
+        qCWarning(lcGpu) << "init fragment shader fail!";
         return 0;
     }
     if (!program->link()) {
-        qWarning() << "link shader fail!";
+        qCWarning(lcGpu) << "link shader fail!";
         return 0;
     }
     if (!program->bind()) {
-        qDebug() << "bind shader fail!";
+        qCDebug(lcGpu) << "bind shader fail!";
         return 0;
     }
     return 1;
@@ -334,11 +335,11 @@ void ShaderWorker::buildLipsMesh(std::vector<int> lipPoints, std::map<std::strin
     indexCount = 0;
     // Lip points 14 and 18 (the inner middle) are needed for the mouth centre.
     if (lipPoints.size() < 38) {
-        qWarning() << "[ShaderWorker::buildLipsMesh] lip point list too short:" << lipPoints.size();
+        qCWarning(lcGpu) << "[ShaderWorker::buildLipsMesh] lip point list too short:" << lipPoints.size();
         return;
     }
     if (width <= 0 || height <= 0) {
-        qWarning() << "[ShaderWorker::buildLipsMesh] invalid picture size" << width << "x" << height;
+        qCWarning(lcGpu) << "[ShaderWorker::buildLipsMesh] invalid picture size" << width << "x" << height;
         return;
     }
 

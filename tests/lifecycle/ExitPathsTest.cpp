@@ -24,8 +24,9 @@ const qint64 kExitLimitMs = 2000;
 
 // The engine's own lines; anything else on stderr is a finding. Our lines that
 // tell of a failed stop are findings too.
-bool isExpectedLine(const QString& line)
+bool isExpectedLine(QString line)
 {
+    line.remove(QRegularExpression(R"(^lumen_fx\.\w+: )"));
     static const QRegularExpression own(
         R"(^(\[|~|@@@|gl version:|glsl version:|ImageFilters::ImageFilters|OpenglFileMerger::|OpenglChannelWorker::))");
     static const QRegularExpression failedStop(R"(did not stop in time|off its context's thread)");
