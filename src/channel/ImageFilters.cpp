@@ -24,6 +24,12 @@ Q_DECLARE_METATYPE(cv::Mat)
 namespace {
 
 constexpr int64_t kFpsChangeHoldNs = 30001000000LL;
+
+// The filter types, SLIMFACE to SMOOTHWHITENING; NOFILTER is the empty set's marker.
+bool isFilterType(int type)
+{
+    return type >= SLIMFACE && type <= SMOOTHWHITENING;
+}
 constexpr int kIdleRefreshFrames = 20;
 constexpr int kPageLimit = 7680;
 
@@ -288,7 +294,7 @@ void ImageFilters::postBgImg(ImageFilterType type, const std::string& path, bool
 
 bool ImageFilters::isFilterTypeValue(ImageFilterType type, const char* function)
 {
-    if (type > NOFILTER && type <= SMOOTHWHITENING)
+    if (isFilterType(type))
         return true;
     if (type == NOFILTER)
         qCWarning(lcChannel).nospace() << "[ImageFilters::" << function << "] filter type 0 is not a filter; call dropped";
@@ -302,13 +308,43 @@ void ImageFilters::addImageFilter(ImageFilterType type, void* para)
 {
     if (!isFilterTypeValue(type, "addImageFilter"))
         return;
-    FilterParaMap par;
-    const bool readsRecord = type != UNUSEDFILTER;
-    if (readsRecord && para == nullptr) {
+    if (type != UNUSEDFILTER && para == nullptr) {
         qCWarning(lcChannel) << "[ImageFilters::addImageFilter] null parameter record for filter type" << int(type)
-                   << "; call dropped";
+                             << "; call dropped";
         return;
     }
+    FilterParaMap par;
+    if (readRecord(type, para, false, par))
+        emitParameters(type, par);
+}
+
+void ImageFilters::setFilterPara(ImageFilterType type, FilterParaType paraType, void* para)
+{
+    if (!isFilterTypeValue(type, "setFilterPara"))
+        return;
+    FilterParaMap par;
+    const bool matches = (type == SLIMFACE && paraType == SLIMFACEPARA) || (type == SMOOTH && paraType == SMOOTHPARA)
+                         || (type == REDLIPS && paraType == REDLIPSPARA)
+                         || (type == WHITENING && paraType == WHITENINGPARA)
+                         || (type == SMOOTHWHITENING && paraType == SMOOTHWHITENINGPARA)
+                         || (type == STICKER && paraType == STICKERPARA)
+                         || (type == BASICIMAGE && paraType == BASICIMAGEPARA);
+    if (!matches) {
+        // A mismatched pair never reads the record: an empty map goes out.
+        emitParameters(type, par);
+        return;
+    }
+    if (para == nullptr) {
+        qCWarning(lcChannel) << "[ImageFilters::setFilterPara] null parameter record for filter type" << int(type)
+                             << "; call dropped";
+        return;
+    }
+    if (readRecord(type, para, true, par))
+        emitParameters(type, par);
+}
+
+bool ImageFilters::readRecord(ImageFilterType type, void* para, bool fromSetter, FilterParaMap& par)
+{
     switch (type) {
     case SLIMFACE:
         par[slim_face_strength] = static_cast<const _slim_face_param*>(para)->strength;
@@ -320,7 +356,8 @@ void ImageFilters::addImageFilter(ImageFilterType type, void* para)
     case SMOOTHWHITENING: {
         const auto* rec = static_cast<const _strength_param*>(para);
         par[strengthKey(type)] = rec->strength;
-        postAdd(type, rec->isFaceDetect);
+        // The setter of red lips always asks for face detection.
+        postAdd(type, (fromSetter && type == REDLIPS) || rec->isFaceDetect);
         break;
     }
     case STICKER: {
@@ -364,9 +401,8 @@ void ImageFilters::addImageFilter(ImageFilterType type, void* para)
         postAdd(type, false);
         if (!path.empty())
             postBgImg(type, path, false, false, false);
-        if (type != IMAGEBACKGROUND)
-            return;
-        break;
+        // The two further image backgrounds send no parameters.
+        return type == IMAGEBACKGROUND;
     }
     case GREENSCREEN: {
         const auto* rec = static_cast<const _green_screen_param*>(para);
@@ -381,61 +417,7 @@ void ImageFilters::addImageFilter(ImageFilterType type, void* para)
     default:
         break;
     }
-    emitParameters(type, par);
-}
-
-void ImageFilters::setFilterPara(ImageFilterType type, FilterParaType paraType, void* para)
-{
-    if (!isFilterTypeValue(type, "setFilterPara"))
-        return;
-    FilterParaMap par;
-    const bool matches = (type == SLIMFACE && paraType == SLIMFACEPARA) || (type == SMOOTH && paraType == SMOOTHPARA)
-                         || (type == REDLIPS && paraType == REDLIPSPARA)
-                         || (type == WHITENING && paraType == WHITENINGPARA)
-                         || (type == SMOOTHWHITENING && paraType == SMOOTHWHITENINGPARA)
-                         || (type == STICKER && paraType == STICKERPARA)
-                         || (type == BASICIMAGE && paraType == BASICIMAGEPARA);
-    if (!matches) {
-        emitParameters(type, par);
-        return;
-    }
-    if (para == nullptr) {
-        qCWarning(lcChannel) << "[ImageFilters::setFilterPara] null parameter record for filter type" << int(type)
-                   << "; call dropped";
-        return;
-    }
-    switch (type) {
-    case SLIMFACE:
-        par[slim_face_strength] = static_cast<const _slim_face_param*>(para)->strength;
-        postAdd(type, true);
-        break;
-    case SMOOTH:
-    case WHITENING:
-    case SMOOTHWHITENING: {
-        const auto* rec = static_cast<const _strength_param*>(para);
-        par[strengthKey(type)] = rec->strength;
-        postAdd(type, rec->isFaceDetect);
-        break;
-    }
-    case REDLIPS:
-        par[redlips_strength] = static_cast<const _strength_param*>(para)->strength;
-        postAdd(type, true);
-        break;
-    case STICKER: {
-        const std::string path = *static_cast<const std::string*>(para);
-        postAdd(type, true);
-        if (!path.empty())
-            postBgImg(type, path, false, false, false);
-        break;
-    }
-    case BASICIMAGE:
-        par = basicImageParas(*static_cast<const _basic_image_param*>(para));
-        postAdd(type, false);
-        break;
-    default:
-        break;
-    }
-    emitParameters(type, par);
+    return true;
 }
 
 // ---------------------------------------------------------------------------
@@ -499,7 +481,7 @@ void ImageFilters::onAddImageFilter(ImageFilterType t, bool)
         inbox.adds.erase(t);
     }
     refreshFrames = kIdleRefreshFrames;
-    if (filters.count(t) || t < 1 || t > 14)
+    if (filters.count(t) || !isFilterType(t))
         return;
     if (!createsFilterObject(t))
         return;
@@ -519,7 +501,7 @@ void ImageFilters::onRemoveImageFilter(ImageFilterType t)
 {
     refreshFrames = kIdleRefreshFrames;
     auto it = filters.find(t);
-    if (it == filters.end() || t < 1 || t > 14)
+    if (it == filters.end() || !isFilterType(t))
         return;
     if (t == BASICIMAGE) {
         delete it->second;
@@ -605,7 +587,7 @@ void ImageFilters::onDoPauseWork(bool isPaused)
 {
     if (isPaused) {
         filtersStopped = true;
-        if (pauseMode == 6)
+        if (pauseMode == kPauseKeepingGpuState)
             return;
         if (channelWorker) {
             channelWorker->releaseTextures();
@@ -701,59 +683,29 @@ void ImageFilters::process()
 void ImageFilters::tick()
 {
     if (filtersStopped || clearOutput || refreshFrames == 0) {
+        idleTick();
+        return;
+    }
+    QImage src;
+    {
+        QMutexLocker locker(&srcMutex);
+        src = srcImage;
+    }
+    if (src.isNull()) {
         pace();
-        if (clearOutput) {
-            textureBuffer_->setImageMode(true);
-            textureBuffer_->setImage(QImage());
-        }
-        lastTickNs = nowNs();
         QCoreApplication::processEvents();
         return;
     }
-
-    QImage src;
-    QImage dst;
-    {
-        QMutexLocker locker(&srcMutex);
-        if (srcImage.isNull()) {
-            locker.unlock();
-            pace();
-            QCoreApplication::processEvents();
-            return;
-        }
-        src = srcImage;
-    }
-
-    // The share handshake: wait, without events, until the scene publishes its
-    // context, then make the shared textures in a context that shares with it.
-    if (sceneShareEnabled && isSceneChannel && !shareTextureReady) {
-        QOpenGLContext* context = textureBuffer_->getShareContext(sceneId);
-        if (!context) {
-            sleepMs(50);
-            return;
-        }
-        channelWorker->setShareContext(context);
-        channelWorker->doPreWork(const_cast<uchar*>(src.constBits()), src.width(), src.height());
-        if (channelWorker->createSceneShareTexture(textureBuffer_.get())) {
-            textureBuffer_->setShareReady(sceneId, true);
-            shareTextureReady = true;
-        }
-    }
-
+    // Waiting for the scene: no pacing and no events on this path.
+    if (!shareHandshakeDone(src))
+        return;
     if (clipSettleFrames > 0) {
         --clipSettleFrames;
         pace();
         return;
     }
-
     if (directFrame) {
-        QImage direct;
-        {
-            QMutexLocker locker(&srcMutex);
-            direct = directImage;
-        }
-        textureBuffer_->setImageMode(true);
-        textureBuffer_->setImage(direct);
+        handOverDirectFrame();
         pace();
         return;
     }
@@ -765,8 +717,9 @@ void ImageFilters::tick()
     if (filters.size() == 1 && filters.count(NOFILTER))
         channelWorker->setClip(false);
 
+    QImage dst;
     const int64_t started = nowNs();
-    const bool readBack = !(sceneShareEnabled && isSceneChannel && pauseMode != 6);
+    const bool readBack = !(sceneShareEnabled && isSceneChannel && pauseMode != kPauseKeepingGpuState);
     runFilters(src, dst, false, readBack, false);
     const int64_t ended = nowNs();
     // After the first frame, with its face detection: the exit handler then
@@ -775,13 +728,10 @@ void ImageFilters::tick()
         engineexit::arm();
         exitHookArmed = true;
     }
-    const int frameMs = static_cast<int>((ended - started) / 1000000);
-
     if (configuredFps > 15 && ended - lastFpsChangeNs >= kFpsChangeHoldNs)
-        adaptFps(frameMs);
+        adaptFps(static_cast<int>((ended - started) / 1000000));
 
     textureBuffer_->setPremulAlpha(false);
-
     if (skipOutputOnce) {
         skipOutputOnce = false;
         return;
@@ -790,30 +740,75 @@ void ImageFilters::tick()
         --refreshFrames;
     if (channelWorker->isFrameSkipped())
         return;
+    deliver(dst);
+    pace();
+    QCoreApplication::processEvents();
+}
 
+void ImageFilters::idleTick()
+{
+    pace();
+    if (clearOutput) {
+        textureBuffer_->setImageMode(true);
+        textureBuffer_->setImage(QImage());
+    }
+    lastTickNs = nowNs();
+    QCoreApplication::processEvents();
+}
+
+bool ImageFilters::shareHandshakeDone(const QImage& src)
+{
+    if (!sceneShareEnabled || !isSceneChannel || shareTextureReady)
+        return true;
+    // Wait, without events, until the scene publishes its context, then make
+    // the shared textures in a context that shares with it.
+    QOpenGLContext* context = textureBuffer_->getShareContext(sceneId);
+    if (!context) {
+        sleepMs(50);
+        return false;
+    }
+    channelWorker->setShareContext(context);
+    channelWorker->doPreWork(const_cast<uchar*>(src.constBits()), src.width(), src.height());
+    if (channelWorker->createSceneShareTexture(textureBuffer_.get())) {
+        textureBuffer_->setShareReady(sceneId, true);
+        shareTextureReady = true;
+    }
+    return true;
+}
+
+void ImageFilters::handOverDirectFrame()
+{
+    QImage direct;
+    {
+        QMutexLocker locker(&srcMutex);
+        direct = directImage;
+    }
+    textureBuffer_->setImageMode(true);
+    textureBuffer_->setImage(direct);
+}
+
+void ImageFilters::deliver(const QImage& dst)
+{
     if (!isSceneChannel) {
         QMutexLocker locker(&dstMutex);
         dstImage = dst;
-    } else if (sceneShareEnabled && !filters.empty()) {
-        if (clipSettleFrames == 0) {
-            clipSettleFrames = -1;
-            channelWorker->readFromGPU(textureBuffer_.get());
-        } else {
-            if (textureBuffer_->isImageMode()) {
-                textureBuffer_->setImageMode(false);
-                // The scene draws the texture now; the last picture would
-                // otherwise stay for as long as the texture path runs.
-                textureBuffer_->setImage(QImage());
-            }
-            channelWorker->readFromGPU(textureBuffer_.get());
-        }
-    } else {
+        return;
+    }
+    if (!sceneShareEnabled || filters.empty()) {
         if (!textureBuffer_->isImageMode())
             textureBuffer_->setImageMode(true);
         textureBuffer_->setImage(dst);
+        return;
     }
-    pace();
-    QCoreApplication::processEvents();
+    if (clipSettleFrames == 0) {
+        clipSettleFrames = -1;
+    } else if (textureBuffer_->isImageMode()) {
+        textureBuffer_->setImageMode(false);
+        // The scene draws the texture now; the last picture would otherwise
+        // stay for as long as the texture path runs.
+        textureBuffer_->setImage(QImage());
+    }
+    channelWorker->readFromGPU(textureBuffer_.get());
 }
 
 bool ImageFilters::hasFilter(ImageFilterType type) const

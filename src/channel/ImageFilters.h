@@ -119,8 +119,14 @@ protected:
     ImageFilters(int sceneId, int channelId, bool isSceneChannel, NoThreadStart);
 
     // One turn of the loop of process(), from the top of the loop to the check
-    // of stopRequested.
+    // of stopRequested, and its steps.
     void tick();
+    void idleTick();
+    // False while the scene channel still waits for its scene's context.
+    bool shareHandshakeDone(const QImage& src);
+    void handOverDirectFrame();
+    // The frame's result to the buffer (texture or picture) or to dstImage.
+    void deliver(const QImage& dst);
     // Holds the tick; see pacing.
     void pace();
     // Adapts the frame rate to the time that a frame took.
@@ -150,6 +156,10 @@ private:
     void postBgImg(ImageFilterType type, const std::string& path, bool isBgBlured, bool isBgTransparent,
                    bool isGreenScreen);
     static bool isFilterTypeValue(ImageFilterType type, const char* function);
+    // Reads the host's record of a type into `par` and asks for the filter
+    // (and the picture that the record names). From the setter, red lips
+    // always ask for face detection. False where the type sends no parameters.
+    bool readRecord(ImageFilterType type, void* para, bool fromSetter, FilterParaMap& par);
     void dropPictures();
 
 protected:

@@ -9,12 +9,11 @@
 
 #include "engine/Logging.h"
 #include "filters/BeautyFilterBase.h"
+#include "gpu/GlTextures.h"
 #include "scene/TextureBuffer.h"
 #include "shader/ShaderWorker.h"
 
 namespace {
-
-const GLbitfield kClearMask = 16640;  // colour and depth
 
 struct ProgramFiles {
     const char* vertex;
@@ -138,7 +137,7 @@ void OpenglChannelWorker::clearFbos(int width, int height)
             continue;
         target->bind();
         glViewport(0, 0, width, height);
-        glClear(kClearMask);
+        glClear(gl::kClearColourAndDepth);
         QOpenGLFramebufferObject::bindDefault();
     }
 }
@@ -153,10 +152,7 @@ void OpenglChannelWorker::createTextures()
         glGenTextures(1, names[i]);
         glActiveTexture(units[i]);
         glBindTexture(GL_TEXTURE_2D, *names[i]);
-        glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_LINEAR);
-        glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, GL_LINEAR);
-        glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_S, GL_CLAMP_TO_EDGE);
-        glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_T, GL_CLAMP_TO_EDGE);
+        gl::setLinearClamped(this);
         glActiveTexture(units[i]);
         glBindTexture(GL_TEXTURE_2D, 0);
     }

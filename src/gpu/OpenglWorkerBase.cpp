@@ -15,6 +15,7 @@
 
 #include "engine/EngineExit.h"
 #include "engine/Logging.h"
+#include "gpu/GlTextures.h"
 #include "scene/TextureBuffer.h"
 #include "shader/ShaderWorker.h"
 
@@ -26,9 +27,6 @@ QOpenGLFramebufferObjectFormat frameFormat()
     format.setAttachment(QOpenGLFramebufferObject::CombinedDepthStencil);
     return format;
 }
-
-// GL_COLOR_BUFFER_BIT | GL_DEPTH_BUFFER_BIT
-const GLbitfield kClearMask = 16640;
 
 void dropFbo(QOpenGLFramebufferObject*& target)
 {
@@ -417,7 +415,7 @@ void OpenglWorkerBase::clearFbos(int width, int height)
         return;
     fbo->bind();
     glViewport(0, 0, width, height);
-    glClear(kClearMask);
+    glClear(gl::kClearColourAndDepth);
     QOpenGLFramebufferObject::bindDefault();
 }
 
@@ -539,10 +537,10 @@ void OpenglWorkerBase::bindQtTexture(const QImage& image)
         inputTexture = new QOpenGLTexture(image, QOpenGLTexture::GenerateMipMaps);
         inputTexture->setWrapMode(QOpenGLTexture::DirectionS, QOpenGLTexture::ClampToEdge);
         inputTexture->setWrapMode(QOpenGLTexture::DirectionT, QOpenGLTexture::ClampToEdge);
-        inputTexture->setMinificationFilter(static_cast<QOpenGLTexture::Filter>(9985));
+        inputTexture->setMinificationFilter(QOpenGLTexture::LinearMipMapNearest);
         // A mipmap mode for magnification as well, deliberately; GL refuses it
         // and the texture keeps its default.
-        inputTexture->setMagnificationFilter(static_cast<QOpenGLTexture::Filter>(9987));
+        inputTexture->setMagnificationFilter(QOpenGLTexture::LinearMipMapLinear);
         inputTexWidth = image.width();
         inputTexHeight = image.height();
         inputTexHasAlpha = image.hasAlphaChannel();
@@ -561,7 +559,7 @@ GLuint OpenglWorkerBase::createMipmapTexture(const QImage& image)
     glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_S, GL_REPEAT);
     glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_T, GL_REPEAT);
     // The two filters are swapped against the usual use, on purpose.
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, 9987);
+    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, GL_LINEAR_MIPMAP_LINEAR);
     glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_LINEAR);
     glBindTexture(GL_TEXTURE_2D, 0);
     return name;
@@ -585,10 +583,7 @@ void OpenglWorkerBase::createTextures()
     glGenTextures(1, &textures[0]);
     glActiveTexture(GL_TEXTURE0);
     glBindTexture(GL_TEXTURE_2D, textures[0]);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_LINEAR);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, GL_LINEAR);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_S, GL_CLAMP_TO_EDGE);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_T, GL_CLAMP_TO_EDGE);
+    gl::setLinearClamped(this);
     glActiveTexture(GL_TEXTURE0);
     glBindTexture(GL_TEXTURE_2D, 0);
 }

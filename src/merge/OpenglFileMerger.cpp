@@ -14,12 +14,11 @@
 
 #include "engine/EngineExit.h"
 #include "engine/Logging.h"
+#include "gpu/GlTextures.h"
 #include "scene/TextureBuffer.h"
 #include "shader/ShaderWorker.h"
 
 namespace {
-
-const GLbitfield kClearMask = GL_COLOR_BUFFER_BIT | GL_DEPTH_BUFFER_BIT;
 
 QOpenGLFramebufferObjectFormat mergeFormat()
 {
@@ -171,10 +170,7 @@ void OpenglFileMerger::createTextures()
         glGenTextures(1, &textures[i]);
         glActiveTexture(units[i]);
         glBindTexture(GL_TEXTURE_2D, textures[i]);
-        glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_LINEAR);
-        glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, GL_LINEAR);
-        glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_S, GL_CLAMP_TO_EDGE);
-        glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_T, GL_CLAMP_TO_EDGE);
+        gl::setLinearClamped(this);
         glBindTexture(GL_TEXTURE_2D, 0);
     }
     glActiveTexture(GL_TEXTURE0);
@@ -305,7 +301,7 @@ void OpenglFileMerger::mergeImages(const QList<_channel_merge_param>& params, in
     for (QOpenGLFramebufferObject* target : {composeFbo(), mergedFbo(), finalFbo()}) {
         target->bind();
         glViewport(0, 0, width, height);
-        glClear(kClearMask);
+        glClear(gl::kClearColourAndDepth);
     }
     QOpenGLFramebufferObject::bindDefault();
 

@@ -170,35 +170,19 @@ void SceneManager::process()
 void SceneManager::tick()
 {
     if (paused) {
-        QThread::msleep(50);
-        {
-            QMutexLocker locker(&requestMutex);
-            qDeleteAll(requests);
-            requests.clear();
-            requests.append(new MergeRequest(idleRequest));
-        }
-        lastTickNs = nowNs();
-        QCoreApplication::processEvents();
+        pausedTick();
         return;
     }
-
     MergeRequest request;
-    {
-        QMutexLocker locker(&requestMutex);
-        if (requests.isEmpty()) {
-            locker.unlock();
-            endTick();
-            return;
-        }
-        MergeRequest* first = requests.takeFirst();
-        request = *first;
-        delete first;
+    if (!takeRequest(request)) {
+        endTick();
+        return;
     }
-
     const int width = request.width;
     const int height = request.height;
     mergeWidth = width;
     mergeHeight = height;
+    // A request that can't be served is dropped without pacing or events.
     if (width == 0 || height == 0)
         return;
     if (width < 0 || height < 0) {
@@ -208,13 +192,47 @@ void SceneManager::tick()
     if (!requestFitsLimits(width, height))
         return;
 
+    mergeAndRead(request);
+    publishOutput();
+    if (genBgr)
+        keepBgr();
+    endTick();
+}
+
+void SceneManager::pausedTick()
+{
+    QThread::msleep(50);
+    {
+        QMutexLocker locker(&requestMutex);
+        qDeleteAll(requests);
+        requests.clear();
+        requests.append(new MergeRequest(idleRequest));
+    }
+    lastTickNs = nowNs();
+    QCoreApplication::processEvents();
+}
+
+bool SceneManager::takeRequest(MergeRequest& request)
+{
+    QMutexLocker locker(&requestMutex);
+    if (requests.isEmpty())
+        return false;
+    MergeRequest* first = requests.takeFirst();
+    request = *first;
+    delete first;
+    return true;
+}
+
+void SceneManager::mergeAndRead(const MergeRequest& request)
+{
+    const int width = request.width;
+    const int height = request.height;
     QImage graffiti;
     {
         QMutexLocker locker(&graffitiMutex);
         graffiti = graffitiSource;
         hasGraffiti = !graffiti.isNull();
     }
-
     if (!mergedImage || mergedImage->width() != width || mergedImage->height() != height)
         remakeGrey(mergedImage, mergedBits, width, height);
     if (!finalImage || finalImage->width() != width || finalImage->height() != height)
@@ -222,12 +240,11 @@ void SceneManager::tick()
 
     if (hasGraffiti || !request.params.isEmpty())
         merger->mergeImages(request.params, width, height, request.background, graffiti);
-
+    // Read-backs under the read lock, outside the merger's draw, which takes it too.
     if (hasGraffiti) {
         QReadLocker locker(&sharedTextureLock());
         merger->readFinalImage(finalBits, finalImage->width(), finalImage->height(), false, false);
     }
-
     if (!request.params.isEmpty()) {
         QReadLocker locker(&sharedTextureLock());
         merger->readLastFboByAlpha(mergedBits, width, height, false, false);
@@ -238,31 +255,31 @@ void SceneManager::tick()
         remakeGrey(mergedImage, mergedBits, width, height);
         hadChannels = false;
     }
+}
 
-    {
-        QMutexLocker locker(&outputMutex);
-        if (mergedImage && !mergedImage->isNull()) {
-            if (!outputImage)
-                outputImage = new QImage(mergedImage->size(), mergedImage->format());
-            // A deep copy: the merged picture is written in place by the next merge.
-            *outputImage = mergedImage->copy();
-        }
+void SceneManager::publishOutput()
+{
+    QMutexLocker locker(&outputMutex);
+    if (!mergedImage || mergedImage->isNull())
+        return;
+    if (!outputImage)
+        outputImage = new QImage(mergedImage->size(), mergedImage->format());
+    // A deep copy: the merged picture is written in place by the next merge.
+    *outputImage = mergedImage->copy();
+}
+
+void SceneManager::keepBgr()
+{
+    if (hasGraffiti) {
+        QReadLocker locker(&sharedTextureLock());
+        merger->readFinalImage(finalBits, finalImage->width(), finalImage->height(), false, false);
+        storeBgr(*finalImage);
+    } else {
+        storeBgr(*mergedImage);
     }
-
-    if (genBgr) {
-        if (hasGraffiti) {
-            QReadLocker locker(&sharedTextureLock());
-            merger->readFinalImage(finalBits, finalImage->width(), finalImage->height(), false, false);
-            storeBgr(*finalImage);
-        } else {
-            storeBgr(*mergedImage);
-        }
-        QMutexLocker locker(&bgrMutex);
-        if (bgrCount < 3)
-            ++bgrCount;
-    }
-
-    endTick();
+    QMutexLocker locker(&bgrMutex);
+    if (bgrCount < 3)
+        ++bgrCount;
 }
 
 void SceneManager::endTick()
@@ -349,7 +366,7 @@ void SceneManager::onDoPauseWork(bool isPaused)
         return;
     }
     paused = true;
-    if (pauseMode == 6)
+    if (pauseMode == kPauseKeepingGpuState)
         return;
     cleanUp(true);
 }

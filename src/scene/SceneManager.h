@@ -80,6 +80,12 @@ private:
     void init(int sceneId);
     void cleanUp(bool keepOutput);
     void storeBgr(const QImage& image);
+    // The steps of a tick.
+    void pausedTick();
+    bool takeRequest(MergeRequest& request);
+    void mergeAndRead(const MergeRequest& request);
+    void publishOutput();
+    void keepBgr();
     void endTick();
     static int64_t nowNs();
 

@@ -1,0 +1,21 @@
+#pragma once
+// GL values that the workers and the texture buffers share.
+
+#include <QOpenGLFunctions>
+
+namespace gl {
+
+// Every framebuffer has colour and depth; a clear clears both.
+constexpr GLbitfield kClearColourAndDepth = GL_COLOR_BUFFER_BIT | GL_DEPTH_BUFFER_BIT;
+
+// The set-up of every plain texture of the engine, on the texture bound to
+// GL_TEXTURE_2D: linear filtering both ways, edges clamped.
+inline void setLinearClamped(QOpenGLFunctions* f)
+{
+    f->glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_LINEAR);
+    f->glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, GL_LINEAR);
+    f->glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_S, GL_CLAMP_TO_EDGE);
+    f->glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_T, GL_CLAMP_TO_EDGE);
+}
+
+}  // namespace gl
