@@ -1,5 +1,6 @@
 #include "gpu/OpenglWorkerBase.h"
 
+#include <cstdlib>
 #include <exception>
 #include <vector>
 
@@ -36,6 +37,19 @@ void dropFbo(QOpenGLFramebufferObject*& target)
     delete target;
     target = nullptr;
 }
+
+// Mesa's software rasterizer, llvmpipe, hands each context's rasterization to
+// threads of its own. In the Mesa of Debian 12 its check whether a texture is
+// still used by a scene in flight races with those threads finishing the
+// scene: under many contexts resizing their textures it crashed the process
+// (twice in 25 minutes of the stress storm, never in the same time with the
+// setting below). The engine draws every channel and scene on a thread of its
+// own already, so rasterizing on that thread costs little. Set when the
+// library is loaded, before any context exists; a host's own choice stays.
+const bool rasterizeOnCallingThread = [] {
+    setenv("LP_NUM_THREADS", "0", 0);
+    return true;
+}();
 
 // Workers queued for deletion on the application's thread. Never destroyed:
 // a channel thread may still queue one while the process exits.
