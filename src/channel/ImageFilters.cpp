@@ -127,13 +127,19 @@ void ImageFilters::init(int sceneId_, int channelId_, bool isSceneChannel_)
     textureBuffer_ = std::make_shared<TextureBuffer>();
     faceDetector = std::make_shared<DnnFaceDetector>();
 
+    registerMetaTypes();
+
+    moveToThread(thread);
+    connectSignals();
+}
+
+void ImageFilters::registerMetaTypes()
+{
     qRegisterMetaType<cv::Mat>("cv::Mat");
     qRegisterMetaType<ImageFilterType>("ImageFilterType");
     qRegisterMetaType<std::string>("std::string");
     qRegisterMetaType<FilterParaMap>("std::map<std::string, double>");
-
-    moveToThread(thread);
-    connectSignals();
+    qRegisterMetaType<FilterParaType>("FilterParaType");
 }
 
 void ImageFilters::connectSignals()

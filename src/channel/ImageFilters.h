@@ -47,6 +47,8 @@ public:
     void setFilterPara(ImageFilterType type, FilterParaType paraType, void* para);
 
     TextureBuffer* textureBuffer() const;
+    // The types that travel through the queued calls, registered with Qt.
+    static void registerMetaTypes();
     // The scene's share of the buffer: it outlives the channel while the scene draws.
     std::shared_ptr<TextureBuffer> sharedTextureBuffer() const;
 

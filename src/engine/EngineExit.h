@@ -16,4 +16,11 @@ void setHandler(void (*handler)());
 // registrations per worker.
 void arm();
 
+// Once per process, on the application's thread before the first scene:
+// brings up what the channels' first frames would otherwise set up lazily on
+// their threads (the GL driver and its compiler, Qt's GL and image helpers,
+// OpenCV), then arms. An exit during those first frames would otherwise
+// destroy them under the channels before the handler could stop them.
+void bringUpAndArm();
+
 }  // namespace engineexit

@@ -185,6 +185,7 @@ int OpenglImageManagerPrivate::makeScene()
     }
     hookApplication();
     keepLargeBlocksMapped();
+    engineexit::bringUpAndArm();
     const int id = nextSceneId++;
     auto* scene = new SceneManager(id, nullptr);
     if (genBgrFirst || genBgrSecond != genBgrFirst)
