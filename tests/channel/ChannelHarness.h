@@ -33,19 +33,12 @@ public:
 
     int64_t tickStamp() const { return lastTickNs; }
     int64_t lastRateChange() const { return lastFpsChangeNs; }
-    int downCount() const { return fpsDownCount; }
-    int upCount() const { return fpsUpCount; }
     BeautyFilterBase* filterObject(ImageFilterType t) const
     {
         auto it = filters.find(t);
         return it == filters.end() ? nullptr : it->second;
     }
     size_t filterCount() const { return filters.size(); }
-    std::map<std::string, double> lastParameters(ImageFilterType t) const
-    {
-        auto it = filterParams.find(t);
-        return it == filterParams.end() ? std::map<std::string, double>() : it->second;
-    }
     bool holdsNoFilterMarker() const { return filters.size() == 1 && filters.count(NOFILTER) == 1; }
 
 protected:

@@ -1,453 +1,221 @@
-#include <atomic>
+// The channel's loop driven one tick at a time on the test's clock: pacing,
+// rate adaptation, which frames are worked on, and how the host's calls reach
+// the filters.
+#include <functional>
+#include <tuple>
 
-#include <QMetaMethod>
-#include <QThread>
 #include <gtest/gtest.h>
 
 #include "ChannelHarness.h"
-#include "TestUtil.h"
 #include "filters/BeautyFilterBase.h"
 #include "scene/TextureBuffer.h"
 
 namespace {
 
-QImage picture(int w = 64, int h = 48, QColor c = Qt::red)
+QImage picture(QColor c = Qt::red)
 {
-    QImage img(w, h, QImage::Format_RGBA8888);
+    QImage img(64, 48, QImage::Format_RGBA8888);
     img.fill(c);
     return img;
 }
 
-// Counts emissions of fpsChangedForPerformance with their values.
-struct RateSignals {
-    explicit RateSignals(ImageFilters& f)
-    {
-        QObject::connect(&f, &ImageFilters::fpsChangedForPerformance, [this](int fps) { values.push_back(fps); });
+// A changed frame and a tick, `n` times.
+void changedTicks(ChannelHarness& ch, int n)
+{
+    const QImage img = picture();
+    for (int i = 0; i < n; ++i) {
+        ch.writeFrame(img, false, true, false);
+        ch.tick();
     }
-    std::vector<int> values;
+}
+
+// What the host's calls queue for the channel's thread, in order: 'A' an add
+// with face detection, 'a' one without, 'p' parameters, 'b' a picture path.
+using Queued = std::tuple<char, int, FilterParaMap>;
+struct QueueRecorder {
+    explicit QueueRecorder(ImageFilters& ch)
+    {
+        QObject::connect(&ch, &ImageFilters::AddImageFilter,
+                         [this](ImageFilterType t, bool face) { calls.push_back(Queued(face ? 'A' : 'a', t, {})); });
+        QObject::connect(&ch, &ImageFilters::SetFilterParameter,
+                         [this](ImageFilterType t, FilterParaMap p) { calls.emplace_back('p', t, p); });
+        QObject::connect(&ch, &ImageFilters::UpdateBgImg, [this](ImageFilterType t, std::string, bool, bool, bool) {
+            calls.emplace_back('b', t, FilterParaMap());
+        });
+    }
+    std::vector<Queued> calls;
 };
 
 }  // namespace
 
-TEST(ImageFiltersMetaObject, SignalsAndSlotsKeepTheirOrder)
+TEST(ImageFiltersPacing, SleepsTheRestOfTheIntervalOrFiveMilliseconds)
 {
-    const QMetaObject& mo = ImageFilters::staticMetaObject;
-    const std::vector<std::pair<QMetaMethod::MethodType, const char*>> expected = {
-        {QMetaMethod::Signal, "clearFin()"},
-        {QMetaMethod::Signal, "clearFrame()"},
-        {QMetaMethod::Signal, "UpdateBgImg(ImageFilterType,std::string,bool,bool,bool)"},
-        {QMetaMethod::Signal, "finished()"},
-        {QMetaMethod::Signal, "SendImage(QImage)"},
-        {QMetaMethod::Signal, "Start()"},
-        {QMetaMethod::Signal, "AddImageFilter(ImageFilterType,bool)"},
-        {QMetaMethod::Signal, "RemoveImageFilter(ImageFilterType)"},
-        {QMetaMethod::Signal, "SetFilterParameter(ImageFilterType,std::map<std::string,double>)"},
-        {QMetaMethod::Signal, "StopAllFilters()"},
-        {QMetaMethod::Signal, "RestartAllFilters()"},
-        {QMetaMethod::Signal, "doPauseWork(bool)"},
-        {QMetaMethod::Signal, "bgHwNotSupport()"},
-        {QMetaMethod::Signal, "fpsChangedForPerformance(int)"},
-        {QMetaMethod::Signal, "sigDoFilterWork()"},
-        {QMetaMethod::Slot, "onClearFrame()"},
-        {QMetaMethod::Slot, "onSetFilterParameter(ImageFilterType,std::map<std::string,double>)"},
-        {QMetaMethod::Slot, "onAddImageFilter(ImageFilterType,bool)"},
-        {QMetaMethod::Slot, "onRemoveImageFilter(ImageFilterType)"},
-        {QMetaMethod::Slot, "onUpdateBgImg(ImageFilterType,std::string,bool,bool,bool)"},
-        {QMetaMethod::Slot, "onStopAllFilters()"},
-        {QMetaMethod::Slot, "onRestartAllFilters()"},
-        {QMetaMethod::Slot, "writeDstImage(QImage)"},
-        {QMetaMethod::Slot, "writeSrcImage(QImage,bool)"},
-        {QMetaMethod::Slot, "writeSrcImage(QImage)"},
-        {QMetaMethod::Slot, "process()"},
-        {QMetaMethod::Slot, "stop()"},
-        {QMetaMethod::Slot, "waitThreadStop()"},
-        {QMetaMethod::Slot, "closeAll()"},
-        {QMetaMethod::Slot, "onDoPauseWork(bool)"},
-    };
-    ASSERT_EQ(mo.methodCount() - mo.methodOffset(), int(expected.size()));
-    for (size_t i = 0; i < expected.size(); ++i) {
-        const QMetaMethod m = mo.method(mo.methodOffset() + int(i));
-        EXPECT_EQ(m.methodType(), expected[i].first) << "index " << i;
-        EXPECT_EQ(m.methodSignature().toStdString(), expected[i].second) << "index " << i;
+    // The frame rate set (0 and below are ignored), the work in the tick, the sleep (-1: none).
+    const struct { int fps, workMs, sleepMs; } cases[] = {{15, 10, 56}, {15, 80, 5}, {15, 66, 5}, {15, -3, -1},
+                                                          {30, 10, 23}, {60, 10, 6}, {0, 10, 56}, {-5, 10, 56}};
+    for (const auto& c : cases) {
+        ChannelHarness ch;
+        ch.setFrameRate(c.fps);
+        ch.startClock();
+        ch.clock += c.workMs * 1000000LL;
+        ch.pace();
+        EXPECT_EQ(ch.sleeps, c.sleepMs < 0 ? std::vector<int>() : std::vector<int>{c.sleepMs})
+            << c.fps << " fps, " << c.workMs << " ms";
+        EXPECT_EQ(ch.tickStamp(), ch.clock) << "the tick is stamped after the sleep";
     }
 }
 
-TEST(ImageFiltersPacing, SleepsTheRestOfTheIntervalOrFiveMilliseconds)
+TEST(ImageFiltersAdaptation, TheRateMovesAtTheTwoHundredAndSecondFrameInARow)
 {
-    ChannelHarness ch;
-    ch.startClock();
-    ch.clock += 10 * 1000000LL;  // 10 ms of work in a 66 ms tick
-    ch.pace();
-    ASSERT_EQ(ch.sleeps.size(), 1u);
-    EXPECT_EQ(ch.sleeps[0], 56);
-    EXPECT_EQ(ch.tickStamp(), ch.clock);
-
-    ch.clock += 80 * 1000000LL;  // an overrun still gives up 5 ms
-    ch.pace();
-    ASSERT_EQ(ch.sleeps.size(), 2u);
-    EXPECT_EQ(ch.sleeps[1], 5);
-
-    ch.clock += 66 * 1000000LL;  // exactly the interval counts as an overrun
-    ch.pace();
-    EXPECT_EQ(ch.sleeps.back(), 5);
-}
-
-TEST(ImageFiltersPacing, ClockThatRanBackwardsNeverSleeps)
-{
-    ChannelHarness ch;
-    ch.startClock();
-    ch.clock -= 3 * 1000000LL;
-    const int64_t before = ch.clock;
-    ch.pace();
-    EXPECT_TRUE(ch.sleeps.empty());
-    EXPECT_EQ(ch.tickStamp(), before);
-}
-
-TEST(ImageFiltersPacing, FrameRateSetsTheInterval)
-{
-    ChannelHarness ch;
-    EXPECT_EQ(ch.configuredFrameRate(), 15);
-    EXPECT_EQ(ch.frameInterval(), 66);
-    ch.setFrameRate(30);
-    EXPECT_EQ(ch.configuredFrameRate(), 30);
-    EXPECT_EQ(ch.currentFrameRate(), 30);
-    EXPECT_EQ(ch.frameInterval(), 33);
-    // A rate of 0 (or below) is a host mistake: ignored, nothing changes.
-    ch.setFrameRate(0);
-    ch.setFrameRate(-5);
-    EXPECT_EQ(ch.currentFrameRate(), 30);
-    EXPECT_EQ(ch.frameInterval(), 33);
-}
-
-TEST(ImageFiltersAdaptation, OverrunsDropTo15AfterTheTwoHundredAndSecondFrame)
-{
-    ChannelHarness ch;
-    RateSignals sig(ch);
-    ch.setFrameRate(30);
-    for (int i = 0; i < 201; ++i)
-        ch.adaptFps(70);
-    EXPECT_EQ(ch.currentFrameRate(), 30);
-    EXPECT_EQ(ch.downCount(), 201);
-    ch.adaptFps(70);
-    EXPECT_EQ(ch.currentFrameRate(), 15);
-    EXPECT_EQ(ch.frameInterval(), 66);
-    EXPECT_EQ(ch.downCount(), 0);
-    EXPECT_EQ(sig.values, std::vector<int>({15}));
-    EXPECT_EQ(ch.configuredFrameRate(), 30);
-}
-
-TEST(ImageFiltersAdaptation, OverrunWithTarget30HoldsTheRateAndResetsTheCount)
-{
-    ChannelHarness ch;
-    RateSignals sig(ch);
-    ch.setFrameRate(30);
-    for (int i = 0; i < 50; ++i)
-        ch.adaptFps(70);
-    EXPECT_EQ(ch.downCount(), 50);
-    ch.adaptFps(40);  // overrun, but 1000/40 = 25 gives target 30
-    EXPECT_EQ(ch.downCount(), 0);
-    for (int i = 0; i < 300; ++i)
-        ch.adaptFps(40);
-    EXPECT_EQ(ch.currentFrameRate(), 30);
-    EXPECT_TRUE(sig.values.empty());
-}
-
-TEST(ImageFiltersAdaptation, ClimbsBackTo30AfterADrop)
-{
-    ChannelHarness ch;
-    RateSignals sig(ch);
-    ch.setFrameRate(30);
-    for (int i = 0; i < 202; ++i)
-        ch.adaptFps(70);
-    ASSERT_EQ(ch.currentFrameRate(), 15);
-    for (int i = 0; i < 201; ++i)
-        ch.adaptFps(20);
-    EXPECT_EQ(ch.currentFrameRate(), 15);
-    ch.adaptFps(20);
-    EXPECT_EQ(ch.currentFrameRate(), 30);
-    EXPECT_EQ(ch.frameInterval(), 33);
-    EXPECT_EQ(sig.values, std::vector<int>({15, 30}));
-}
-
-TEST(ImageFiltersAdaptation, SixtyDropsToThirtyWithoutASignal)
-{
-    ChannelHarness ch;
-    RateSignals sig(ch);
-    ch.setFrameRate(60);
-    ASSERT_EQ(ch.frameInterval(), 16);
-    for (int i = 0; i < 202; ++i)
-        ch.adaptFps(40);
-    EXPECT_EQ(ch.currentFrameRate(), 30);
-    EXPECT_EQ(ch.frameInterval(), 33);
-    EXPECT_TRUE(sig.values.empty());
-}
-
-TEST(ImageFiltersAdaptation, ZeroMillisecondFramesChangeNothing)
-{
-    ChannelHarness ch;
-    ch.setFrameRate(30);
-    for (int i = 0; i < 10; ++i)
-        ch.adaptFps(70);
-    for (int i = 0; i < 500; ++i)
-        ch.adaptFps(0);
-    EXPECT_EQ(ch.downCount(), 10);
-    EXPECT_EQ(ch.upCount(), 0);
-    EXPECT_EQ(ch.currentFrameRate(), 30);
+    // Runs of frames of one duration, and the rate after each run.
+    struct Run { int frames, ms, rate; };
+    const struct { const char* what; int fps; std::vector<Run> runs; std::vector<int> signalled; } cases[] = {
+        {"overruns drop to 15, fast frames climb back", 30, {{201, 70, 30}, {1, 70, 15}, {201, 20, 15}, {1, 20, 30}},
+         {15, 30}},
+        {"an overrun aiming at 30 holds the rate and restarts the count", 30,
+         {{50, 70, 30}, {1, 40, 30}, {300, 40, 30}, {201, 70, 30}, {1, 70, 15}}, {15}},
+        {"frames of 0 ms neither count nor restart the count", 30,
+         {{10, 70, 30}, {500, 0, 30}, {191, 70, 30}, {1, 70, 15}}, {15}},
+        {"60 drops to 30 without a signal", 60, {{201, 40, 60}, {1, 40, 30}}, {}},
+    };
+    for (const auto& c : cases) {
+        ChannelHarness ch;
+        std::vector<int> signalled;
+        QObject::connect(&ch, &ImageFilters::fpsChangedForPerformance, [&](int fps) { signalled.push_back(fps); });
+        ch.setFrameRate(c.fps);
+        for (size_t i = 0; i < c.runs.size(); ++i) {
+            for (int f = 0; f < c.runs[i].frames; ++f)
+                ch.adaptFps(c.runs[i].ms);
+            EXPECT_EQ(ch.currentFrameRate(), c.runs[i].rate) << c.what << ", run " << i;
+            EXPECT_EQ(ch.frameInterval(), 1000 / c.runs[i].rate) << c.what << ", run " << i;
+        }
+        EXPECT_EQ(signalled, c.signalled) << c.what;
+    }
 }
 
 TEST(ImageFiltersAdaptation, LoopAdaptsOnlyAfterThirtySecondsAndAboveFifteen)
 {
-    // Drives the real loop with frames that take 70 ms on the test's clock.
-    ChannelHarness ch;
-    RateSignals sig(ch);
-    ch.setFrameRate(30);
-    ch.startClock();
-    ch.frameCostMs = 70;
-    const QImage img = picture();
-    int frames = 0;
-    // Keep the channel busy: each frame is a changed frame.
-    while (ch.clock + 70 * 1000000LL - ch.lastRateChange() < 30001000000LL) {
-        ch.writeFrame(img, false, true, false);
-        ch.tick();
-        ++frames;
+    // The rate set, what a frame costs, the rate until 30.001 s have passed, the rate 202 frames later.
+    const struct { int fps, costMs, before, after; } cases[] = {{30, 70, 30, 15}, {15, 20, 15, 15}};
+    for (const auto& c : cases) {
+        ChannelHarness ch;
+        ch.setFrameRate(c.fps);
+        ch.startClock();
+        ch.frameCostMs = c.costMs;
+        while (ch.clock + c.costMs * 1000000LL - ch.lastRateChange() < 30001000000LL)
+            changedTicks(ch, 1);
+        EXPECT_EQ(ch.currentFrameRate(), c.before) << c.fps << " fps";
+        changedTicks(ch, 202);
+        EXPECT_EQ(ch.currentFrameRate(), c.after) << c.fps << " fps";
     }
-    EXPECT_EQ(ch.currentFrameRate(), 30) << "no adaptation within the first 30.001 s";
-    EXPECT_EQ(ch.downCount(), 0);
-    for (int i = 0; i < 202; ++i) {
-        ch.writeFrame(img, false, true, false);
-        ch.tick();
-    }
-    EXPECT_EQ(ch.currentFrameRate(), 15);
-    EXPECT_EQ(sig.values, std::vector<int>({15}));
-    EXPECT_GT(frames, 300);
 }
 
-TEST(ImageFiltersAdaptation, DefaultRateNeverAdapts)
-{
-    ChannelHarness ch;  // the facade's default of 15
-    RateSignals sig(ch);
-    ch.startClock();
-    ch.frameCostMs = 200;
-    const QImage img = picture();
-    for (int i = 0; i < 600; ++i) {
-        ch.writeFrame(img, false, true, false);
-        ch.tick();
-    }
-    EXPECT_GT(ch.clock - ch.lastRateChange(), 60 * 1000000000LL);
-    EXPECT_EQ(ch.currentFrameRate(), 15);
-    EXPECT_EQ(ch.downCount(), 0);
-    EXPECT_TRUE(sig.values.empty());
-}
-
-TEST(ImageFiltersFrames, ChangedFrameWorksTwentyTicksThenIdles)
+TEST(ImageFiltersFrames, AChangedFrameWakesTheChannelForTwentyTicks)
 {
     ChannelHarness ch;
     ch.startClock();
-    ch.writeFrame(picture(), false, true, false);
-    EXPECT_EQ(ch.refreshFrameCount(), 20);
-    for (int i = 0; i < 50; ++i)
-        ch.tick();
-    EXPECT_EQ(ch.runs, 20);
-    EXPECT_EQ(ch.refreshFrameCount(), 0);
-    // Idle ticks still pace: one sleep per tick.
-    EXPECT_EQ(ch.sleeps.size(), 50u);
-    // An unchanged frame does not wake the channel.
+    // Unchanged frames, also through writeSrcImage, don't wake a fresh channel.
     ch.writeFrame(picture(), false, false, false);
-    for (int i = 0; i < 10; ++i)
-        ch.tick();
-    EXPECT_EQ(ch.runs, 20);
-    ch.writeFrame(picture(), false, true, false);
-    ch.tick();
-    EXPECT_EQ(ch.runs, 21);
-}
-
-TEST(ImageFiltersFrames, FreshChannelIgnoresUnchangedFrames)
-{
-    ChannelHarness ch;
-    ch.startClock();
-    ch.writeFrame(picture(), false, false, false);
-    EXPECT_EQ(ch.refreshFrameCount(), 0);
+    ch.writeSrcImage(picture(), true);
+    ch.writeSrcImage(picture());
     for (int i = 0; i < 5; ++i)
         ch.tick();
     EXPECT_EQ(ch.runs, 0);
-    // writeSrcImage ignores isChanged.
-    ch.writeSrcImage(picture(), true);
+    changedTicks(ch, 1);
+    for (int i = 0; i < 49; ++i)
+        ch.tick();
+    EXPECT_EQ(ch.runs, 20);
+    EXPECT_EQ(ch.sleeps.size(), 55u) << "idle ticks pace too";
+    EXPECT_TRUE(ch.holdsNoFilterMarker()) << "an empty filter set runs with the plain-picture marker";
+    ch.writeFrame(picture(), false, false, false);
     ch.tick();
-    EXPECT_EQ(ch.runs, 0);
-    EXPECT_EQ(ch.refreshFrameCount(), 0);
+    EXPECT_EQ(ch.runs, 20);
+    changedTicks(ch, 1);
+    EXPECT_EQ(ch.runs, 21);
 }
 
-TEST(ImageFiltersFrames, NewestFrameWinsAndIsNotCopied)
+TEST(ImageFiltersFrames, NewestFrameWinsAndNoPixelIsCopied)
 {
-    ChannelHarness ch;
+    ChannelHarness ch(false);
     ch.startClock();
-    const QImage first = picture(64, 48, Qt::red);
-    const QImage second = picture(64, 48, Qt::blue);
+    const QImage first = picture(Qt::red), second = picture(Qt::blue);
     ch.writeFrame(first, false, true, false);
     ch.writeFrame(second, false, true, false);
-    // The channel holds the host's picture itself: no pixel was copied.
-    EXPECT_EQ(ch.sourceImage().constBits(), second.constBits());
     ch.tick();
     ASSERT_EQ(ch.runs, 1);
     EXPECT_EQ(ch.lastRunSource.constBits(), second.constBits());
+    EXPECT_EQ(ch.destinationImage().constBits(), second.constBits()) << "a channel outside a scene keeps its result";
 }
 
-TEST(ImageFiltersFrames, EmptyFilterSetGetsTheNoFilterMarker)
+TEST(ImageFiltersFrames, DirectFramesSkipTheFiltersAndSceneChannelsWaitForTheirScene)
 {
-    ChannelHarness ch;
-    ch.startClock();
-    ch.writeFrame(picture(), false, true, false);
-    ch.tick();
-    EXPECT_TRUE(ch.holdsNoFilterMarker());
-    EXPECT_EQ(ch.runs, 1);
-}
-
-TEST(ImageFiltersFrames, NonSceneChannelKeepsTheResultAsItsOwnPicture)
-{
-    ChannelHarness ch(false);
-    ch.startClock();
-    const QImage img = picture();
-    ch.writeFrame(img, false, true, false);
-    ch.tick();
-    EXPECT_EQ(ch.destinationImage().constBits(), img.constBits());
-}
-
-TEST(ImageFiltersFrames, DirectFrameGoesToTheBufferWithoutFilters)
-{
-    ChannelHarness ch(false);
-    ch.startClock();
-    const QImage img = picture(32, 32, Qt::green);
-    ch.writeFrame(img, false, true, true);
-    ch.tick();
-    EXPECT_EQ(ch.runs, 0);
+    ChannelHarness direct(false), scene(true, 3, 7);
+    const QImage img = picture(Qt::green);
+    direct.textureBuffer()->setImageMode(false);
+    for (ChannelHarness* ch : {&direct, &scene}) {
+        ch->startClock();
+        ch->writeFrame(img, false, true, ch == &direct);
+        for (int i = 0; i < 3; ++i)
+            ch->tick();
+        EXPECT_EQ(ch->runs, 0);
+        EXPECT_EQ(ch->refreshFrameCount(), 20) << "neither counts frames down";
+    }
+    EXPECT_EQ(scene.sleeps, std::vector<int>({50, 50, 50})) << "a wait for the scene, without pacing";
+    // The direct picture, not a copy, in image mode; a null frame after it leaves it there.
+    direct.writeFrame(QImage(), false, true, true);
+    direct.tick();
     QImage out;
-    ASSERT_TRUE(ch.textureBuffer()->getImage(out));
+    ASSERT_TRUE(direct.textureBuffer()->getImage(out));
     EXPECT_EQ(out.constBits(), img.constBits());
-    EXPECT_TRUE(ch.textureBuffer()->isImageMode());
-    // The direct path does not count frames down: it goes on ticking.
-    EXPECT_EQ(ch.refreshFrameCount(), 20);
+    EXPECT_TRUE(direct.textureBuffer()->isImageMode());
 }
 
-TEST(ImageFiltersFrames, SceneChannelWaitsForTheSceneWithoutPacing)
+TEST(ImageFiltersRouting, HostCallsQueueTheAddBeforeTheRecordAsAMap)
 {
-    ChannelHarness ch(true, 3, 7);
-    ch.startClock();
-    ch.writeFrame(picture(), false, true, false);
-    for (int i = 0; i < 3; ++i)
-        ch.tick();
-    // Three 50 ms waits, no frame worked on, nothing counted down.
-    EXPECT_EQ(ch.sleeps, std::vector<int>({50, 50, 50}));
-    EXPECT_EQ(ch.runs, 0);
-    EXPECT_EQ(ch.refreshFrameCount(), 20);
-}
-
-TEST(ImageFiltersThread, DirectFrameReachesTheBufferOnTheChannelThread)
-{
-    auto* channel = new ImageFilters(0, 0, false, nullptr);
-    const QImage img = picture(40, 30, Qt::yellow);
-    channel->writeFrame(img, false, true, true);
-    QImage out;
-    EXPECT_TRUE(testutil::waitFor([&] { return channel->textureBuffer()->getImage(out); }, 3000));
-    EXPECT_EQ(out.constBits(), img.constBits());
-}
-
-TEST(ImageFiltersThread, StopEndsTheThreadAndReleasesTheWaiter)
-{
-    auto* channel = new ImageFilters(0, 0, false, nullptr);
-    std::atomic<bool> cleared{false};
-    std::atomic<bool> ended{false};
-    QObject::connect(channel, &ImageFilters::clearFin, channel, [&] { cleared = true; }, Qt::DirectConnection);
-    QObject::connect(static_cast<QObject*>(channel)->thread(), &QThread::finished, channel, [&] { ended = true; }, Qt::DirectConnection);
-    channel->stop();  // queued to the channel's own thread
-    EXPECT_TRUE(testutil::waitFor([&] { return ended.load(); }, 3000));
-    EXPECT_TRUE(cleared.load());
-}
-
-TEST(ImageFiltersBadInput, NullRecordsAndTypeZeroAreDropped)
-{
-    ChannelHarness ch;
-    int added = 0;
-    int params = 0;
-    QObject::connect(&ch, &ImageFilters::AddImageFilter, [&](ImageFilterType, bool) { ++added; });
-    QObject::connect(&ch, &ImageFilters::SetFilterParameter,
-                     [&](ImageFilterType, std::map<std::string, double>) { ++params; });
-    ch.addImageFilter(SMOOTH, nullptr);
-    ch.addImageFilter(BASICIMAGE, nullptr);
-    ch.addImageFilter(STICKER, nullptr);
-    ch.setFilterPara(SMOOTH, SMOOTHPARA, nullptr);
-    _strength_param rec{50.0, true};
-    ch.addImageFilter(NOFILTER, &rec);
-    ch.setFilterPara(NOFILTER, SMOOTHPARA, &rec);
-    EXPECT_EQ(added, 0);
-    EXPECT_EQ(params, 0);
-    // Type 0 reaching the marker's null entry does no harm either.
-    ch.startClock();
-    ch.writeFrame(picture(), false, true, false);
-    ch.tick();
-    ASSERT_TRUE(ch.holdsNoFilterMarker());
-    ch.onSetFilterParameter(NOFILTER, {{smooth_strength, 1.0}});
-    EXPECT_TRUE(ch.holdsNoFilterMarker());
-}
-
-TEST(ImageFiltersRouting, RecordsBecomeParameterMaps)
-{
-    ChannelHarness ch;
-    std::vector<std::pair<ImageFilterType, std::map<std::string, double>>> sent;
-    std::vector<std::pair<ImageFilterType, bool>> added;
-    // Each signal is delivered at once, as the channel's thread would.
-    QObject::connect(&ch, &ImageFilters::SetFilterParameter, [&](ImageFilterType t, std::map<std::string, double> p) {
-        sent.emplace_back(t, p);
-        ch.onSetFilterParameter(t, p);
-    });
-    QObject::connect(&ch, &ImageFilters::AddImageFilter, [&](ImageFilterType t, bool f) {
-        added.emplace_back(t, f);
-        ch.onAddImageFilter(t, f);
-    });
-
-    _strength_param smooth{42.0, false};
-    ch.addImageFilter(SMOOTH, &smooth);
-    ASSERT_EQ(sent.size(), 1u);
-    EXPECT_EQ(sent[0].second, (std::map<std::string, double>{{smooth_strength, 42.0}}));
-    EXPECT_EQ(added.back(), std::make_pair(SMOOTH, false));
-
-    // The setter of red lips always asks for face detection.
-    _strength_param lips{30.0, false};
-    ch.setFilterPara(REDLIPS, REDLIPSPARA, &lips);
-    EXPECT_EQ(added.back(), std::make_pair(REDLIPS, true));
-    EXPECT_EQ(sent.back().second.at(redlips_strength), 30.0);
-
-    // A mismatched pair never reads the record and sends an empty map.
-    const size_t before = added.size();
-    ch.setFilterPara(SMOOTH, WHITENINGPARA, &smooth);
-    EXPECT_EQ(added.size(), before);
-    EXPECT_TRUE(sent.back().second.empty());
-
-    // Values that are no filter type at all are dropped: each would leave an entry behind.
-    const size_t sentBefore = sent.size();
-    ch.addImageFilter(static_cast<ImageFilterType>(15), nullptr);
-    ch.setFilterPara(static_cast<ImageFilterType>(-3), SMOOTHPARA, &smooth);
-    EXPECT_EQ(sent.size(), sentBefore);
-
-    // Integer fields arrive as doubles, all 21 keys present.
+    _strength_param s42{42.0, false}, s30{30.0, false};
+    std::string sticker = "sticker.png";
+    const struct { const char* what; std::function<void(ImageFilters&)> call; std::vector<Queued> queued; } cases[] = {
+        {"a strength record", [&](ImageFilters& c) { c.addImageFilter(SMOOTH, &s42); },
+         {Queued('a', SMOOTH, {}), Queued('p', SMOOTH, {{smooth_strength, 42.0}})}},
+        {"red lips always ask for faces", [&](ImageFilters& c) { c.setFilterPara(REDLIPS, REDLIPSPARA, &s30); },
+         {Queued('A', REDLIPS, {}), Queued('p', REDLIPS, {{redlips_strength, 30.0}})}},
+        {"a sticker path", [&](ImageFilters& c) { c.setFilterPara(STICKER, STICKERPARA, &sticker); },
+         {Queued('A', STICKER, {}), Queued('b', STICKER, {}), Queued('p', STICKER, {})}},
+        {"a mismatched pair reads nothing", [&](ImageFilters& c) { c.setFilterPara(SMOOTH, WHITENINGPARA, &s42); },
+         {Queued('p', SMOOTH, {})}},
+        // Null records, and values that are no filter type, are dropped.
+        {"null strength", [&](ImageFilters& c) { c.addImageFilter(SMOOTH, nullptr); }, {}},
+        {"null basic", [&](ImageFilters& c) { c.addImageFilter(BASICIMAGE, nullptr); }, {}},
+        {"null path", [&](ImageFilters& c) { c.addImageFilter(STICKER, nullptr); }, {}},
+        {"null to the setter", [&](ImageFilters& c) { c.setFilterPara(SMOOTH, SMOOTHPARA, nullptr); }, {}},
+        {"type 0", [&](ImageFilters& c) { c.addImageFilter(NOFILTER, &s42); }, {}},
+        {"type 0 to the setter", [&](ImageFilters& c) { c.setFilterPara(NOFILTER, SMOOTHPARA, &s42); }, {}},
+        {"type 15", [&](ImageFilters& c) { c.addImageFilter(static_cast<ImageFilterType>(15), &s42); }, {}},
+        {"type -3", [&](ImageFilters& c) { c.setFilterPara(static_cast<ImageFilterType>(-3), SMOOTHPARA, &s42); }, {}},
+    };
+    for (const auto& c : cases) {
+        ChannelHarness ch;
+        QueueRecorder recorder(ch);
+        c.call(ch);
+        EXPECT_EQ(recorder.calls, c.queued) << c.what;
+    }
+    // Every field of the basic record arrives, integers as doubles.
     _basic_image_param basic{};
     basic.isMirrored = 1;
     basic.scale = 2.5;
+    ChannelHarness ch;
+    QueueRecorder recorder(ch);
     ch.addImageFilter(BASICIMAGE, &basic);
-    EXPECT_EQ(sent.back().second.size(), 21u);
-    EXPECT_EQ(sent.back().second.at(is_mirrored), 1.0);
-    EXPECT_EQ(sent.back().second.at(scale_strength), 2.5);
+    ASSERT_EQ(recorder.calls.size(), 2u);
+    const FilterParaMap& sent = std::get<2>(recorder.calls[1]);
+    EXPECT_EQ(sent.size(), 21u);
+    EXPECT_EQ(std::make_pair(sent.at(is_mirrored), sent.at(scale_strength)), std::make_pair(1.0, 2.5));
 }
 
 TEST(ImageFiltersRouting, AFloodQueuesOneCallPerTypeAndTheNewestValuesArrive)
 {
     ChannelHarness ch;
-    int adds = 0;
-    int params = 0;
-    int paths = 0;
-    QObject::connect(&ch, &ImageFilters::AddImageFilter, [&](ImageFilterType, bool) { ++adds; });
-    QObject::connect(&ch, &ImageFilters::SetFilterParameter,
-                     [&](ImageFilterType, std::map<std::string, double>) { ++params; });
-    QObject::connect(&ch, &ImageFilters::UpdateBgImg, [&](ImageFilterType, std::string, bool, bool, bool) { ++paths; });
+    QueueRecorder recorder(ch);
     // Nothing is delivered meanwhile, as while the channel waits for its scene.
     for (int i = 1; i <= 1000; ++i) {
         _strength_param smooth{double(i), true};
@@ -455,138 +223,70 @@ TEST(ImageFiltersRouting, AFloodQueuesOneCallPerTypeAndTheNewestValuesArrive)
         std::string path = "sticker" + std::to_string(i) + ".png";
         ch.setFilterPara(STICKER, STICKERPARA, &path);
     }
-    EXPECT_EQ(adds, 2);
-    EXPECT_EQ(params, 2);
-    EXPECT_EQ(paths, 1);
-
-    // The queued call, when it runs, carries the newest values, and the next
-    // host call queues again.
+    const std::vector<Queued> once = {Queued('A', SMOOTH, {}), Queued('p', SMOOTH, {{smooth_strength, 1.0}}),
+                                      Queued('A', STICKER, {}), Queued('b', STICKER, {}), Queued('p', STICKER, {})};
+    EXPECT_EQ(recorder.calls, once);
+    // The queued call, when it runs, carries the newest values, and the next host call queues again.
     ch.onAddImageFilter(SMOOTH, true);
     ch.onSetFilterParameter(SMOOTH, {{smooth_strength, 1.0}});
     EXPECT_EQ(ch.filterObject(SMOOTH)->paras().at(smooth_strength), 1000.0);
     _strength_param next{7.0, true};
     ch.setFilterPara(SMOOTH, SMOOTHPARA, &next);
-    EXPECT_EQ(adds, 3);
-    EXPECT_EQ(params, 3);
-}
-
-TEST(ImageFiltersRouting, IsClipChangeLeavesFiveFramesOut)
-{
-    ChannelHarness ch;
-    ch.onSetFilterParameter(BASICIMAGE, {{is_clip, 0.0}});
-    EXPECT_EQ(ch.clipSettleCount(), 0) << "equal to the last value: untouched";
-    ch.onSetFilterParameter(BASICIMAGE, {{is_clip, 1.0}});
-    EXPECT_EQ(ch.clipSettleCount(), 5);
-    ch.startClock();
-    ch.writeFrame(picture(), false, true, false);
-    for (int i = 0; i < 5; ++i)
-        ch.tick();
-    EXPECT_EQ(ch.runs, 0);
-    EXPECT_EQ(ch.clipSettleCount(), 0);
-    ch.tick();
-    EXPECT_EQ(ch.runs, 1);
-}
-
-TEST(ImageFiltersLifecycle, PauseIdlesAndDropsPicturesResumeWorksAgain)
-{
-    ChannelHarness ch;
-    ch.startClock();
-    ch.writeFrame(picture(), false, true, false);
-    ch.onDoPauseWork(true);
-    EXPECT_TRUE(ch.areFiltersStopped());
-    EXPECT_TRUE(ch.sourceImage().isNull());
-    for (int i = 0; i < 5; ++i)
-        ch.tick();
-    EXPECT_EQ(ch.runs, 0);
-    ch.onDoPauseWork(false);
-    EXPECT_FALSE(ch.areFiltersStopped());
-    ch.writeFrame(picture(), false, true, false);
-    ch.tick();
-    EXPECT_EQ(ch.runs, 1);
-}
-
-TEST(ImageFiltersLifecycle, StopAndRestartAllFilters)
-{
-    ChannelHarness ch;
-    ch.startClock();
-    ch.writeFrame(picture(), false, false, false);
-    ch.onStopAllFilters();
-    EXPECT_EQ(ch.refreshFrameCount(), 20);
-    ch.tick();
-    EXPECT_EQ(ch.runs, 0);
-    ch.onRestartAllFilters();
-    ch.tick();
-    EXPECT_EQ(ch.runs, 1);
+    ASSERT_EQ(recorder.calls.size(), 7u);
+    EXPECT_EQ(recorder.calls[6], Queued('p', SMOOTH, {{smooth_strength, 7.0}}));
 }
 
 // The slots run on the channel's thread; here they are called directly, as the
-// queued connection would deliver them.
+// queued connections would deliver them.
 TEST(ImageFiltersRouting, FilterSetFollowsAddSetAndRemove)
 {
     ChannelHarness ch;
     ch.onAddImageFilter(SMOOTH, true);
     BeautyFilterBase* smooth = ch.filterObject(SMOOTH);
     ASSERT_NE(smooth, nullptr);
-    ch.onSetFilterParameter(SMOOTH, {{smooth_strength, 10.0}});
-    // Adding SMOOTH again keeps the object and replaces its parameters.
     ch.onAddImageFilter(SMOOTH, true);
     ch.onSetFilterParameter(SMOOTH, {{smooth_strength, 70.0}});
-    EXPECT_EQ(ch.filterObject(SMOOTH), smooth);
+    EXPECT_EQ(ch.filterObject(SMOOTH), smooth) << "adding again keeps the object";
     EXPECT_EQ(smooth->paras().at(smooth_strength), 70.0);
-    EXPECT_EQ(ch.lastParameters(SMOOTH).at(smooth_strength), 70.0);
-
-    // SMOOTH and REDLIPS are the same class but get objects of their own.
-    ch.onAddImageFilter(REDLIPS, true);
-    ASSERT_NE(ch.filterObject(REDLIPS), nullptr);
+    ch.onAddImageFilter(REDLIPS, true);  // the class of SMOOTH, an object of its own
     EXPECT_NE(ch.filterObject(REDLIPS), smooth);
-    EXPECT_EQ(ch.features(), 1u);
-    ch.onAddImageFilter(SLIMFACE, true);
-    EXPECT_EQ(ch.features(), 3u);
-
-    // Types without a filter object add nothing.
-    ch.onAddImageFilter(HSVBACKGROUND, false);
+    ch.onAddImageFilter(HSVBACKGROUND, false);  // no filter object behind these
     ch.onAddImageFilter(UNUSEDFILTER, false);
-    EXPECT_EQ(ch.filterCount(), 3u);
-
-    // Removing a filter that isn't there only wakes the channel.
-    ch.onRemoveImageFilter(WHITENING);
-    EXPECT_EQ(ch.filterCount(), 3u);
+    ch.onRemoveImageFilter(WHITENING);  // not there
+    EXPECT_EQ(ch.filterCount(), 2u);
     ch.onRemoveImageFilter(SMOOTH);
     ch.onRemoveImageFilter(REDLIPS);
-    ch.onRemoveImageFilter(SLIMFACE);
     EXPECT_EQ(ch.filterCount(), 0u);
 
-    // The next frame inserts the marker and is drawn plain.
+    // The next frame runs with the marker, whose null entry takes no parameters;
+    // a filter added then replaces it.
     ch.startClock();
-    ch.writeFrame(picture(), false, true, false);
-    ch.tick();
+    changedTicks(ch, 1);
+    ch.onSetFilterParameter(NOFILTER, {{smooth_strength, 1.0}});
     EXPECT_TRUE(ch.holdsNoFilterMarker());
-
-    // A filter added while frames run replaces the marker.
     ch.onAddImageFilter(WHITENING, true);
     EXPECT_EQ(ch.filterCount(), 1u);
     EXPECT_NE(ch.filterObject(WHITENING), nullptr);
 }
 
-TEST(ImageFiltersRouting, ParametersForAMissingFilterAreKeptUntilItComes)
+TEST(ImageFiltersFrames, PauseStopAllAndAClipChangeHoldFramesBack)
 {
+    // Nothing in the engine pauses a channel or stops all its filters: each
+    // holds frames back until undone. A change of is_clip holds five back.
     ChannelHarness ch;
-    ch.onSetFilterParameter(WHITENING, {{whitening_strength, 40.0}});
-    EXPECT_EQ(ch.filterObject(WHITENING), nullptr);
-    EXPECT_EQ(ch.lastParameters(WHITENING).at(whitening_strength), 40.0);
-    EXPECT_EQ(ch.refreshFrameCount(), 20);
-    // The setter of the host emits AddImageFilter before the parameters, so the
-    // filter exists when they arrive.
-    _strength_param rec{55.0, true};
-    std::vector<ImageFilterType> order;
-    QObject::connect(&ch, &ImageFilters::AddImageFilter, [&](ImageFilterType t, bool f) {
-        order.push_back(t);
-        ch.onAddImageFilter(t, f);
-    });
-    QObject::connect(&ch, &ImageFilters::SetFilterParameter,
-                     [&](ImageFilterType t, std::map<std::string, double> p) { ch.onSetFilterParameter(t, p); });
-    ch.setFilterPara(WHITENING, WHITENINGPARA, &rec);
-    ASSERT_NE(ch.filterObject(WHITENING), nullptr);
-    EXPECT_EQ(ch.filterObject(WHITENING)->paras().at(whitening_strength), 55.0);
-    EXPECT_EQ(order, std::vector<ImageFilterType>({WHITENING}));
+    ch.startClock();
+    // A control, the changed frames after it, and the runs of the filters so far.
+    const struct { std::function<void()> control; int frames, runs; } steps[] = {
+        {[&] { ch.onDoPauseWork(true); }, 3, 0},
+        {[&] { ch.onDoPauseWork(false); }, 3, 3},
+        {[&] { ch.onStopAllFilters(); }, 3, 3},
+        {[&] { ch.onRestartAllFilters(); }, 3, 6},
+        {[&] { ch.onSetFilterParameter(BASICIMAGE, {{is_clip, 0.0}}); }, 1, 7},  // the value it had
+        {[&] { ch.onSetFilterParameter(BASICIMAGE, {{is_clip, 1.0}}); }, 5, 7},
+        {[] {}, 1, 8}};
+    for (size_t i = 0; i < std::size(steps); ++i) {
+        steps[i].control();
+        changedTicks(ch, steps[i].frames);
+        EXPECT_EQ(ch.runs, steps[i].runs) << "step " << i;
+    }
 }

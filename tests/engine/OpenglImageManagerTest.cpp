@@ -1,11 +1,14 @@
+// The registry behind the public interface: ids, look-ups, creation from a
+// host thread, and the shutdown at the application's end. Each test runs in a
+// process of its own, so the counters start at 0.
 #include <atomic>
 #include <thread>
 
 #include <QPointer>
 #include <gtest/gtest.h>
 
-#include "TestUtil.h"
 #include "LogCapture.h"
+#include "TestUtil.h"
 #include "channel/ImageFilters.h"
 #include "engine/OpenglImageManagerPrivate.h"
 #include "lumen_fx/OpenglImageManager.h"
@@ -18,88 +21,42 @@ OpenglImageManagerPrivate* registry()
     return imageManagerPrivate(OpenglImageManager::instance());
 }
 
+QImage solid(QColor c)
+{
+    QImage img(16, 16, QImage::Format_RGBA8888);
+    img.fill(c);
+    return img;
+}
+
 }  // namespace
 
-// Each test runs in a process of its own, so the counters start at 0 here.
-
-TEST(OpenglImageManager, IdsStartAtZeroAndChannelIdsRunAcrossScenes)
+TEST(OpenglImageManager, IdsCountAcrossScenesAndWrongPairsReachNothing)
 {
     OpenglImageManager* m = OpenglImageManager::instance();
-    EXPECT_EQ(m, OpenglImageManager::instance());
-    const int s0 = m->genSceneFilters();
-    const int s1 = m->genSceneFilters();
-    EXPECT_EQ(s0, 0);
-    EXPECT_EQ(s1, 1);
-    EXPECT_EQ(m->genChannelFilters(s0, true), 0);
-    EXPECT_EQ(m->genChannelFilters(s1, true), 1);
-    EXPECT_EQ(m->genChannelFilters(s0, false), 2);
-    EXPECT_EQ(registry()->channels.size(), 3u);
-    EXPECT_NE(registry()->findChannel(s1, 1), nullptr);
-    EXPECT_EQ(registry()->findChannel(s0, 1), nullptr) << "the key is the pair";
-}
-
-TEST(OpenglImageManager, UnknownSceneGivesMinusOneAndMovesNoCounter)
-{
-    OpenglImageManager* m = OpenglImageManager::instance();
-    EXPECT_EQ(m->genChannelFilters(-1, true), -1);
-    EXPECT_EQ(m->genChannelFilters(0, true), -1);
-    const int s = m->genSceneFilters();
-    EXPECT_EQ(m->genChannelFilters(s, true), 0);
-    EXPECT_EQ(m->genChannelFilters(s + 5, false), -1);
-    EXPECT_EQ(m->genChannelFilters(s, true), 1);
-}
-
-TEST(OpenglImageManager, NewChannelsTakeTheManagerDefaults)
-{
-    OpenglImageManager* m = OpenglImageManager::instance();
-    const int s = m->genSceneFilters();
-    const int c = m->genChannelFilters(s, true);
-    ImageFilters* ch = registry()->findChannel(s, c);
+    EXPECT_EQ(m->genChannelFilters(0, true), -1) << "no scene yet";
+    EXPECT_EQ(m->genSceneFilters(), 0);
+    EXPECT_EQ(m->genSceneFilters(), 1);
+    EXPECT_EQ(m->genChannelFilters(0, true), 0);
+    EXPECT_EQ(m->genChannelFilters(6, true), -1);
+    EXPECT_EQ(m->genChannelFilters(1, false), 1) << "channel ids run across scenes; a refusal takes none";
+    ImageFilters* ch = registry()->findChannel(1, 1);
     ASSERT_NE(ch, nullptr);
-    EXPECT_EQ(ch->configuredFrameRate(), 15);
-    EXPECT_EQ(ch->frameInterval(), 66);
-    EXPECT_EQ(ch->sceneIdentity(), s);
-    EXPECT_EQ(ch->channelIdentity(), c);
-}
+    EXPECT_EQ(registry()->findChannel(0, 1), nullptr) << "the key is the pair";
 
-TEST(OpenglImageManager, FreshSceneHasNoMergedPicture)
-{
-    OpenglImageManager* m = OpenglImageManager::instance();
-    const int s = m->genSceneFilters();
-    QImage image(4, 4, QImage::Format_RGB888);
-    image.fill(Qt::cyan);
-    const QImage before = image;
-    EXPECT_FALSE(m->getMergeImg(s, image));
-    EXPECT_FALSE(m->getMergeImg(s + 1, image));
-    EXPECT_EQ(image, before);
-}
-
-TEST(OpenglImageManager, WrongPairDoesNothing)
-{
-    OpenglImageManager* m = OpenglImageManager::instance();
-    const int s0 = m->genSceneFilters();
-    const int s1 = m->genSceneFilters();
-    const int c = m->genChannelFilters(s0, false);
-    ImageFilters* ch = registry()->findChannel(s0, c);
-    ASSERT_NE(ch, nullptr);
-    QImage img(16, 16, QImage::Format_RGBA8888);
-    img.fill(Qt::magenta);
-
-    m->sendChannelFrame(s1, c, img, false, true, true);
-    m->sendChannelFrame(s0, c + 1, img, false, true, true);
+    // Calls for a wrong pair or scene do nothing; a scene that has merged nothing leaves the picture alone.
+    QImage image = solid(Qt::cyan);
     _strength_param rec{50.0, true};
-    m->addChannelImageFilter(s1, c, SMOOTH, &rec);
-    m->setChannelFilterParas(s1, c, SMOOTH, SMOOTHPARA, &rec);
-    m->mergeImages(s1 + 10, {}, 100, 100, Qt::black, QImage(), QImage());
+    m->sendChannelFrame(0, 1, image, false, true, true);
+    m->sendChannelFrame(1, 2, image, false, true, true);
+    m->addChannelImageFilter(0, 1, SMOOTH, &rec);
+    m->setChannelFilterParas(0, 1, SMOOTH, SMOOTHPARA, &rec);
+    m->mergeImages(11, {}, 100, 100, Qt::black, QImage(), QImage());
     EXPECT_TRUE(ch->sourceImage().isNull());
     EXPECT_EQ(ch->refreshFrameCount(), 0);
-
-    // The right pair reaches the channel, which hands the direct frame on.
-    m->sendChannelFrame(s0, c, img, false, true, true);
-    EXPECT_EQ(ch->sourceImage().constBits(), img.constBits());
-    QImage out;
-    EXPECT_TRUE(testutil::waitFor([&] { return ch->textureBuffer()->getImage(out); }, 3000));
-    EXPECT_EQ(out.constBits(), img.constBits());
+    EXPECT_FALSE(m->getMergeImg(1, image));
+    EXPECT_EQ(image, solid(Qt::cyan));
+    m->sendChannelFrame(1, 1, image, false, true, true);
+    EXPECT_EQ(ch->sourceImage().constBits(), image.constBits()) << "the right pair reaches the channel";
 }
 
 // A host thread makes scenes and channels: they are made on the application's
@@ -109,8 +66,7 @@ TEST(OpenglImageManager, CreationFromAnotherThread)
 {
     OpenglImageManager* m = OpenglImageManager::instance();
     LogCapture log;
-    std::atomic<int> scene{-2};
-    std::atomic<int> channel{-2};
+    std::atomic<int> scene{-2}, channel{-2};
     std::thread host([&] {
         scene = m->genSceneFilters();
         channel = m->genChannelFilters(scene, false);
@@ -122,12 +78,9 @@ TEST(OpenglImageManager, CreationFromAnotherThread)
     }
     ASSERT_TRUE(testutil::waitFor([&] { return channel != -2; }, 5000));
     host.join();
-    ASSERT_GE(scene.load(), 0);
-    ASSERT_GE(channel.load(), 0);
+    ASSERT_TRUE(scene >= 0 && channel >= 0) << scene << " " << channel;
     EXPECT_FALSE(log.contains("outside the gui thread")) << "Qt's surfaces were made on its thread";
-    QImage img(8, 8, QImage::Format_RGBA8888);
-    img.fill(Qt::yellow);
-    m->sendChannelFrame(scene, channel, img, false, true, true);
+    m->sendChannelFrame(scene, channel, solid(Qt::yellow), false, true, true);
     QImage out;
     EXPECT_TRUE(testutil::waitFor(
         [&] { return registry()->findChannel(scene, channel)->textureBuffer()->getImage(out); }, 3000))
@@ -151,17 +104,15 @@ TEST(OpenglImageManager, ShutdownStopsAndForgetsEverything)
     OpenglImageManager* m = OpenglImageManager::instance();
     const int s = m->genSceneFilters();
     const int c = m->genChannelFilters(s, true);
-    QImage img(32, 32, QImage::Format_RGBA8888);
-    img.fill(Qt::red);
     _channel_merge_param p;
     p.channelId = c;
-    p.rect = QRect(0, 0, 32, 32);
+    p.rect = QRect(0, 0, 16, 16);
     QImage merged;
     ASSERT_TRUE(testutil::waitFor(
         [&] {
-            m->sendChannelFrame(s, c, img, false, true, false);
-            m->mergeImages(s, {p}, 32, 32, Qt::black, QImage(), QImage());
-            return m->getMergeImg(s, merged) && merged.pixelColor(16, 16) == QColor(Qt::red);
+            m->sendChannelFrame(s, c, solid(Qt::red), false, true, false);
+            m->mergeImages(s, {p}, 16, 16, Qt::black, QImage(), QImage());
+            return m->getMergeImg(s, merged) && merged.pixelColor(8, 8) == QColor(Qt::red);
         },
         10000));
 
@@ -171,6 +122,6 @@ TEST(OpenglImageManager, ShutdownStopsAndForgetsEverything)
     EXPECT_TRUE(registry()->scenes.empty());
     EXPECT_TRUE(registry()->channels.empty());
     EXPECT_FALSE(m->getMergeImg(s, merged));
-    m->sendChannelFrame(s, c, img, false, true, false);
+    m->sendChannelFrame(s, c, merged, false, true, false);
     EXPECT_EQ(m->genSceneFilters(), s + 1) << "not closed for good: ids go on";
 }

@@ -1,132 +1,87 @@
+// The scene's loop driven one tick at a time, and the order of the
+// meta-methods of the channel and the scene.
 #include <QMetaMethod>
 #include <gtest/gtest.h>
 
+#include "channel/ImageFilters.h"
 #include "scene/SceneManager.h"
 
 namespace {
 
-// A scene without a running thread, driven one tick at a time on the test's
-// (GUI) thread.
+// A scene without a running thread, driven on the test's (GUI) thread.
 class SceneHarness : public SceneManager {
 public:
     SceneHarness() : SceneManager(0, NoThreadStart{}) {}
-    using SceneManager::requestFitsLimits;
-    using SceneManager::tick;
+    // Asks for an empty merge of the size, runs one tick and gives the size of the picture then held.
+    QSize merge(int width, int height)
+    {
+        mergeImages({}, width, height, Qt::black, QImage(), QImage());
+        tick();
+        QImage out;
+        return getMergeImg(out) ? out.size() : QSize();
+    }
 };
-
-QSize mergedSize(SceneHarness& scene)
-{
-    QImage out;
-    if (!scene.getMergeImg(out))
-        return QSize();
-    return out.size();
-}
 
 }  // namespace
 
-TEST(SceneManagerMetaObject, SignalsAndSlotsKeepTheirOrder)
+TEST(MetaObjectOrder, SignalsThenSlotsOfEachClass)
 {
-    const QMetaObject& mo = SceneManager::staticMetaObject;
-    const std::vector<std::pair<QMetaMethod::MethodType, const char*>> expected = {
-        {QMetaMethod::Signal, "upChannelShareTex()"},
-        {QMetaMethod::Signal, "setShareCtx(QOpenGLContext*,int,int)"},
-        {QMetaMethod::Signal, "finished()"},
-        {QMetaMethod::Signal, "doPauseWork(bool)"},
-        {QMetaMethod::Signal, "clearFin()"},
-        {QMetaMethod::Signal, "sigDoMergeWork()"},
-        {QMetaMethod::Slot, "updateMergeImg(QImage*&)"},
-        {QMetaMethod::Slot, "process()"},
-        {QMetaMethod::Slot, "stop()"},
-        {QMetaMethod::Slot, "onDoPauseWork(bool)"},
-        {QMetaMethod::Slot, "waitThreadStop()"},
+    const struct { const QMetaObject* mo; int signalCount; std::vector<const char*> methods; } classes[] = {
+        {&ImageFilters::staticMetaObject, 15,
+         {"clearFin()", "clearFrame()", "UpdateBgImg(ImageFilterType,std::string,bool,bool,bool)", "finished()",
+          "SendImage(QImage)", "Start()", "AddImageFilter(ImageFilterType,bool)", "RemoveImageFilter(ImageFilterType)",
+          "SetFilterParameter(ImageFilterType,std::map<std::string,double>)", "StopAllFilters()",
+          "RestartAllFilters()", "doPauseWork(bool)", "bgHwNotSupport()", "fpsChangedForPerformance(int)",
+          "sigDoFilterWork()", "onClearFrame()", "onSetFilterParameter(ImageFilterType,std::map<std::string,double>)",
+          "onAddImageFilter(ImageFilterType,bool)", "onRemoveImageFilter(ImageFilterType)",
+          "onUpdateBgImg(ImageFilterType,std::string,bool,bool,bool)", "onStopAllFilters()", "onRestartAllFilters()",
+          "writeDstImage(QImage)", "writeSrcImage(QImage,bool)", "writeSrcImage(QImage)", "process()", "stop()",
+          "waitThreadStop()", "closeAll()", "onDoPauseWork(bool)"}},
+        {&SceneManager::staticMetaObject, 6,
+         {"upChannelShareTex()", "setShareCtx(QOpenGLContext*,int,int)", "finished()", "doPauseWork(bool)",
+          "clearFin()", "sigDoMergeWork()", "updateMergeImg(QImage*&)", "process()", "stop()", "onDoPauseWork(bool)",
+          "waitThreadStop()"}},
     };
-    ASSERT_EQ(mo.methodCount() - mo.methodOffset(), int(expected.size()));
-    for (size_t i = 0; i < expected.size(); ++i) {
-        const QMetaMethod m = mo.method(mo.methodOffset() + int(i));
-        EXPECT_EQ(m.methodType(), expected[i].first) << "index " << i;
-        EXPECT_EQ(m.methodSignature().toStdString(), expected[i].second) << "index " << i;
+    for (const auto& c : classes) {
+        const QMetaObject& mo = *c.mo;
+        ASSERT_EQ(mo.methodCount() - mo.methodOffset(), int(c.methods.size())) << mo.className();
+        for (int i = 0; i < int(c.methods.size()); ++i) {
+            const QMetaMethod m = mo.method(mo.methodOffset() + i);
+            EXPECT_EQ(m.methodSignature().toStdString(), c.methods[i]) << mo.className() << " " << i;
+            EXPECT_EQ(m.methodType(), i < c.signalCount ? QMetaMethod::Signal : QMetaMethod::Slot) << mo.className();
+        }
     }
 }
 
-TEST(SceneManagerLimits, LandscapePortraitAndSquare)
-{
-    SceneHarness scene;
-    EXPECT_TRUE(scene.requestFitsLimits(1920, 1080));
-    EXPECT_FALSE(scene.requestFitsLimits(1921, 1080));
-    EXPECT_FALSE(scene.requestFitsLimits(1920, 1081));
-    EXPECT_TRUE(scene.requestFitsLimits(1080, 1920));
-    EXPECT_FALSE(scene.requestFitsLimits(1081, 1920));
-    EXPECT_FALSE(scene.requestFitsLimits(1080, 1921));
-    EXPECT_TRUE(scene.requestFitsLimits(2000, 2000));  // squares are not limited
-}
-
-TEST(SceneManagerRequests, OversizedAndEmptyRequestsAreDroppedKeepingTheOldPicture)
-{
-    SceneHarness scene;
-    const QColor bg(10, 20, 30);
-    scene.mergeImages({}, 1921, 1080, bg, QImage(), QImage());
-    scene.tick();
-    EXPECT_FALSE(mergedSize(scene).isValid());
-
-    scene.mergeImages({}, 320, 240, bg, QImage(), QImage());
-    scene.tick();
-    ASSERT_EQ(mergedSize(scene), QSize(320, 240));
-    QImage first;
-    ASSERT_TRUE(scene.getMergeImg(first));
-    EXPECT_EQ(first.format(), QImage::Format_BGR888);
-
-    // A zero-size request is dropped, but the size it asked for is recorded.
-    scene.mergeImages({}, 0, 720, bg, QImage(), QImage());
-    scene.tick();
-    EXPECT_EQ(scene.lastMergeWidth(), 0);
-    EXPECT_EQ(scene.lastMergeHeight(), 720);
-    EXPECT_EQ(mergedSize(scene), QSize(320, 240));
-
-    scene.mergeImages({}, 1081, 1920, bg, QImage(), QImage());
-    scene.tick();
-    EXPECT_EQ(mergedSize(scene), QSize(320, 240));
-    scene.mergeImages({}, -5, 100, bg, QImage(), QImage());
-    scene.tick();
-    EXPECT_EQ(mergedSize(scene), QSize(320, 240));
-}
-
-TEST(SceneManagerRequests, OnlyTheNewestRequestIsKept)
+TEST(SceneManagerRequests, TheNewestRequestWinsAndSizesBeyondTheLimitsAreDropped)
 {
     SceneHarness scene;
     scene.mergeImages({}, 200, 100, Qt::black, QImage(), QImage());
-    scene.mergeImages({}, 300, 150, Qt::black, QImage(), QImage());
-    EXPECT_EQ(scene.pendingRequests(), 1);
-    scene.tick();
-    EXPECT_EQ(scene.pendingRequests(), 0);
-    EXPECT_EQ(mergedSize(scene), QSize(300, 150));
-    EXPECT_EQ(scene.lastMergeWidth(), 300);
+    ASSERT_EQ(scene.merge(320, 240), QSize(320, 240)) << "only the newest request is kept";
+    QImage first;
+    ASSERT_TRUE(scene.getMergeImg(first));
+    EXPECT_EQ(first.format(), QImage::Format_BGR888);
+    // Landscape up to 1920 x 1080, portrait up to 1080 x 1920, squares of any
+    // size; a dropped request leaves the picture held before.
+    const struct { int width, height; bool taken; } cases[] = {
+        {1921, 1080, false}, {1920, 1081, false}, {1081, 1920, false}, {1080, 1921, false}, {0, 720, false},
+        {-5, 100, false},    {1920, 1080, true},  {1080, 1920, true},  {2000, 2000, true},  {320, 240, true}};
+    QSize held(320, 240);
+    for (const auto& c : cases) {
+        if (c.taken)
+            held = QSize(c.width, c.height);
+        EXPECT_EQ(scene.merge(c.width, c.height), held) << c.width << "x" << c.height;
+    }
 }
 
-TEST(SceneManagerRequests, SquareBeyondTheLandscapeLimitPasses)
+// Nothing in the engine pauses a scene: one check that it keeps its picture
+// and drops requests until resumed.
+TEST(SceneManagerPause, APausedSceneKeepsItsPictureAndDropsRequests)
 {
     SceneHarness scene;
-    scene.mergeImages({}, 2000, 2000, Qt::black, QImage(), QImage());
-    scene.tick();
-    EXPECT_EQ(mergedSize(scene), QSize(2000, 2000));
-}
-
-TEST(SceneManagerPause, PausedSceneKeepsItsLastPictureAndDropsRequests)
-{
-    SceneHarness scene;
-    scene.mergeImages({}, 160, 90, Qt::black, QImage(), QImage());
-    scene.tick();
-    ASSERT_EQ(mergedSize(scene), QSize(160, 90));
+    ASSERT_EQ(scene.merge(160, 90), QSize(160, 90));
     scene.onDoPauseWork(true);
-    scene.mergeImages({}, 320, 180, Qt::black, QImage(), QImage());
-    scene.tick();
-    EXPECT_EQ(mergedSize(scene), QSize(160, 90));
-    // The paused tick leaves one idle request, which fails the size check on resume.
-    EXPECT_EQ(scene.pendingRequests(), 1);
+    EXPECT_EQ(scene.merge(320, 180), QSize(160, 90));
     scene.onDoPauseWork(false);
-    scene.tick();
-    EXPECT_EQ(scene.pendingRequests(), 0);
-    EXPECT_EQ(mergedSize(scene), QSize(160, 90));
-    scene.mergeImages({}, 320, 180, Qt::black, QImage(), QImage());
-    scene.tick();
-    EXPECT_EQ(mergedSize(scene), QSize(320, 180));
+    EXPECT_EQ(scene.merge(320, 180), QSize(320, 180));
 }
