@@ -14,8 +14,8 @@ class LogCapture {
 public:
     LogCapture()
     {
-        std::lock_guard<std::mutex> lock(mutex());
-        store().clear();
+        std::lock_guard<std::mutex> lock(mutex);
+        lines.clear();
         previous = qInstallMessageHandler(&LogCapture::handler);
     }
     ~LogCapture() { qInstallMessageHandler(previous); }
@@ -25,9 +25,9 @@ public:
     // How many lines contain `text`; with `type`, lines of that level only.
     int count(const QString& text, int type = -1) const
     {
-        std::lock_guard<std::mutex> lock(mutex());
+        std::lock_guard<std::mutex> lock(mutex);
         int n = 0;
-        for (const auto& line : store())
+        for (const auto& line : lines)
             n += (type < 0 || line.first == type) && line.second.contains(text);
         return n;
     }
@@ -35,28 +35,20 @@ public:
     // Every line, for failure messages.
     std::string all() const
     {
-        std::lock_guard<std::mutex> lock(mutex());
-        QStringList lines;
-        for (const auto& line : store())
-            lines << line.second;
-        return lines.join("\n").toStdString();
+        std::lock_guard<std::mutex> lock(mutex);
+        QStringList text;
+        for (const auto& line : lines)
+            text << line.second;
+        return text.join("\n").toStdString();
     }
 
 private:
     static void handler(QtMsgType type, const QMessageLogContext&, const QString& message)
     {
-        std::lock_guard<std::mutex> lock(mutex());
-        store().emplace_back(type, message);
+        std::lock_guard<std::mutex> lock(mutex);
+        lines.emplace_back(type, message);
     }
-    static std::mutex& mutex()
-    {
-        static std::mutex m;
-        return m;
-    }
-    static std::vector<std::pair<QtMsgType, QString>>& store()
-    {
-        static std::vector<std::pair<QtMsgType, QString>> lines;
-        return lines;
-    }
+    static inline std::mutex mutex;
+    static inline std::vector<std::pair<QtMsgType, QString>> lines;
     QtMessageHandler previous = nullptr;
 };

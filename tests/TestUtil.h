@@ -25,10 +25,7 @@ inline bool waitFor(const std::function<bool()>& condition, int timeoutMs = 5000
     return condition();
 }
 
-inline QString testDataPath(const char* name)
-{
-    return QString(LUMEN_TESTDATA_DIR) + "/" + name;
-}
+inline QString testDataPath(const char* name) { return QString(LUMEN_TESTDATA_DIR) + "/" + name; }
 
 // Where tests write the pictures that a person should look at.
 inline QString outputPath(const char* name)

@@ -1,52 +1,56 @@
-// The rate limit of FaceDetector, run on a clock and a detection that the
-// test controls, and its unused queue-and-thread interface.
+// The face detector of the pipeline: the rate limit of FaceDetector on a
+// clock that the test controls, what DnnFaceDetector hands the kvodnnl library
+// and how the library's records become FaceDetectResult lists, the portrait
+// through the library itself, and a smoke check of the unused queue-and-thread
+// interface.
+#include <numeric>
+#include <stdexcept>
+#include <thread>
+
 #include <QMetaMethod>
 #include <gtest/gtest.h>
 
 #include "LogCapture.h"
-#include "face/FaceDetector.h"
+#include "TestUtil.h"
+#include "face/DnnFaceDetector.h"
 
 namespace {
 
+using Face = DnnFaceDetector::Face;
 constexpr qint64 kMs = 1000000;
 
-class ScriptedDetector : public FaceDetector {
+// A library record whose points count up from `pointBase`.
+Face face(std::vector<int> box, std::vector<int> triple, std::vector<float> score, int pointBase = 0)
+{
+    Face f{std::vector<int>(196), std::move(box), std::move(triple), {1.f}, {}, std::move(score)};
+    std::iota(f.points.begin(), f.points.end(), pointBase);
+    return f;
+}
+
+// The library call returns `faces` and takes `detectionNs` on the test's clock
+// `now`, or on the detector's own with `realClock`.
+class Scripted : public DnnFaceDetector {
 public:
-    ScriptedDetector() { now = lastCallNs = 5000 * kMs; }
-
-    qint64 now = 0;
-    qint64 detectionNs = 0;  // how long each detection takes on the clock
-    bool withFace = true;
+    bool realClock = false;
+    qint64 now = 0, detectionNs = 0;
     int detections = 0;
-    std::vector<cv::Mat> framesSeen;
-
+    std::vector<Face> faces;
+    std::vector<cv::Mat> seen;  // what the library and the loop were given
     qint64 lastCall() const { return lastCallNs; }
-    const QList<QImage>& queuedImages() const { return srcImages; }
-    int queuedFrames() const { return srcFrames.size(); }
-    const std::string& model() const { return modelPath; }
-    bool stopping() const { return stopRequested; }
 
 protected:
-    qint64 clockNs() const override { return now; }
-
-    // Each detection is told apart by its key points.
-    void detectImage(const QImage&, std::vector<cv::Rect>& rects, std::vector<std::vector<int>>& keyPoints,
-                     std::vector<std::vector<float>>& triplets, std::vector<std::vector<float>>& values) override
+    qint64 clockNs() const override { return realClock ? FaceDetector::clockNs() : now; }
+    const std::vector<Face>& runLibrary(const cv::Mat& frame) override
     {
         ++detections;
         now += detectionNs;
-        if (!withFace)
-            return;
-        rects.emplace_back(100, 50, 80, 90);
-        keyPoints.push_back(std::vector<int>(196, detections));
-        triplets.push_back({1.f, 2.f, 3.f});
-        values.push_back({0.9f});
+        seen.push_back(frame.clone());
+        return faces;
     }
-
     void detectFrame(const cv::Mat& frame, std::vector<cv::Rect>& rects, std::vector<std::vector<int>>&,
                      std::vector<std::vector<float>>&) override
     {
-        framesSeen.push_back(frame.clone());
+        seen.push_back(frame.clone());
         rects.emplace_back(1, 2, 3, 4);
         stopRequested = true;  // one round of the loop is enough
     }
@@ -66,15 +70,12 @@ TEST(FaceDetectorRateLimit, ScriptsOnAControlledClock)
         int detections, interval, repeat = 1;
         bool nullImage = false;
     };
-    struct Script {
-        const char* label;
-        std::vector<Step> steps;
-    } scripts[] = {
+    const std::pair<const char*, std::vector<Step>> scripts[] = {
         {"the first call detects, close frames get the cache",
          {{0, 0, true, true, 1, 33}, {20, 0, true, true, 1, 33, 3000}}},
-        {"the gap counts in whole milliseconds",
+        {"the gap counts in whole milliseconds: a clock less than one back is no gap",
          {{0, 0, true, true, 1, 33}, {32, 0, true, true, 1, 33}, {32.999999, 0, true, true, 1, 33},
-          {33, 0, true, true, 2, 33}}},
+          {-0.999999, 0, true, true, 1, 33}, {33, 0, true, true, 2, 33}}},
         {"a slow detection doubles the interval, counted from the call, until a quick one",
          {{0, 31, true, true, 1, 66}, {65, 0, true, true, 1, 66}, {66, 30.999999, true, true, 2, 33},
           {33, 0, true, true, 3, 33}}},
@@ -88,40 +89,27 @@ TEST(FaceDetectorRateLimit, ScriptsOnAControlledClock)
         {"a clock that runs back gives false, no detection, but the call counts",
          {{0, 0, true, true, 1, 33}, {-5, 0, true, false, 1, 33}, {20, 0, true, true, 1, 33}}},
     };
-    for (const Script& script : scripts) {
-        ScriptedDetector d;
-        FaceDetectResult fresh;
-        for (size_t i = 0; i < script.steps.size(); ++i) {
-            const Step& s = script.steps[i];
-            SCOPED_TRACE(std::string(script.label) + ", step " + std::to_string(i));
+    for (const auto& [label, steps] : scripts) {
+        Scripted d;
+        for (size_t i = 0; i < steps.size(); ++i) {
+            const Step& s = steps[i];
+            SCOPED_TRACE(std::string(label) + ", step " + std::to_string(i));
             for (int r = 0; r < s.repeat; ++r) {
+                // A detection's record carries its number in its points.
+                d.faces = s.face ? std::vector<Face>{face({100, 50, 180, 140}, {1, 2, 3}, {.9f}, d.detections + 1)}
+                                 : std::vector<Face>{};
                 d.detectionNs = static_cast<qint64>(s.detectionMs * kMs);
-                d.withFace = s.face;
-                const qint64 before = d.lastCall();
-                d.now = before + static_cast<qint64>(s.gapMs * kMs);
-                const qint64 callAt = d.now;
-                const int detectionsBefore = d.detections;
+                const qint64 before = d.lastCall(), callAt = d.now = before + static_cast<qint64>(s.gapMs * kMs);
                 LogCapture log;
                 FaceDetectResult got;
                 ASSERT_EQ(d.detectFaces(s.nullImage ? QImage() : QImage(64, 48, QImage::Format_RGB32), got, false),
                           s.returns);
                 EXPECT_EQ(d.lastCall(), s.nullImage ? before : callAt);
-                const bool detected = d.detections > detectionsBefore;
-                if (detected)
-                    fresh = got;
-                if (s.returns) {
-                    ASSERT_EQ(got.keyPoints.size(), 1u);
-                    EXPECT_EQ(got.keyPoints[0][0], d.detections) << "the newest detection";
-                    EXPECT_EQ(got.faceRects, fresh.faceRects);
-                    EXPECT_EQ(got.faceTriplets, fresh.faceTriplets);
-                    EXPECT_EQ(got.faceValueLists, fresh.faceValueLists);
-                } else {
-                    EXPECT_TRUE(got.faceRects.empty());
-                }
-                const QString slow = QString("@@@face detect main func consume(ms):%1, change to new detect "
-                                             "duration:66").arg(static_cast<int>(s.detectionMs));
-                EXPECT_EQ(log.count("@@@"), detected && s.detectionMs >= 31 ? 1 : 0) << log.all();
-                EXPECT_EQ(log.count(slow), detected && s.detectionMs >= 31 ? 1 : 0) << log.all();
+                // A true call hands over the newest detection, a false one nothing.
+                EXPECT_EQ(got.keyPoints,
+                          std::vector<std::vector<int>>(s.returns, face({}, {}, {}, d.detections).points));
+                EXPECT_EQ(log.all(), s.detectionMs < 31 ? std::string() : "@@@face detect main func consume(ms):"
+                              + std::to_string(int(s.detectionMs)) + ", change to new detect duration:66");
             }
             EXPECT_EQ(d.detections, s.detections);
             EXPECT_EQ(d.detectInterval(), s.interval);
@@ -129,76 +117,87 @@ TEST(FaceDetectorRateLimit, ScriptsOnAControlledClock)
     }
 }
 
-TEST(FaceDetectorRateLimit, DefaultClockIsMonotonicFromConstruction)
+TEST(FaceDetectorRateLimit, DefaultClockCountsNanosecondsFromConstruction)
 {
-    struct Plain : FaceDetector {
-        qint64 read() const { return clockNs(); }
-        qint64 last() const { return lastCallNs; }
-        void detectImage(const QImage&, std::vector<cv::Rect>& rects, std::vector<std::vector<int>>&,
-                         std::vector<std::vector<float>>&, std::vector<std::vector<float>>&) override
-        {
-            rects.emplace_back(0, 0, 10, 10);
-        }
-    } d;
-    EXPECT_LE(d.last(), d.read());
-    qint64 previous = d.read();
-    for (int i = 0; i < 1000; ++i) {
-        const qint64 t = d.read();
-        ASSERT_GE(t, previous);
-        previous = t;
-    }
-    FaceDetectResult r;
-    EXPECT_TRUE(d.detectFaces(QImage(8, 8, QImage::Format_RGB32), r, false)) << "the first call detects";
-    EXPECT_LE(d.last(), d.read());
+    Scripted d;
+    d.realClock = true;
+    d.faces = {face({0, 0, 10, 10}, {0, 0, 0}, {})};
+    FaceDetectResult first, later;
+    EXPECT_TRUE(d.detectFaces(QImage(8, 8, QImage::Format_RGB32), first, false));
+    std::this_thread::sleep_for(std::chrono::milliseconds(40));
+    EXPECT_TRUE(d.detectFaces(QImage(8, 8, QImage::Format_RGB32), later, false));
+    EXPECT_EQ(d.detections, 2) << "the first call detects, and 40 ms later the cache is too old";
 }
 
-TEST(FaceDetectorInterface, MetaObjectOrderQueuesAndLoop)
+TEST(DnnFaceDetector, WholePicturesRedFirstInLibraryRecordsOut)
+{
+    Scripted d;
+    d.faces = {face({10, 20, 110, 220}, {3, -1, 2}, {.75f}), face({-5, 300, 60, 380}, {-10, 20, -30}, {.5f, .2f}, 9)};
+    FaceDetectResult r;
+    for (const QImage& refused : {QImage(), QImage(16, 16, QImage::Format_Mono)})
+        d.detectImage(refused, r.faceRects, r.keyPoints, r.faceTriplets, r.faceValueLists);
+    EXPECT_EQ(d.detections, 0);
+    // The lists are appended to.
+    r.faceRects = {{9, 9, 9, 9}};
+    QImage image(31, 17, QImage::Format_ARGB32);
+    image.fill(QColor(250, 10, 20));
+    d.detectImage(image, r.faceRects, r.keyPoints, r.faceTriplets, r.faceValueLists);
+    ASSERT_EQ(d.seen.size(), 1u);
+    ASSERT_TRUE(d.seen[0].size() == cv::Size(31, 17) && d.seen[0].type() == CV_8UC4);
+    EXPECT_EQ(d.seen[0].at<cv::Vec4b>(16, 30), cv::Vec4b(250, 10, 20, 255));
+    // Right and bottom become width and height, with no clipping.
+    EXPECT_EQ(r.faceRects, (std::vector<cv::Rect>{{9, 9, 9, 9}, {10, 20, 100, 200}, {-5, 300, 65, 80}}));
+    EXPECT_EQ(r.keyPoints, (std::vector<std::vector<int>>{d.faces[0].points, d.faces[1].points}));
+    EXPECT_EQ(r.faceTriplets, (std::vector<std::vector<float>>{{3, -1, 2}, {-10, 20, -30}}));
+    EXPECT_EQ(r.faceValueLists, (std::vector<std::vector<float>>{{.75f}, {.5f, .2f}}));
+    d.faces = {face({1, 2, 3}, {0, 0, 0}, {})};  // a box without its fourth number
+    EXPECT_THROW(d.detectImage(image, r.faceRects, r.keyPoints, r.faceTriplets, r.faceValueLists), std::out_of_range);
+}
+
+TEST(DnnFaceDetector, FindsThePortraitThroughTheLibrary)
+{
+    const QImage portrait(testutil::testDataPath("astronaut.png"));
+    for (QImage::Format format : {QImage::Format_RGB32, QImage::Format_RGB888, QImage::Format_RGBA8888}) {
+        SCOPED_TRACE(format);
+        DnnFaceDetector d;
+        FaceDetectResult r;
+        ASSERT_TRUE(d.detectFaces(portrait.convertToFormat(format), r, false));
+        ASSERT_EQ(r.faceRects.size(), 1u);
+        ASSERT_EQ(r.keyPoints[0].size(), 196u);
+        // A box round the face, the eye centres inside it.
+        const cv::Rect box = r.faceRects[0];
+        const std::vector<int>& p = r.keyPoints[0];
+        EXPECT_TRUE(box.contains({p[192], p[193]}) && box.contains({p[194], p[195]}));
+        EXPECT_NEAR(box.x + box.width / 2, 228, 12);
+        EXPECT_NEAR(box.y + box.height / 2, 126, 12);
+    }
+}
+
+TEST(FaceDetectorInterface, MetaObjectOrderAndOneRoundOfTheLoop)
 {
     const QMetaObject& mo = FaceDetector::staticMetaObject;
-    const char* expected[] = {"finished", "ready", "newFrameGot", "newImageGot", "faceDetectResultGot",
-                              "setModelPath", "start", "stop", "writeSrcFrame", "writeSrcImage"};
-    ASSERT_GE(mo.methodCount() - mo.methodOffset(), 10);
-    for (int i = 0; i < 10; ++i) {
-        EXPECT_EQ(mo.method(mo.methodOffset() + i).name().toStdString(), expected[i]) << i;
-        EXPECT_EQ(mo.method(mo.methodOffset() + i).methodType(), i < 6 ? QMetaMethod::Signal : QMetaMethod::Slot) << i;
-    }
-    EXPECT_EQ(mo.method(mo.methodOffset() + 4).methodSignature(), QByteArray("faceDetectResultGot(FaceDetectResult)"));
+    const char* kinds[] = {"method ", "signal ", "slot ", "constructor "};
+    QStringList methods;
+    for (int i = mo.methodOffset(); i < mo.methodCount(); ++i)
+        methods << kinds[mo.method(i).methodType()] + mo.method(i).methodSignature();
+    EXPECT_EQ(methods.join(", ").toStdString(),
+              "signal finished(), signal ready(), signal newFrameGot(cv::Mat), signal newImageGot(QImage), "
+              "signal faceDetectResultGot(FaceDetectResult), signal setModelPath(std::string), slot start(), "
+              "slot stop(), slot writeSrcFrame(cv::Mat), slot writeSrcImage(QImage)");
 
-    // The queues keep only the newest entry.
-    ScriptedDetector d;
-    for (int size : {4, 5, 6})
-        d.writeSrcImage(QImage(size, size, QImage::Format_RGB32));
-    ASSERT_EQ(d.queuedImages().size(), 1);
-    EXPECT_EQ(d.queuedImages()[0].width(), 6);
-    d.writeSrcFrame(cv::Mat(2, 2, CV_8UC3));
-    d.writeSrcFrame(cv::Mat(3, 3, CV_8UC3));
-    EXPECT_EQ(d.queuedFrames(), 1);
-    d.setModelFile("/models/face.bin");
-    EXPECT_EQ(d.model(), "/models/face.bin");
-
-    // The loop takes the queued picture blue-green-red and signals the result.
-    std::vector<FaceDetectResult> got;
-    QObject::connect(&d, &FaceDetector::faceDetectResultGot, [&](FaceDetectResult r) { got.push_back(r); });
-    QImage red(4, 2, QImage::Format_RGB32);
-    red.fill(QColor(255, 0, 0));
-    d.writeSrcImage(red);
+    // The queue keeps the newest picture; the loop takes it blue-green-red
+    // and signals what it found.
+    Scripted d;
+    std::vector<cv::Rect> got;
+    QObject::connect(&d, &FaceDetector::faceDetectResultGot, [&](const FaceDetectResult& r) { got = r.faceRects; });
+    QImage picture(4, 2, QImage::Format_RGB32);
+    picture.fill(Qt::green);
+    d.writeSrcImage(picture);
+    picture.fill(Qt::red);
+    d.writeSrcImage(picture);
     d.process();
-    ASSERT_EQ(d.framesSeen.size(), 1u);
-    ASSERT_EQ(d.framesSeen[0].type(), CV_8UC3);
-    EXPECT_EQ(d.framesSeen[0].at<cv::Vec3b>(0, 0), cv::Vec3b(0, 0, 255));
-    ASSERT_EQ(got.size(), 1u);
-    EXPECT_EQ(got[0].faceRects.at(0), cv::Rect(1, 2, 3, 4));
-    EXPECT_TRUE(d.queuedImages().isEmpty());
-
-    // quit stops the loop before it starts.
-    ScriptedDetector e;
-    int finished = 0;
-    QObject::connect(&e, &FaceDetector::finished, [&] { ++finished; });
-    LogCapture log;
-    e.quit();
-    EXPECT_TRUE(e.stopping());
-    EXPECT_EQ(finished, 1);
-    e.process();
-    EXPECT_TRUE(log.contains("[FaceDetector] Quitting...") && log.contains("[FaceDetector] stop process")) << log.all();
-    EXPECT_TRUE(e.framesSeen.empty());
+    ASSERT_EQ(d.seen.size(), 1u);
+    ASSERT_EQ(d.seen[0].type(), CV_8UC3);
+    EXPECT_EQ(d.seen[0].at<cv::Vec3b>(1, 3), cv::Vec3b(0, 0, 255));
+    EXPECT_EQ(got, std::vector<cv::Rect>{cv::Rect(1, 2, 3, 4)});
 }
