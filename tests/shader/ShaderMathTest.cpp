@@ -46,8 +46,8 @@ TEST_F(ShaderMath, ColourShadersMatchTheirCpuFormulas)
     } cases[] = {
         {"copy", "image_filter", {{"premulAlpha", {0}}}, [](Colour c, int, int) { return c; }},
         {"premultiply", "image_filter", {{"premulAlpha", {1}}}, [](Colour c, int, int) { return premultiplied(c); }},
-        // Whitening at its filter's strengths and the lip tint as drawn are
-        // checked through the channel worker (FaceChainTest); here the rest.
+        // Whitening at its filter's strengths is checked through the channel
+        // worker (FaceChain); here the rest.
         {"redden", "whitening_filter", {{"redden", {0.8f}}, {"premulAlpha", {1}}},
          [](Colour c, int, int) { return premultiplied(whiten(c, 0, 0.8f, 0)); }},
         {"lips", "face_area_filter", {{"filterType", {2}}, {"redLipsStrength", {0.125f}}, {"premulAlpha", {1}}},

@@ -9,7 +9,7 @@
 #include <memory>
 #include <vector>
 
-#include <QImage>
+#include <QOpenGLFramebufferObject>
 #include <QOpenGLShaderProgram>
 #include <QOpenGLTexture>
 
@@ -146,7 +146,9 @@ inline QImage draw(gltest::ScopedContext& gl, const char* vertex, const char* fr
     worker.resetMatrices();
     worker.initVertices();
     worker.drawStrip();
-    return gltest::readRgba(gl.functions, &fbo);
+    QImage drawn(size, QImage::Format_RGBA8888);  // the bytes as drawn, row 0 first
+    gl.functions->glReadPixels(0, 0, size.width(), size.height(), GL_RGBA, GL_UNSIGNED_BYTE, drawn.bits());
+    return drawn;
 }
 
 }  // namespace reference

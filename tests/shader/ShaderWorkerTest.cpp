@@ -36,40 +36,32 @@ TEST(ShaderWorker, MatricesComposeAsTheDrawsNeedThem)
 
 TEST(ShaderWorker, GlslVersionAndHeaders)
 {
-    struct Parse {
-        const char* text;
-        bool es;
-        int esMajor, want;
-        bool warns;
-    } texts[] = {
+    // Text, ES, ES major version, the version, whether it warns.
+    const std::tuple<const char*, bool, int, int, bool> texts[] = {
         {"4.60", false, 0, 460, false}, {"4.6", false, 0, 406, false},  // the minor number is added as read
         {"4.50 NVIDIA via Cg compiler", false, 0, 450, false}, {"OpenGL ES GLSL ES 3.00", false, 0, 300, false},
         {"OpenGL ES GLSL ES 1.00", true, 2, 100, false}, {"450", false, 0, 110, true}, {nullptr, false, 0, 110, true},
         {"garbage", true, 2, 100, true}, {"garbage", true, 3, 300, true},  // on ES by the major version
     };
-    for (const Parse& t : texts) {
+    for (const auto& [text, es, esMajor, want, warns] : texts) {
         LogCapture log;
-        EXPECT_EQ(parseGlslVersion(t.text, t.es, t.esMajor), t.want) << (t.text ? t.text : "null");
-        EXPECT_EQ(log.contains("Failed to detect glsl version"), t.warns) << (t.text ? t.text : "null");
+        EXPECT_EQ(parseGlslVersion(text, es, esMajor), want) << (text ? text : "null");
+        EXPECT_EQ(log.contains("Failed to detect glsl version"), warns) << (text ? text : "null");
     }
-    struct Header {
-        int kind, version;
-        bool es;
-        const char* start;
-        std::vector<const char*> has, hasNot;
-    } headers[] = {
+    // Kind, version, ES, how the header starts, texts it has, texts it has not.
+    const std::tuple<int, int, bool, const char*, std::vector<const char*>, std::vector<const char*>> headers[] = {
         {1, 120, false, "#version 120\n", {"#define highp\n#define mediump\n#define lowp\n"}, {"#define attribute"}},
         {1, 130, false, "#version 130\n", {"#define attribute in\n#define varying out\n"}, {}},
         {2, 120, false, "#version 120\n", {"#define texture texture2D"}, {"out_color"}},
         {2, 300, true, "precision mediump int;\nprecision mediump float;\n", {}, {"#version"}},
     };
-    for (const Header& h : headers) {
-        const QByteArray header = versionHeaderFor(h.kind, h.version, h.es);
-        EXPECT_TRUE(header.startsWith(h.start)) << h.kind << " " << h.version << "\n" << header.constData();
-        for (const char* text : h.has)
-            EXPECT_TRUE(header.contains(text)) << h.kind << " " << h.version << ": " << text;
-        for (const char* text : h.hasNot)
-            EXPECT_FALSE(header.contains(text)) << h.kind << " " << h.version << ": " << text;
+    for (const auto& [kind, version, es, start, has, hasNot] : headers) {
+        const QByteArray header = versionHeaderFor(kind, version, es);
+        EXPECT_TRUE(header.startsWith(start)) << kind << " " << version << "\n" << header.constData();
+        for (const char* text : has)
+            EXPECT_TRUE(header.contains(text)) << kind << " " << version << ": " << text;
+        for (const char* text : hasNot)
+            EXPECT_FALSE(header.contains(text)) << kind << " " << version << ": " << text;
     }
     // The version comes from the current context only, and is cached then;
     // the headers of versions from 130 on are used by every compile here.
@@ -151,7 +143,7 @@ TEST(ShaderWorker, LipsMeshCoversTheLipsAndLeavesTheOpenMouth)
         for (size_t i = 0; i < v.size(); i += 5) {
             triangles[i / 15].emplace_back((v[i] + 1) * 200, (v[i + 1] + 1) * 150);
             corners.insert({int(std::lround((v[i] + 1) * 200)), int(std::lround((v[i + 1] + 1) * 150))});
-            EXPECT_NEAR(v[i + 3], (v[i] + 1) / 2, 1e-6) << "texture coordinates follow";
+            EXPECT_TRUE(v[i + 3] == (v[i] + 1) / 2 && v[i + 4] == (v[i + 1] + 1) / 2) << "texture coordinates follow";
         }
         auto covers = [&](cv::Point2f p) {
             return std::any_of(triangles.begin(), triangles.end(),
@@ -163,7 +155,7 @@ TEST(ShaderWorker, LipsMeshCoversTheLipsAndLeavesTheOpenMouth)
                 EXPECT_EQ(corner ? corners.count({int(p.x), int(p.y)}) == 1 : covers(p), in) << c.label << " " << p;
     }
     // A list without the inner middle points builds nothing, and says so.
-    // (The channel worker's lips pass draws the uploaded mesh: FaceChainTest.)
+    // (The lips pass draws the uploaded mesh: FaceEffectsRoad.RedLips*.)
     ShaderWorker worker;
     worker.buildLipsMesh(lips(94, 108), {}, 400, 300);
     std::vector<int> shortList = lips(97, 101);
