@@ -1,15 +1,19 @@
 // The worker base and the channel worker: frame set-up, framebuffers, the
-// input texture, the read-backs and the plain passes.
-#include <vector>
+// input texture, the read-backs and the plain passes; and the face passes on
+// the portrait with faces placed on it by hand: the passes that leave a frame
+// as it is, and what each drawing pass changes, pixel by pixel, against the
+// input and the CPU formulas.
+#include <memory>
 
-#include <QOpenGLFramebufferObject>
-#include <gtest/gtest.h>
-
+#include "LogCapture.h"
 #include "filters/BeautyFilterBase.h"
-#include "gpu/GlTestSupport.h"
+#include "filters/FilterFactory.h"
 #include "gpu/OpenglChannelWorker.h"
 #include "scene/TextureBuffer.h"
-#include "shader/ShaderWorker.h"
+#include "shader/ShaderReference.h"
+
+using namespace gltest;
+using reference::testPicture;
 
 namespace {
 
@@ -19,26 +23,71 @@ public:
     ProbeWorker() : OpenglChannelWorker(1, 2) {}
     bool current() { return makeCurrent(); }
     bool textureHasAlpha() const { return inputTexHasAlpha; }
-    GLuint plainTexture() const { return textures[0]; }
     void copyTexture(GLuint texture) { drawTexture(fbo, texture, imageProgram, false); }
-
+    GLuint plainTexture() const { return textures[0]; }
     QImage readBack(int width, int height)
     {
         QImage out(width, height, QImage::Format_RGBA8888);
-        out.fill(Qt::transparent);
         readLastFboByAlpha(out.bits(), width, height, true);
         return out;
     }
 };
 
-// No two pixels alike and no symmetry, so that a flip or a shift shows.
-QImage pattern(int width, int height)
+// The 20 lip points around (0, 0) at half size: outer 0 to 11 over the top
+// and back along the bottom, inner 12 to 19.
+const int kLipPattern[40] = {-40, 0,  -30, -10, -15, -15, 0,  -12, 15,  -15, 30,  -10, 40, 0,  30,  10, 15, 15, 0,  17,
+                             -15, 15, -30, 10,  -30, 0,   -15, -3,  0,  -3,  15,  -3,  30, 0,  15,  1,  0,  1,  -15, 1};
+const QRect kFace(178, 80, 94, 105);
+
+// Faces on the portrait as the detector's 98 points, each moved by its
+// offset from the first: the contour 0 to 32 from the left temple (178, 115)
+// over the chin (224, 185) to the right, 53 on the nose, 76 to 95 the closed
+// lips around the mouth at (223, 146), 96 and 97 the eyes; the box kFace.
+FaceDetectResult detection(std::initializer_list<QPoint> offsets)
 {
-    QImage image(width, height, QImage::Format_RGBA8888);
-    for (int y = 0; y < height; ++y)
-        for (int x = 0; x < width; ++x)
-            image.setPixelColor(x, y, QColor((x * 37) % 256, (y * 53) % 256, ((x + y) * 11) % 256));
+    FaceDetectResult r;
+    for (const QPoint& o : offsets) {
+        std::vector<int> p(196, 0);
+        auto set = [&](int k, double x, double y) {
+            p[2 * k] = std::lround(x) + o.x(), p[2 * k + 1] = std::lround(y) + o.y();
+        };
+        for (int k = 0; k <= 32; ++k)
+            set(k, 224 - 46 * std::cos(M_PI * k / 32), 115 + 70 * std::sin(M_PI * k / 32));
+        for (int n = 0; n < 20; ++n)
+            set(76 + n, 223 + kLipPattern[2 * n] * 0.5, 146 + kLipPattern[2 * n + 1] * 0.5);
+        set(53, 224, 130), set(96, 202, 115), set(97, 246, 115);
+        r.faceRects.emplace_back(kFace.x() + o.x(), kFace.y() + o.y(), kFace.width(), kFace.height());
+        r.keyPoints.push_back(p);
+    }
+    return r;
+}
+
+const QImage& portrait()
+{
+    static const QImage image =
+        QImage(testutil::testDataPath("astronaut.png")).convertToFormat(QImage::Format_RGBA8888);
     return image;
+}
+
+// The portrait through the face passes of the filters of `types` from the
+// factory, each at `strength` with the frame's `faces`.
+QImage render(std::initializer_list<ImageFilterType> types, const FaceDetectResult& faces, double strength,
+              bool firstFaceOnly = false)
+{
+    static OpenglChannelWorker worker(1, 1);
+    std::vector<std::unique_ptr<BeautyFilterBase>> owned;
+    OpenglChannelWorker::FilterMap filters;
+    for (ImageFilterType type : types) {
+        owned.emplace_back(createImageFilter(type));  // takes the keys it knows
+        for (const std::string& key : {slim_face_strength, redlips_strength, smooth_strength, whitening_strength})
+            owned.back()->setParas({{key, strength}});
+        owned.back()->updateFaceInfo(faces, portrait().width(), portrait().height());
+        filters[type] = owned.back().get();
+    }
+    QImage frame = portrait().copy(), out(frame.size(), QImage::Format_RGBA8888);
+    worker.renderFaceFilters(filters, frame, false, firstFaceOnly, false);
+    worker.readLastFboByAlpha(out.bits(), out.width(), out.height(), true);
+    return out;
 }
 
 }  // namespace
@@ -46,130 +95,132 @@ QImage pattern(int width, int height)
 TEST(OpenglWorker, FrameSizeDrivesTheFramebuffers)
 {
     ProbeWorker worker;
-    QImage first = pattern(64, 32), second = pattern(40, 48), third = pattern(40, 20);
-    // Empty frames are refused, before and after the first real one.
-    EXPECT_FALSE(worker.doPreWork(nullptr, 64, 32));
-    EXPECT_NE(worker.glContext(), nullptr) << "the context is made before the frame is checked";
-    EXPECT_FALSE(worker.doPreWork(first.bits(), 0, 32));
-    EXPECT_FALSE(worker.doPreWork(first.bits(), 64, 0));
-    EXPECT_FALSE(worker.isGlInited());
-    EXPECT_EQ(worker.frameFbo(), nullptr);
-    ASSERT_TRUE(worker.doPreWork(first.bits(), 64, 32));
-    EXPECT_TRUE(worker.basicShader()->isInitialised()) << "every program links, the basic one last";
-    EXPECT_EQ(worker.frameFbo()->size(), QSize(64, 32));
-    EXPECT_TRUE(worker.isFirstFrame());
-    std::vector<uchar> sink(64 * 48 * 4);
-    worker.readFboToBuffer(worker.frameFbo(), sink.data(), 64, 32, true);
-    EXPECT_FALSE(worker.isFirstFrame());
-    worker.doneCurrent();
-    EXPECT_FALSE(worker.doPreWork(first.bits(), 0, 16));
-    EXPECT_EQ(worker.getFrameWidth(), 64);
-
-    // The same size rebuilds nothing; another width or height rebuilds both
-    // framebuffers and restarts the read-back; so does resetSize.
-    struct Step {
-        QImage* frame;
-        bool reset, firstFrame;
-    } steps[] = {{&first, false, false}, {&second, false, true}, {&second, false, false}, {&third, false, true},
-                 {&third, true, true}};
-    for (const Step& s : steps) {
-        if (s.reset) {
-            worker.resetSize();
-            EXPECT_EQ(worker.getFrameWidth(), 0);
-        }
-        ASSERT_TRUE(worker.doPreWork(s.frame->bits(), s.frame->width(), s.frame->height()));
-        EXPECT_EQ(worker.isFirstFrame(), s.firstFrame) << s.frame->width() << " reset " << s.reset;
-        EXPECT_EQ(worker.frameFbo()->size(), s.frame->size());
-        EXPECT_EQ(worker.backFbo()->size(), s.frame->size());
-        worker.readFboToBuffer(worker.frameFbo(), sink.data(), s.frame->width(), s.frame->height(), true);
+    QImage a = testPicture(64, 32), b = testPicture(40, 48), c = testPicture(40, 20);
+    // Empty frames are refused, before and after the first real one; another
+    // width or height rebuilds both framebuffers.
+    EXPECT_FALSE(worker.doPreWork(nullptr, 64, 32) || worker.doPreWork(a.bits(), 0, 32) ||
+                 worker.doPreWork(a.bits(), 64, 0) || worker.isGlInited());
+    for (QImage* frame : {&a, &b, &c}) {
+        ASSERT_TRUE(worker.doPreWork(frame->bits(), frame->width(), frame->height()));
+        EXPECT_TRUE(worker.frameFbo()->size() == frame->size() && worker.backFbo()->size() == frame->size());
         worker.doneCurrent();
     }
+    EXPECT_TRUE(!worker.doPreWork(a.bits(), 0, 16) && worker.getFrameWidth() == 40);
 }
 
-TEST(OpenglWorker, InputTextureFollowsAlphaAndContent)
-{
-    ProbeWorker worker;
-    QImage opaque = pattern(32, 16).convertToFormat(QImage::Format_RGB888);
-    worker.passThrough(opaque, false);
-    EXPECT_FALSE(worker.textureHasAlpha());
-    EXPECT_TRUE(gltest::sameImage(worker.readBack(32, 16), opaque, 0, "opaque")) << "upright, every byte";
-    // Same size, now with alpha: the texture is rebuilt for it, and the pass
-    // writes premultiplied colour.
-    QImage translucent(32, 16, QImage::Format_RGBA8888);
-    translucent.fill(QColor(200, 100, 40, 128));
-    worker.passThrough(translucent, false);
-    EXPECT_TRUE(worker.textureHasAlpha());
-    QImage premultiplied(32, 16, QImage::Format_RGBA8888);
-    premultiplied.fill(QColor(200 * 128 / 255, 100 * 128 / 255, 40 * 128 / 255, 128));
-    EXPECT_TRUE(gltest::sameImage(worker.readBack(32, 16), premultiplied, 1, "premultiplied"));
-    // Same size and alpha: new content goes into the same texture.
-    QImage next(32, 16, QImage::Format_RGBA8888);
-    next.fill(QColor(10, 220, 30, 255));
-    worker.passThrough(next, false);
-    EXPECT_TRUE(gltest::sameImage(worker.readBack(32, 16), next, 0, "next"));
-}
-
-TEST(OpenglWorker, ReadbackWithoutAlphaTakesThreeBytesAPixel)
-{
-    ProbeWorker worker;
-    QImage image = pattern(8, 4);
-    worker.passThrough(image, false);
-    ASSERT_TRUE(worker.current());
-    // Twice: through the first-frame path, then through the swapped buffers.
-    for (int round = 0; round < 2; ++round) {
-        std::vector<uchar> bytes(8 * 4 * 4, 0xAB);
-        worker.readFboToBuffer(worker.frameFbo(), bytes.data(), 8, 4, false);
-        const QImage rgb(bytes.data(), 8, 4, 8 * 3, QImage::Format_RGB888);
-        EXPECT_TRUE(gltest::sameImage(rgb, image)) << "round " << round;
-        EXPECT_EQ(std::vector<uchar>(bytes.begin() + 8 * 4 * 3, bytes.end()), std::vector<uchar>(8 * 4, 0xAB))
-            << "nothing beyond 3 bytes a pixel";
-    }
-    worker.doneCurrent();
-}
-
-TEST(OpenglWorker, PlainPassesAndTheShareTexture)
+TEST(OpenglWorker, PassesDrawThePictureAsItIs)
 {
     ProbeWorker worker;
     TextureBuffer buffer;
     worker.setTextureBuffer(&buffer);
+    // Opaque, upright, every byte; the same size with alpha: the texture is
+    // rebuilt for it and the pass writes premultiplied colour; the same
+    // again: new content in the same texture.
+    QImage opaque = testPicture(32, 16).convertToFormat(QImage::Format_RGB888);
+    QImage half(32, 16, QImage::Format_RGBA8888), next = half, premultiplied = half;
+    half.fill(QColor(200, 100, 40, 128)), next.fill(QColor(10, 220, 30)), premultiplied.fill(QColor(100, 50, 20, 128));
+    const std::tuple<QImage*, QImage*, bool> inputs[] = {
+        {&opaque, &opaque, false}, {&half, &premultiplied, true}, {&next, &next, true}};
+    for (const auto& [in, want, alpha] : inputs) {
+        worker.passThrough(*in, false);
+        EXPECT_EQ(worker.textureHasAlpha(), alpha);
+        EXPECT_TRUE(sameImage(worker.readBack(32, 16), *want, 1)) << alpha;
+    }
+    // The read-back without alpha: three bytes a pixel, of the frame just
+    // drawn, through the first read and then the swapped buffers.
+    QImage flipped = opaque.mirrored(true, true);
+    for (QImage* picture : {&opaque, &flipped}) {
+        worker.passThrough(*picture, false);
+        QImage rgb(32, 16, QImage::Format_RGB888);
+        rgb.fill(Qt::black);
+        ASSERT_TRUE(worker.current());
+        worker.readFboToBuffer(worker.frameFbo(), rgb.bits(), 32, 16, false);
+        worker.doneCurrent();
+        EXPECT_TRUE(sameImage(rgb, *picture));
+    }
+    // The sticker pass without toImage, and copyToShare, fill the share
+    // texture, from which the basic pass can take its source.
     BeautyFilterBase filter;
-    QImage image = pattern(48, 24);
-    // Filters without faces leave the frame, written over the picture.
-    QImage inPlace = image.copy();
-    worker.renderFaceFilters({{SMOOTH, &filter}, {WHITENING, &filter}}, inPlace, false, false, true);
-    EXPECT_TRUE(gltest::sameImage(inPlace, image, 0, "face"));
-    // Without toImage the result goes to the share texture.
-    EXPECT_EQ(buffer.writeTextureId(), 0u);
-    worker.renderSticker({{STICKER, &filter}}, image, false, false, false);
-    EXPECT_NE(buffer.writeTextureId(), 0u);
-    EXPECT_TRUE(gltest::sameImage(worker.readBack(48, 24), image, 0, "sticker"));
-    worker.renderBasicImage({{BASICIMAGE, &filter}}, image, false, false);
-    EXPECT_FALSE(worker.isFrameSkipped());
-    EXPECT_TRUE(gltest::sameImage(worker.readBack(48, 24), image, 0, "basic"));
-    // The basic pass can take its source from the share texture filled above.
-    QImage other = image.mirrored(true, false);
-    worker.renderBasicImage({{BASICIMAGE, &filter}}, other, false, true);
-    EXPECT_TRUE(gltest::sameImage(worker.readBack(48, 24), image, 0, "from share"));
-    // copyToShare fills the write texture: drawn back, it is the picture.
-    QImage small = pattern(16, 16);
-    worker.copyToShare(small);
-    ASSERT_TRUE(worker.doPreWork(small.bits(), 16, 16));
-    worker.copyTexture(buffer.writeTextureId());
-    worker.doneCurrent();
-    EXPECT_TRUE(gltest::sameImage(worker.readBack(16, 16), small, 0, "copyToShare"));
-}
-
-TEST(OpenglWorker, StreamedUploadLagsOneFrame)
-{
-    ProbeWorker worker;
-    QImage a(8, 8, QImage::Format_RGBA8888), b(8, 8, QImage::Format_RGBA8888), c(8, 8, QImage::Format_RGBA8888);
-    a.fill(Qt::red);
-    b.fill(Qt::green);
-    c.fill(Qt::blue);
-    ASSERT_TRUE(worker.doPreWork(a.bits(), 8, 8));
-    for (const QImage* frame : {&a, &b, &c})
+    for (bool sticker : {true, false}) {
+        QImage image = testPicture(16 + 32 * sticker, 16), other = image.mirrored(true, false);
+        sticker ? worker.renderSticker({{STICKER, &filter}}, image, false, false, false) : worker.copyToShare(image);
+        worker.renderBasicImage({{BASICIMAGE, &filter}}, other, false, true);
+        EXPECT_TRUE(sameImage(worker.readBack(image.width(), 16), image)) << sticker;
+    }
+    // No pass streams its uploads yet: the texture holds the picture of the
+    // upload before the last.
+    ASSERT_TRUE(worker.doPreWork(half.bits(), 32, 16));
+    for (const QImage* frame : {&half, &premultiplied, &next})
         worker.uploadTextureByPbo(GL_TEXTURE0, *frame);
     worker.copyTexture(worker.plainTexture());
     worker.doneCurrent();
-    EXPECT_TRUE(gltest::sameImage(worker.readBack(8, 8), b)) << "after the third upload the texture holds the second";
+    EXPECT_TRUE(sameImage(worker.readBack(32, 16), premultiplied, 0, "streamed"));
+}
+
+TEST(FaceChain, PassesWithoutWorkGiveTheInputBack)
+{
+    FaceDetectResult atBorder = detection({{}}), fewPoints = detection({{}});
+    atBorder.faceRects[0].x = 0;  // a detected box from x 0 gets no lips
+    fewPoints.keyPoints[0].resize(100);
+    // Face passes without faces; lips at the border; slim at strength 0, or
+    // with too few points.
+    const std::tuple<std::initializer_list<ImageFilterType>, FaceDetectResult, double, const char*> cases[] = {
+        {{}, {}, 100, ""},
+        {{SLIMFACE, REDLIPS, SMOOTH}, {}, 400, ""},
+        {{REDLIPS}, atBorder, 400, ""},
+        {{SLIMFACE}, detection({{}}), 0, ""},
+        {{SLIMFACE}, fewPoints, 300, "[OpenglChannelWorker::drawSlimFace]"},
+    };
+    for (const auto& [types, faces, strength, warning] : cases) {
+        LogCapture log;
+        EXPECT_TRUE(sameImage(render(types, faces, strength), portrait(), 1)) << strength;
+        EXPECT_TRUE(!*warning || log.contains(warning, QtWarningMsg)) << warning;
+    }
+}
+
+// Even without faces, and after face passes that draw nothing, with the
+// filter's own strength.
+TEST(FaceChain, WhiteningDrawsOnceOverTheWholePicture)
+{
+    const QImage out = render({SLIMFACE, REDLIPS, SMOOTH, WHITENING}, {}, 60);
+    EXPECT_TRUE(sameImage(out, reference::mapPixels(portrait(), [](reference::Colour c, int, int) {
+        return reference::whitenAtStrength(c, 60);
+    }), 1));
+}
+
+TEST(FaceChain, SmoothChangesOnlyTheFaceArea)
+{
+    std::unique_ptr<BeautyFilterBase> filter(createImageFilter(SMOOTH));
+    filter->updateFaceInfo(detection({{}}), portrait().width(), portrait().height());
+    const auto face = filter->faceParas().at(0);
+    const QRectF area(face.at(face_area_x), face.at(face_area_y), face.at(face_area_width), face.at(face_area_height));
+    const QImage out = render({SMOOTH}, detection({{}}), 100);
+    // The shader's weight: a Gaussian over the face area, cut at exp(-4).
+    EXPECT_TRUE(sameImage(out, portrait(), 0, "outside", [&](int x, int y) {
+        const double fx = (x + 0.5 - area.x()) / area.width() - 0.5, fy = (y + 0.5 - area.y()) / area.height() - 0.5;
+        return std::exp(-(fx * fx + fy * fy) / (2 * 0.4 * 0.4)) < std::exp(-4.0) * 0.95;
+    }));
+    const QRect middle = QRectF(area.center() - QPointF(area.width(), area.height()) / 4, area.size() / 2).toRect();
+    EXPECT_GT(differences(out.copy(middle), portrait().copy(middle), 1), 1000) << "the face itself is smoothed";
+}
+
+// Every warp reaches one eye distance (44) around a contour point 5 to 27
+// (16 excepted); the chained moves add a few pixels at most. With the first
+// face only, the second stays as it is.
+TEST(FaceChain, SlimFaceMovesOnlyThePixelsNearTheJaws)
+{
+    const FaceDetectResult faces = detection({{}, {152, 220}});
+    const QImage out = render({SLIMFACE}, faces, 300), firstOnly = render({SLIMFACE}, faces, 300, true);
+    EXPECT_TRUE(sameImage(out, portrait(), 1, "far", [&](int x, int y) {
+        for (const std::vector<int>& p : faces.keyPoints)
+            for (int k = 5; k <= 27; ++k)
+                if (k != 16 && std::hypot(x + 0.5 - p[2 * k], y + 0.5 - p[2 * k + 1]) <= 44 + 4)
+                    return false;
+        return true;
+    }));
+    const QRect second = kFace.translated(152, 220);
+    EXPECT_GT(differences(out.copy(kFace), portrait().copy(kFace), 1), 200);
+    EXPECT_GT(differences(out.copy(second), portrait().copy(second), 1), 200);
+    EXPECT_GT(differences(firstOnly.copy(kFace), portrait().copy(kFace), 1), 200);
+    EXPECT_EQ(differences(firstOnly.copy(second), portrait().copy(second), 1), 0);
 }
