@@ -71,7 +71,7 @@ const QImage& portrait()
 
 // The portrait through the face passes of the filters of `types` from the
 // factory, each at `strength` with the frame's `faces`.
-QImage render(std::initializer_list<ImageFilterType> types, const FaceDetectResult& faces, double strength,
+QImage render(const std::vector<ImageFilterType>& types, const FaceDetectResult& faces, double strength,
               bool firstFaceOnly = false)
 {
     static OpenglChannelWorker worker(1, 1);
@@ -164,7 +164,7 @@ TEST(FaceChain, PassesWithoutWorkGiveTheInputBack)
     fewPoints.keyPoints[0].resize(100);
     // Face passes without faces; lips at the border; slim at strength 0, or
     // with too few points.
-    const std::tuple<std::initializer_list<ImageFilterType>, FaceDetectResult, double, const char*> cases[] = {
+    const std::tuple<std::vector<ImageFilterType>, FaceDetectResult, double, const char*> cases[] = {
         {{}, {}, 100, ""},
         {{SLIMFACE, REDLIPS, SMOOTH}, {}, 400, ""},
         {{REDLIPS}, atBorder, 400, ""},
