@@ -1,6 +1,8 @@
 // Cost of one channel frame with face effects: runFilters on a 1280x720
 // picture with one large face, with all four face effects, each alone, and
-// with no filter; and the cost of the face detection that such a frame pays.
+// with no filter; the picture pass with colour, corners, round camera and a
+// rotation in x and y; and the cost of the face detection that such a frame
+// pays.
 //
 // The frame is read back to system memory at the end, which waits for the GPU
 // work, so that the timing covers the drawing and not only its issue.
@@ -80,6 +82,28 @@ void BM_RedLips(benchmark::State& state) { runChannel(state, {"redlips"}); }
 void BM_Whitening(benchmark::State& state) { runChannel(state, {"whitening"}); }
 void BM_SlimFace(benchmark::State& state) { runChannel(state, {"slimface"}); }
 
+// The picture pass alone, with the settings on top of the filter's defaults.
+void runPicture(benchmark::State& state, const std::map<std::string, double>& settings)
+{
+    static const QImage picture = framePicture();
+    BenchChannel channel;
+    channel.add(BASICIMAGE, "alpha_strength", 1.0);
+    channel.add(BASICIMAGE, "center_y_offset", 0.5);
+    for (const auto& [key, value] : settings)
+        channel.add(BASICIMAGE, key, value);
+    channel.frame(picture);
+    for (auto _ : state)
+        channel.frame(picture);
+}
+
+void BM_PictureColour(benchmark::State& state)
+{
+    runPicture(state, {{"brightness_strength", 20}, {"contrast_strength", 30}, {"saturation_strength", -20}});
+}
+void BM_PictureCorners(benchmark::State& state) { runPicture(state, {{"corner_radius", 80}}); }
+void BM_PictureRoundCamera(benchmark::State& state) { runPicture(state, {{"is_round_camera", 1}}); }
+void BM_PictureRotationXY(benchmark::State& state) { runPicture(state, {{"rotation_x", 20}, {"rotation_y", 30}}); }
+
 // The detection itself, as a frame pays it when its result is not cached.
 class BenchDetector : public DnnFaceDetector {
 public:
@@ -114,6 +138,10 @@ BENCHMARK(BM_Smooth)->Unit(benchmark::kMillisecond)->MinTime(1.0);
 BENCHMARK(BM_RedLips)->Unit(benchmark::kMillisecond)->MinTime(1.0);
 BENCHMARK(BM_Whitening)->Unit(benchmark::kMillisecond)->MinTime(1.0);
 BENCHMARK(BM_SlimFace)->Unit(benchmark::kMillisecond)->MinTime(1.0);
+BENCHMARK(BM_PictureColour)->Unit(benchmark::kMillisecond)->MinTime(1.0);
+BENCHMARK(BM_PictureCorners)->Unit(benchmark::kMillisecond)->MinTime(1.0);
+BENCHMARK(BM_PictureRoundCamera)->Unit(benchmark::kMillisecond)->MinTime(1.0);
+BENCHMARK(BM_PictureRotationXY)->Unit(benchmark::kMillisecond)->MinTime(1.0);
 BENCHMARK(BM_FaceDetection)->Unit(benchmark::kMillisecond)->MinTime(1.0);
 
 int main(int argc, char** argv)

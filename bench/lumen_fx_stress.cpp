@@ -171,15 +171,25 @@ void filterCall(Storm& s, std::mt19937& rng)
     const FilterParaType paraType = static_cast<FilterParaType>(int(rng() % 9) - 1);
     _strength_param strength{hostileStrength(rng), rng() % 2 == 0};
     _slim_face_param slim{hostileStrength(rng)};
+    // Picture settings: finite but hostile in every field, so that most
+    // records pass the check for NaN and infinity; one in ten carries one.
+    auto finite = [&] {
+        const double v = hostileStrength(rng);
+        return std::isfinite(v) ? v : 1e9;
+    };
     _basic_image_param basic{};
-    basic.scale = hostileStrength(rng);
-    basic.brightness = hostileStrength(rng);
-    basic.contrast = hostileStrength(rng);
-    basic.saturation = hostileStrength(rng);
-    basic.alpha = hostileStrength(rng);
-    basic.rotationZ = double(int(rng() % 4) * 90);
-    basic.isClip = int(rng() % 2);
-    basic.centerYOffset = hostileStrength(rng);
+    double* reals[] = {&basic.scale,        &basic.brightness,     &basic.contrast,     &basic.saturation,
+                       &basic.alpha,        &basic.rotationX,      &basic.rotationY,    &basic.channelWidth,
+                       &basic.channelHeight, &basic.centerXOffset, &basic.centerYOffset, &basic.firstPageWidth,
+                       &basic.firstPageHeight};
+    for (double* field : reals)
+        *field = rng() % 3 ? double(int(rng() % 200) - 50) / 50 : finite();
+    basic.rotationZ = rng() % 2 ? double(int(rng() % 4) * 90) : finite();
+    basic.cornerRadius = int(rng() % 3000) - 100;
+    basic.isRoundCamera = int(rng() % 2), basic.isMirrored = int(rng() % 2), basic.isClip = int(rng() % 2);
+    basic.fileType = int(rng() % 3);
+    if (rng() % 10 == 0)
+        *reals[rng() % 13] = std::numeric_limits<double>::quiet_NaN();
     std::string path = rng() % 2 ? std::string() : "/nonexistent/bear_" + std::to_string(rng() % 100) + ".png";
     _hsv_background_param hsv{int(rng()), int(rng()), int(rng()), path};
     void* record = nullptr;

@@ -25,7 +25,47 @@ struct Options {
     double redLips = -1;
     double whitening = -1;
     double slimFace = -1;
-    bool effects() const { return smooth >= 0 || redLips >= 0 || whitening >= 0 || slimFace >= 0; }
+    // Picture colour and geometry: the record as the host sends it, and whether any option set it.
+    _basic_image_param basic = defaultBasic();
+    bool picture = false;
+    bool effects() const { return smooth >= 0 || redLips >= 0 || whitening >= 0 || slimFace >= 0 || picture; }
+
+    static _basic_image_param defaultBasic()
+    {
+        _basic_image_param p{};
+        p.alpha = 1.0;
+        p.centerXOffset = 0.5;
+        p.centerYOffset = 0.5;
+        return p;
+    }
+};
+
+// The picture options: name, help, and the field of the record each sets.
+struct PictureOption {
+    const char* name;
+    const char* help;
+    double _basic_image_param::*real;
+    int32_t _basic_image_param::*integer;
+};
+const PictureOption kPictureOptions[] = {
+    {"brightness", "Brightness, -100 to 100 (100 adds half of full white).", &_basic_image_param::brightness, nullptr},
+    {"contrast", "Contrast, -100 (flat grey) to 100.", &_basic_image_param::contrast, nullptr},
+    {"saturation", "Saturation, -50 (grey) to 50.", &_basic_image_param::saturation, nullptr},
+    {"opacity", "Opacity, 0 to 1 (default 1).", &_basic_image_param::alpha, nullptr},
+    {"scale", "Scale strength: 25 doubles the size, -12.5 halves it.", &_basic_image_param::scale, nullptr},
+    {"rotate-x", "Tilt about the horizontal axis, degrees.", &_basic_image_param::rotationX, nullptr},
+    {"rotate-y", "Tilt about the vertical axis, degrees.", &_basic_image_param::rotationY, nullptr},
+    {"rotate-z", "Turn in the picture plane, degrees (90, 180, 270).", &_basic_image_param::rotationZ, nullptr},
+    {"corner-radius", "Rounded corners, radius in pixels.", nullptr, &_basic_image_param::cornerRadius},
+    {"mirror", "1 mirrors left and right.", nullptr, &_basic_image_param::isMirrored},
+    {"round-camera", "1 shows the round picture of the shorter side.", nullptr, &_basic_image_param::isRoundCamera},
+    {"clip-width", "Channel box width: with clip-height, cuts the picture to that shape.",
+     &_basic_image_param::channelWidth, nullptr},
+    {"clip-height", "Channel box height.", &_basic_image_param::channelHeight, nullptr},
+    {"center-x", "Horizontal place of the clip in the picture, 0 to 1 (default 0.5).",
+     &_basic_image_param::centerXOffset, nullptr},
+    {"center-y", "Vertical place of the clip in the picture, 0 to 1 (default 0.5).",
+     &_basic_image_param::centerYOffset, nullptr},
 };
 
 bool parseOptions(const QCoreApplication& app, Options& options)
@@ -49,6 +89,11 @@ bool parseOptions(const QCoreApplication& app, Options& options)
     parser.addOption(lipsOption);
     parser.addOption(whiteningOption);
     parser.addOption(slimOption);
+    QList<QCommandLineOption> pictureOptions;
+    for (const PictureOption& o : kPictureOptions) {
+        pictureOptions << QCommandLineOption(o.name, o.help, "value");
+        parser.addOption(pictureOptions.last());
+    }
     parser.process(app);
 
     auto strength = [&](const QCommandLineOption& o, double& out) {
@@ -65,6 +110,21 @@ bool parseOptions(const QCoreApplication& app, Options& options)
     if (!strength(smoothOption, options.smooth) || !strength(lipsOption, options.redLips)
         || !strength(whiteningOption, options.whitening) || !strength(slimOption, options.slimFace))
         return false;
+    for (int i = 0; i < pictureOptions.size(); ++i) {
+        double value = 0;
+        if (!parser.isSet(pictureOptions[i]))
+            continue;
+        if (!strength(pictureOptions[i], value))
+            return false;
+        const PictureOption& o = kPictureOptions[i];
+        if (o.real)
+            options.basic.*o.real = value;
+        else
+            options.basic.*o.integer = static_cast<int32_t>(value);
+        options.picture = true;
+    }
+    // A channel box cuts the picture to its shape.
+    options.basic.isClip = options.basic.channelWidth > 0 && options.basic.channelHeight > 0;
 
     options.inputs = parser.positionalArguments();
     if (options.inputs.isEmpty())
@@ -150,10 +210,14 @@ int main(int argc, char** argv)
                 _slim_face_param p{options.slimFace};
                 manager->addChannelImageFilter(scene, channels[i], SLIMFACE, &p);
             }
+            if (options.picture)
+                manager->addChannelImageFilter(scene, channels[i], BASICIMAGE, &options.basic);
         }
         std::printf("effects on channels after the first: smooth %g, red lips %g, whitening %g, slim face %g "
                     "(negative: off)\n",
                     options.smooth, options.redLips, options.whitening, options.slimFace);
+        if (options.picture)
+            std::printf("picture settings on the same channels\n");
         // Let the channels take their filters before the first frame.
         QThread::msleep(200);
     }

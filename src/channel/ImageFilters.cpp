@@ -375,6 +375,14 @@ bool ImageFilters::readRecord(ImageFilterType type, void* para, bool fromSetter,
     }
     case BASICIMAGE:
         par = basicImageParas(*static_cast<const _basic_image_param*>(para));
+        for (const auto& kv : par) {
+            if (!std::isfinite(kv.second)) {
+                qCWarning(lcChannel).nospace()
+                    << "[ImageFilters::" << (fromSetter ? "setFilterPara" : "addImageFilter") << "] "
+                    << kv.first.c_str() << " of filter type " << int(type) << " is not a finite number; call dropped";
+                return false;
+            }
+        }
         postAdd(type, false);
         break;
     case HSVBACKGROUND: {
@@ -847,10 +855,15 @@ void ImageFilters::runFilters(QImage& src, QImage& dst, bool skipGeometry, bool 
             stickerRan = runFacePass(dst, true, beautyRan);
     }
 
-    if (hasFilter(BASICIMAGE))
+    if (hasFilter(BASICIMAGE)) {
         basicRan = runPicturePass(dst, skipGeometry, beautyRan || stickerRan);
-    else if (hasFilter(NOFILTER))
-        channelWorker->passThrough(src, false);
+    } else {
+        // A clip belongs to the frame whose picture pass drew it: without
+        // that pass the frame goes out of fbo again.
+        channelWorker->setClip(false);
+        if (hasFilter(NOFILTER))
+            channelWorker->passThrough(src, false);
+    }
 
     if (!readBack) {
         if (!beautyRan && !stickerRan && !basicRan)

@@ -1,5 +1,8 @@
 #include "filters/BeautyFilterBase.h"
 
+#include <cmath>
+#include <limits>
+
 #include <QDebug>
 #include <QImage>
 #include <QMetaObject>
@@ -46,9 +49,9 @@ void BeautyFilterBase::setParas(const ParaMap& paras)
         else if (kv.first == first_page_height)
             firstPageHeight_ = static_cast<float>(kv.second);
         else if (kv.first == channel_width)
-            channelW = static_cast<int>(kv.second);
+            channelW = truncToInt(kv.second);
         else if (kv.first == channel_height)
-            channelH = static_cast<int>(kv.second);
+            channelH = truncToInt(kv.second);
     }
 
     if (firstPageWidth_ == 0.0f || firstPageHeight_ == 0.0f || channelW == 0 || channelH == 0)
@@ -74,25 +77,25 @@ void BeautyFilterBase::setParas(const ParaMap& paras)
             targetH = 1920;
         }
     }
-    int w = static_cast<int>(firstPageWidth_);
-    int h = static_cast<int>(firstPageHeight_);
+    int w = truncToInt(firstPageWidth_);
+    int h = truncToInt(firstPageHeight_);
     const double ratio = static_cast<double>(h) / static_cast<double>(w);
     const bool landscape = targetW > targetH;
     if (w > targetW && landscape) {
         w = targetW;
-        h = static_cast<int>(targetW * ratio);
+        h = truncToInt(targetW * ratio);
     } else if (h > targetH && !landscape) {
         h = targetH;
-        w = static_cast<int>(targetH / ratio);
+        w = truncToInt(targetH / ratio);
     }
     // Texture limits; the caps differ on purpose.
     if (h < w && w > 5760) {
         w = 5760;
-        h = static_cast<int>(ratio * 5760.0);
+        h = truncToInt(ratio * 5760.0);
     }
     if (h > w && h > 5400) {
         h = 5400;
-        w = static_cast<int>(5400.0 / ratio);
+        w = truncToInt(5400.0 / ratio);
     }
     w = w / 4 * 4;
 
@@ -512,4 +515,15 @@ void handPictureToRenderer(QObject* renderer, uchar* data, int width, int height
     if (!taken)
         qCWarning(lcFilters).nospace() << "[" << who << "] renderer " << renderer->metaObject()->className()
                              << " takes no picture; nothing drawn";
+}
+
+int32_t truncToInt(double value)
+{
+    if (std::isnan(value))
+        return 0;
+    if (value >= 2147483647.0)
+        return std::numeric_limits<int32_t>::max();
+    if (value <= -2147483648.0)
+        return std::numeric_limits<int32_t>::min();
+    return static_cast<int32_t>(value);
 }

@@ -165,5 +165,9 @@ struct FaceAreaExpansion {
 };
 cv::Rect expandFaceAreaWith(const cv::Rect& rect, int width, int height, const FaceAreaExpansion& rule);
 
+// Truncation towards zero, saturated to the 32-bit range, NaN to 0: a host's
+// value of any size converts without undefined behaviour.
+int32_t truncToInt(double value);
+
 // Hands a picture to a filter's CPU renderer, when it has one.
 void handPictureToRenderer(QObject* renderer, uchar* data, int width, int height, const char* who);

@@ -1,6 +1,7 @@
 #include "filters/FilterFactory.h"
 
 #include "filters/BeautyFilterBase.h"
+#include "filters/OpenglBasicImageFilter.h"
 #include "filters/OpenglFaceAreaFilter.h"
 #include "filters/OpenglSlimFaceFilter.h"
 #include "filters/OpenglSmoothAndWhiteningFilter.h"
@@ -19,9 +20,11 @@ BeautyFilterBase* createImageFilter(ImageFilterType type)
         return new OpenglWhiteningFilter();
     case SMOOTHWHITENING:
         return new OpenglSmoothAndWhiteningFilter();
+    case BASICIMAGE:
+        return new OpenglBasicImageFilter();
     default:
-        // STICKER and BASICIMAGE have classes of their own; the background
-        // types have no filter object.
+        // STICKER has a class of its own; the background types have no
+        // filter object.
         return nullptr;
     }
 }

@@ -1,12 +1,31 @@
 #pragma once
 // GL values that the workers and the texture buffers share.
 
+#include <QOpenGLFramebufferObject>
 #include <QOpenGLFunctions>
 
 namespace gl {
 
 // Every framebuffer has colour and depth; a clear clears both.
 constexpr GLbitfield kClearColourAndDepth = GL_COLOR_BUFFER_BIT | GL_DEPTH_BUFFER_BIT;
+
+// The format of every framebuffer of a worker.
+inline QOpenGLFramebufferObjectFormat frameFormat()
+{
+    QOpenGLFramebufferObjectFormat format;
+    format.setAttachment(QOpenGLFramebufferObject::CombinedDepthStencil);
+    return format;
+}
+
+// Unbinds, releases and deletes a framebuffer, if there is one.
+inline void dropFbo(QOpenGLFramebufferObject*& target)
+{
+    if (!target)
+        return;
+    target->release();
+    delete target;
+    target = nullptr;
+}
 
 // The set-up of every plain texture of the engine, on the texture bound to
 // GL_TEXTURE_2D: linear filtering both ways, edges clamped.

@@ -1,5 +1,8 @@
 #include "gpu/OpenglChannelWorker.h"
 
+#include <algorithm>
+#include <cmath>
+
 #include <QDebug>
 #include <QOpenGLContext>
 #include <QOpenGLFramebufferObject>
@@ -113,9 +116,16 @@ bool OpenglChannelWorker::createShaders()
 
 bool OpenglChannelWorker::initOpenGL(int width, int height)
 {
-    // The clip framebuffers come back at their last size. They are made by
-    // the geometry passes, which are not part of this worker yet.
+    // The clip framebuffers come back at their last size.
+    if (clipWidth != 0 && clipHeight != 0)
+        rebuildClipFbos(clipWidth, clipHeight);
     return OpenglWorkerBase::initOpenGL(width, height);
+}
+
+bool OpenglChannelWorker::doPreWork(uchar* data, int width, int height)
+{
+    frameSkipped = false;
+    return OpenglWorkerBase::doPreWork(data, width, height);
 }
 
 void OpenglChannelWorker::createFbos(int width, int height)
@@ -473,13 +483,13 @@ void OpenglChannelWorker::renderSticker(const FilterMap& filters, QImage& image,
     doneCurrent();
 }
 
-void OpenglChannelWorker::renderBasicImage(const FilterMap&, QImage& image, bool, bool useShareTexture)
+void OpenglChannelWorker::renderBasicImage(const FilterMap& filters, QImage& image, bool noRotation,
+                                           bool useShareTexture)
 {
-    // For now the picture as it stands: the geometry and colour pass comes
-    // with the basic image filter class.
     if (doPreWork(frameData(image), image.width(), image.height())) {
-        frameSkipped = false;
-        drawInput(fbo, image, useShareTexture, true);
+        for (const auto& [type, filter] : filters)
+            if (type == BASICIMAGE && filter)
+                drawBasicImage(image, filter, noRotation, useShareTexture);
         copyFboToShare();
         if (basicProgram) {
             basicProgram->bind();
@@ -487,6 +497,279 @@ void OpenglChannelWorker::renderBasicImage(const FilterMap&, QImage& image, bool
         }
     }
     doneCurrent();
+}
+
+void OpenglChannelWorker::drawBasicImage(const QImage& image, BeautyFilterBase* filter, bool noRotation,
+                                         bool useShareTexture)
+{
+    if (!basicProgram || !filter || !fbo)
+        return;
+    basicProgram->bind();
+    filter->setUniforms(basicProgram->shaderProgram(), filter->paras(), frameWidth, frameHeight);
+
+    const float s = filter->scale();
+    isClip = filter->isClip() != 0;
+    rotationZ = truncToInt(filter->rotationZ());
+    const int round = filter->isRoundCamera();
+    isClipPerspect = false;
+    readWidth = 0;
+    readHeight = 0;
+    float rx = 0.0f;
+    float ry = 0.0f;
+    if (!noRotation) {
+        rx = -filter->rotationX();
+        ry = -filter->rotationY();
+    }
+    int r = filter->cornerRadius();
+    const int mirrored = filter->isMirrored();
+    const float W = static_cast<float>(frameWidth);
+    const float H = static_cast<float>(frameHeight);
+    const float xyRatio = H / W;
+    if (round != 0) {
+        isClip = true;
+        r = truncToInt((1.0f > H / W ? H : W) * 0.5);
+    } else {
+        r = std::min(r, frameWidth / 2);
+        r = std::min(r, frameHeight / 2);
+    }
+    const float bias = static_cast<float>(static_cast<double>(s) - 1.0) / s * 0.5f;
+    const int radiusPixels = truncToInt(r / s);
+    const float xRadius = radiusPixels / W;
+    const float yRadius = radiusPixels / H;
+
+    // The page gate. The flag reads inverted on purpose: with allowInFrame
+    // set only an offset outside [0, 1] is drawn, and without it only one
+    // inside.
+    const float y = filter->centerYOffset();
+    const bool inside = y >= 0.0f && y <= 1.0f;
+    if (inside == allowInFrame) {
+        frameSkipped = true;
+        return;
+    }
+
+    fbo->bind();
+    if (!isClip)
+        basicProgram->setUniformFloat("premulAlpha", 1.0f);
+    const bool fromShare = useShareTexture && textureBuffer;
+    if (fromShare)
+        textureBuffer->bindWriteTexture(context);
+    else
+        bindQtTexture(image);
+    basicProgram->setUniformFloat("inXbias", bias);
+    basicProgram->setUniformFloat("inYbias", bias);
+    basicProgram->setUniformFloat("xRadius", xRadius);
+    basicProgram->setUniformFloat("yRadius", yRadius);
+    basicProgram->setUniformFloat("xyRatio", xyRatio);
+    basicProgram->setUniformFloat("isClip", 0.0f);
+    basicProgram->setUniformFloat("isClipPerspect", 0.0f);
+    basicProgram->setUniformFloat("isRoundCamera", static_cast<float>(round));
+    basicProgram->setUniformFloat("isRotate", rx != 0.0f || ry != 0.0f ? 1.0f : 0.0f);
+    basicProgram->setUniformInt("inputImageTexture", 0);
+
+    basicProgram->resetMatrices();
+    if (mirrored != 0)
+        basicProgram->flipProjection();
+    if (!isClip) {
+        basicProgram->scaleModel(s, s);
+        basicProgram->applyPerspective90();
+        // A mirrored picture turns the same way on screen.
+        if (mirrored != 0 && ry != 0.0f)
+            ry = -ry;
+        basicProgram->rotateAboutEdge(rx, 1.0f, 0.0f, 0.0f);
+        basicProgram->rotateAboutEdge(ry, 0.0f, 1.0f, 0.0f);
+    }
+    basicProgram->initVertices();
+    basicProgram->drawStrip();
+    if (fromShare) {
+        textureBuffer->unbindTexture(context);
+    } else {
+        glActiveTexture(GL_TEXTURE0);
+        glBindTexture(GL_TEXTURE_2D, 0);
+    }
+    if (!isClip)
+        basicProgram->setUniformFloat("premulAlpha", 0.0f);
+    QOpenGLFramebufferObject::bindDefault();
+
+    if (isClip || round != 0)
+        drawClip(filter, rx, ry, round != 0);
+}
+
+void OpenglChannelWorker::drawClip(BeautyFilterBase* filter, float rx, float ry, bool round)
+{
+    if (rx != 0.0f || ry != 0.0f)
+        isClipPerspect = true;
+    const float s = filter->scale();
+    const float cx = filter->centerXOffset();
+    const float cy = filter->centerYOffset();
+    float cw = filter->channelWidth();
+    float ch = filter->channelHeight();
+    const float W = static_cast<float>(frameWidth);
+    const float H = static_cast<float>(frameHeight);
+
+    // The channel's box fitted to the frame; a box with one side equal to the
+    // frame's stays as it is.
+    if (cw > W || ch > H) {
+        const float k = std::max(cw / W, ch / H);
+        cw /= k;
+        ch /= k;
+    } else if (W > cw && H > ch) {
+        const float k = std::min(W / cw, H / ch);
+        cw *= k;
+        ch *= k;
+    }
+
+    float xRadius = 0.0f;
+    float yRadius = 0.0f;
+    float inXbias = 0.0f;
+    float inYbias = 0.0f;
+    if (round) {
+        isClip = true;
+        const float shorter = 1.0f > H / W ? H : W;
+        const float d = shorter / s;
+        cw = d;
+        ch = d;
+        int radius = truncToInt(static_cast<double>(shorter) * 0.5);
+        const float half = d * 0.5f;
+        if (radius > half)
+            radius = truncToInt(half);
+        xRadius = radius / W;
+        yRadius = radius / H;
+        inXbias = static_cast<float>(std::max(0.0, static_cast<double>((W - d) / W) * 0.5));
+        inYbias = static_cast<float>(std::max(0.0, static_cast<double>((H - d) / H) * 0.5));
+    }
+
+    // A box that no framebuffer can hold (no channel size with a clip, a
+    // scale near 0) leaves the frame out; reported once per size.
+    const QSize box(truncToInt(cw), truncToInt(ch));
+    if (box.width() < 1 || box.height() < 1 || box.width() > maxFrameSide || box.height() > maxFrameSide) {
+        if (box != refusedClip)
+            qCWarning(lcGpu) << "[OpenglChannelWorker::drawClip] no clip of" << box.width() << "x" << box.height()
+                             << "for a frame of" << frameWidth << "x" << frameHeight
+                             << "(channel_width, channel_height or scale_strength out of range); frame left out";
+        refusedClip = box;
+        frameSkipped = true;
+        return;
+    }
+    refusedClip = QSize();
+    if (box.width() != clipWidth || box.height() != clipHeight)
+        rebuildClipFbos(box.width(), box.height());
+
+    // First pass: the picture placed in the box. The viewport is the frame's
+    // on purpose: the box is the lower left part of it.
+    clipFbo->bind();
+    glViewport(0, 0, frameWidth, frameHeight);
+    glClear(gl::kClearColourAndDepth);
+    QOpenGLFramebufferObject::bindDefault();
+    basicProgram->bind();
+    clipFbo->bind();
+    if (!isClipPerspect)
+        basicProgram->setUniformFloat("premulAlpha", 1.0f);
+    glActiveTexture(GL_TEXTURE0);
+    glBindTexture(GL_TEXTURE_2D, fbo->texture());
+    basicProgram->setUniformInt("inputImageTexture", 0);
+    basicProgram->setUniformFloat("isClip", 1.0f);
+    basicProgram->setUniformFloat("isClipPerspect", 0.0f);
+    basicProgram->setUniformFloat("xRadius", xRadius);
+    basicProgram->setUniformFloat("yRadius", yRadius);
+    basicProgram->setUniformFloat("inXbias", inXbias);
+    basicProgram->setUniformFloat("inYbias", inYbias);
+    placeClip(cx, cy, s);
+    basicProgram->initVertices();
+    basicProgram->drawStrip();
+    glActiveTexture(GL_TEXTURE0);
+    glBindTexture(GL_TEXTURE_2D, 0);
+    if (!isClipPerspect)
+        basicProgram->setUniformFloat("premulAlpha", 0.0f);
+    QOpenGLFramebufferObject::bindDefault();
+    if (!isClipPerspect)
+        return;
+
+    // Second pass: the box turned in perspective, with the soft rim.
+    clipRotateFbo->bind();
+    glViewport(0, 0, clipWidth, clipHeight);
+    glClear(gl::kClearColourAndDepth);
+    QOpenGLFramebufferObject::bindDefault();
+    clipRotateFbo->bind();
+    basicProgram->setUniformFloat("premulAlpha", 1.0f);
+    basicProgram->bind();
+    glActiveTexture(GL_TEXTURE0);
+    glBindTexture(GL_TEXTURE_2D, clipFbo->texture());
+    basicProgram->setUniformInt("inputImageTexture", 0);
+    basicProgram->setUniformFloat("isClip", 0.0f);
+    basicProgram->setUniformFloat("isClipPerspect", 1.0f);
+    basicProgram->setUniformFloat("isRoundCamera", 0.0f);
+    basicProgram->setUniformFloat("isRotate", 1.0f);
+    for (const char* name : {"xRadius", "yRadius", "inXbias", "inYbias"})
+        basicProgram->setUniformFloat(name, 0.0f);
+    basicProgram->resetMatrices();
+    basicProgram->applyPerspective90();
+    basicProgram->rotateAboutEdge(rx, 1.0f, 0.0f, 0.0f);
+    basicProgram->rotateAboutEdge(ry, 0.0f, 1.0f, 0.0f);
+    basicProgram->drawStrip();
+    glActiveTexture(GL_TEXTURE0);
+    glBindTexture(GL_TEXTURE_2D, 0);
+    basicProgram->setUniformFloat("premulAlpha", 0.0f);
+    QOpenGLFramebufferObject::bindDefault();
+}
+
+void OpenglChannelWorker::placeClip(float cx, float cy, float s)
+{
+    const float W = static_cast<float>(frameWidth);
+    const float H = static_cast<float>(frameHeight);
+    const float CW = static_cast<float>(clipWidth);
+    const float CH = static_cast<float>(clipHeight);
+
+    float f = (CW / CH != W / H && W / H > CW / CH) ? CH / H : CW / W;
+    f *= s;
+    float tx = 2.0f * cx * static_cast<float>(clipWidth - frameWidth) / W;
+    float ty;
+    if (cy > 1.0f) {
+        const float a = H * 0.5f - CH;
+        const int b = truncToInt(static_cast<float>(truncToInt(a)) / 10.0f);
+        const float e = cy - 1.0f;
+        if (e * 10.0f * b + a > H * 0.5f)
+            ty = -1.0005f;  // off the frame
+        else
+            ty = 2.0f * (-e * 10.0f * b) / H - 2.0f * a / H;
+    } else if (cy < 0.0f) {
+        ty = -(cy + 1.0f);
+    } else {
+        ty = 2.0f * (static_cast<float>(truncToInt(H - CH)) / 10.0f) * (-cy * 10.0f) / H;
+    }
+    // Four decimals, by floor: a negative value moves away from 0.
+    if (ty != 0.0f)
+        ty = std::floor(ty * 10000.0f) / 10000.0f;
+    if (cx < 0.0f)
+        tx = -(cx + 1.0f);
+    else if (cx > 1.0f)
+        tx = 2.0f * (CW - static_cast<float>(frameWidth / 2)) / W - 2.0f * (CW / W) * (cx - 1.0f);
+
+    basicProgram->resetMatrices();
+    basicProgram->translateModel(tx, ty, 0.0f);
+    basicProgram->scaleModel(f, f);
+}
+
+void OpenglChannelWorker::rebuildClipFbos(int width, int height)
+{
+    clipWidth = width;
+    clipHeight = height;
+    // The same two members as the frame's: a rebuild leaves them at the clip size.
+    texelWidth = 1.0f / static_cast<float>(width);
+    texelHeight = 1.0f / static_cast<float>(height);
+    for (QOpenGLBuffer* buffer : {&clipPackBufferA, &clipPackBufferB}) {
+        if (!buffer->isCreated()) {
+            buffer->create();
+            buffer->setUsagePattern(QOpenGLBuffer::StreamRead);
+        }
+        buffer->bind();
+        buffer->allocate(width * height * 4);
+        buffer->release();
+    }
+    gl::dropFbo(clipFbo);
+    gl::dropFbo(clipRotateFbo);
+    clipFbo = new QOpenGLFramebufferObject(width, height, gl::frameFormat());
+    clipRotateFbo = new QOpenGLFramebufferObject(width, height, gl::frameFormat());
+    firstFrame = true;
 }
 
 bool OpenglChannelWorker::createSceneShareTexture(TextureBuffer* buffer)

@@ -41,6 +41,9 @@ public:
     void setAllowInFrame(bool flag) { allowInFrame = flag; }
 
     // --- replaced operations of the base ---
+    // Each frame starts unskipped: the gate of the picture pass decides anew.
+    bool doPreWork(uchar* data, int width, int height) override;
+    using OpenglWorkerBase::doPreWork;
     void releaseTextures() override;
     bool initOpenGL(int width, int height) override;
     using OpenglWorkerBase::initOpenGL;
@@ -63,6 +66,20 @@ public:
     void drawSlimFace(BeautyFilterBase* filter, bool firstFaceOnly, bool premul);
     void drawFaceArea(BeautyFilterBase* filter, bool premul);
     void drawWhitening(BeautyFilterBase* filter, bool premul);
+
+    // --- geometry of the picture pass ---
+    // Colour, scale, mirror and perspective of the picture into fbo, then the
+    // clip passes when the filter clips or makes a round camera. A frame that
+    // fails the page gate is left out (isFrameSkipped).
+    void drawBasicImage(const QImage& image, BeautyFilterBase* filter, bool noRotation, bool useShareTexture);
+    // Cuts the channel's box out of fbo into clipFbo, and with a rotation in
+    // x or y turns it in perspective into clipRotateFbo.
+    void drawClip(BeautyFilterBase* filter, float rotationX, float rotationY, bool round);
+    // The matrices of the first clip pass: the picture scaled to the box and
+    // moved by the centre offsets.
+    void placeClip(float centerX, float centerY, float scale);
+    // Remakes the clip framebuffers and their pack buffers at a new size.
+    void rebuildClipFbos(int width, int height);
 
     // The programs, for checks.
     ShaderWorker* basicShader() const { return basicProgram; }
@@ -102,4 +119,6 @@ protected:
     int sourceHeight = 720;
     int stickerTexWidth = 0;
     int stickerTexHeight = 0;
+    // The last clip size refused, so that a bad size is reported once.
+    QSize refusedClip;
 };

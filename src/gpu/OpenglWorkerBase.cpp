@@ -1,5 +1,6 @@
 #include "gpu/OpenglWorkerBase.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <exception>
 #include <vector>
@@ -21,22 +22,6 @@
 #include "shader/ShaderWorker.h"
 
 namespace {
-
-QOpenGLFramebufferObjectFormat frameFormat()
-{
-    QOpenGLFramebufferObjectFormat format;
-    format.setAttachment(QOpenGLFramebufferObject::CombinedDepthStencil);
-    return format;
-}
-
-void dropFbo(QOpenGLFramebufferObject*& target)
-{
-    if (!target)
-        return;
-    target->release();
-    delete target;
-    target = nullptr;
-}
 
 // Mesa's software rasterizer, llvmpipe, hands each context's rasterization to
 // threads of its own. In the Mesa of Debian 12 its check whether a texture is
@@ -229,6 +214,20 @@ bool OpenglWorkerBase::doPreWork(uchar* data, int width, int height)
         qCDebug(lcGpu) << "[OpenglWorkerBase::doPreWork]This fails in makeCurrent";
         return false;
     }
+    if (maxFrameSide == 0) {
+        GLint textureSide = 0;
+        GLint renderbufferSide = 0;
+        context->functions()->glGetIntegerv(GL_MAX_TEXTURE_SIZE, &textureSide);
+        context->functions()->glGetIntegerv(GL_MAX_RENDERBUFFER_SIZE, &renderbufferSide);
+        maxFrameSide = std::min(textureSide, renderbufferSide);
+    }
+    if (width > maxFrameSide || height > maxFrameSide) {
+        if (refusedFrame != QSize(width, height))
+            qCWarning(lcGpu) << "[OpenglWorkerBase::doPreWork] dropped a frame of" << width << "x" << height
+                             << ": the GL limit is" << maxFrameSide << "a side";
+        refusedFrame = QSize(width, height);
+        return false;
+    }
     if (!glInited) {
         if (!initOpenGL(width, height))
             return false;
@@ -300,11 +299,11 @@ void OpenglWorkerBase::releaseGlObjects()
         buffer->destroy();
         buffer->release();
     }
-    dropFbo(fbo);
-    dropFbo(fboBack);
-    dropFbo(firstFbo);
-    dropFbo(clipFbo);
-    dropFbo(clipRotateFbo);
+    gl::dropFbo(fbo);
+    gl::dropFbo(fboBack);
+    gl::dropFbo(firstFbo);
+    gl::dropFbo(clipFbo);
+    gl::dropFbo(clipRotateFbo);
     glInited = false;
     doneCurrent();
 }
@@ -342,11 +341,11 @@ void OpenglWorkerBase::onClearAll()
     QWriteLocker locker(&glLock());
     for (QOpenGLBuffer* buffer : pixelBuffers)
         buffer->destroy();
-    dropFbo(fbo);
-    dropFbo(firstFbo);
-    dropFbo(fboBack);
-    dropFbo(clipFbo);
-    dropFbo(clipRotateFbo);
+    gl::dropFbo(fbo);
+    gl::dropFbo(firstFbo);
+    gl::dropFbo(fboBack);
+    gl::dropFbo(clipFbo);
+    gl::dropFbo(clipRotateFbo);
     delete context;
     context = nullptr;
     glInited = false;
@@ -420,7 +419,7 @@ void OpenglWorkerBase::createFbos(int width, int height)
         delete fbo;
         fbo = nullptr;
     }
-    fbo = new QOpenGLFramebufferObject(width, height, frameFormat());
+    fbo = new QOpenGLFramebufferObject(width, height, gl::frameFormat());
 }
 
 void OpenglWorkerBase::clearFbos(int width, int height)

@@ -12,6 +12,7 @@
 #include <QOpenGLBuffer>
 #include <QOpenGLFunctions>
 #include <QReadWriteLock>
+#include <QSize>
 #include <QString>
 #include <QVector>
 
@@ -197,6 +198,11 @@ protected:
     // Frame state of the ping-pong passes: false while fbo holds the current
     // picture, true while fboBack does.
     bool pingPong = false;
+    // The largest side a texture and a framebuffer of the context can have,
+    // read at the first frame; and the last frame size refused for it, so
+    // that a flood of such frames is reported once.
+    int maxFrameSide = 0;
+    QSize refusedFrame;
 
     // Pixel buffers in the order the destruction paths walk them.
     QOpenGLBuffer* pixelBuffers[9];

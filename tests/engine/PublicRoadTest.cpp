@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include "TestUtil.h"
+#include "channel/PictureCases.h"
 #include "gpu/GlTestSupport.h"
 #include "lumen_fx/OpenglImageManager.h"
 
@@ -83,6 +84,7 @@ struct Effect {
     int above;
     bool lighter;
     std::vector<QRect> untouched;  // within one level
+    bool roundCamera = false;      // the picture pass after the face passes
 };
 
 const Effect kPlain = {"NoFilter", NOFILTER, 0, false, false, {}, 0, false, {kWhole}};
@@ -93,6 +95,7 @@ const Effect kEffects[] = {
     {"Whitening", WHITENING, 80, false, false, {kFarCorner, kFace, QRect(0, 300, 100, 100)}, 4, true, {}},
     {"Slimming", SLIMFACE, 100, true, false, {kFace}, 6, false, {kFarCorner, kLowerLeft}},
     {"SkippedFaceFilters", SMOOTH, 100, false, true, {}, 0, false, {kWhole}},
+    {"RedLipsOnTheRoundCamera", REDLIPS, 400, false, false, {kMouth, QRect(0, 0, 30, 30)}, 20, false, {kEyes}, true},
 };
 
 // The first area where `img` is not as the row says against `portrait`; empty if none.
@@ -129,6 +132,9 @@ TEST_P(FaceEffect, ShowsWhereItShouldAndNowhereElse)
     if (e.type != NOFILTER)
         road.m->addChannelImageFilter(road.scene, road.channel, e.type,
                                       e.type == SLIMFACE ? static_cast<void*>(&slim) : &strength);
+    _basic_image_param round = picture::settings([](auto& p) { p.isRoundCamera = 1; });
+    if (e.roundCamera)
+        road.m->addChannelImageFilter(road.scene, road.channel, BASICIMAGE, &round);
     int frames = 0;
     road.run(e.skipFaceFilters, [&](const QImage& img) {
         return ++frames >= (e.skipFaceFilters ? 25 : 1) && wrongArea(e, road.portrait, img).empty();
@@ -139,28 +145,6 @@ TEST_P(FaceEffect, ShowsWhereItShouldAndNowhereElse)
 
 INSTANTIATE_TEST_SUITE_P(Road, FaceEffect, ::testing::ValuesIn(kEffects),
                          [](const ::testing::TestParamInfo<Effect>& info) { return std::string(info.param.name); });
-
-TEST(FaceEffectsRoad, HostileInputNeverCrashesAndKeepsAPicture)
-{
-    Road road;
-    // Strengths far outside the usual range pass through unclamped.
-    _strength_param hugeSmooth{1e6, true}, negativeLips{-500.0, true}, hugeWhitening{5000.0, true};
-    _slim_face_param negativeSlim{-2000.0};
-    road.m->addChannelImageFilter(road.scene, road.channel, SMOOTH, &hugeSmooth);
-    road.m->addChannelImageFilter(road.scene, road.channel, REDLIPS, &negativeLips);
-    road.m->addChannelImageFilter(road.scene, road.channel, WHITENING, &hugeWhitening);
-    road.m->addChannelImageFilter(road.scene, road.channel, SLIMFACE, &negativeSlim);
-    // Pictures whose size changes every frame: the face cut by the left edge,
-    // a blank picture with no face, the portrait scaled, and the whole portrait.
-    QImage cut(300, 400, QImage::Format_RGBA8888), blank(333, 222, QImage::Format_RGBA8888);
-    cut.fill(Qt::gray);
-    QPainter(&cut).drawImage(-200, -40, road.portrait);
-    blank.fill(QColor(20, 200, 20));
-    road.frames = {cut, blank, road.portrait.scaled(640, 640), road.portrait};
-    int pictures = 0;
-    QImage merged;
-    EXPECT_TRUE(road.run(false, [&](const QImage&) { return ++pictures >= 60; }, merged)) << pictures << " pictures";
-}
 
 TEST(MergeRoad, DirectFramesAreFittedCentredAndDrawnInListOrderUntilTheyLeaveIt)
 {
@@ -195,3 +179,79 @@ TEST(MergeRoad, DirectFramesAreFittedCentredAndDrawnInListOrderUntilTheyLeaveIt)
     want.fill(QColor(53, 53, 53));
     EXPECT_TRUE(mergedAs(want));
 }
+
+namespace {
+
+class PictureRoad : public ::testing::TestWithParam<bool> {};  // all in one scene, or a scene each
+
+}  // namespace
+
+// Every picture case through the public interface, each beside a plain
+// control channel that must show the picture as it is, in rectangles the size
+// of each output; and a tilt in x and y, which leaves background in a corner.
+TEST_P(PictureRoad, EachSettingShowsAsItsCaseSays)
+{
+    const bool oneScene = GetParam();
+    OpenglImageManager* m = OpenglImageManager::instance();
+    const QImage input = picture::gradientPicture();
+    const QColor bg(30, 60, 90);
+    struct Lane {
+        int scene, control, channel;
+        const picture::Case* c;  // none: the tilt
+        QList<_channel_merge_param> list;
+    };
+    std::vector<Lane> lanes;
+    QList<_channel_merge_param> all;  // one scene: a grid, 4 lanes of 140 x 68 a row
+    std::vector<const picture::Case*> cases = {nullptr};
+    for (const picture::Case& c : picture::cases())
+        cases.push_back(&c);
+    for (const picture::Case* c : cases) {
+        const int scene = oneScene && !lanes.empty() ? lanes[0].scene : m->genSceneFilters();
+        const int control = oneScene && !lanes.empty() ? lanes[0].control : m->genChannelFilters(scene, true);
+        const int channel = m->genChannelFilters(scene, true);
+        _basic_image_param record = picture::settings(c ? c->set : [](auto& p) { p.rotationX = 20, p.rotationY = 30; });
+        m->addChannelImageFilter(scene, channel, BASICIMAGE, &record);
+        const int i = int(lanes.size());
+        const QPoint at = oneScene ? QPoint(140 * (i % 4), 68 * (i / 4)) : QPoint();
+        lanes.push_back({scene, control, channel, c,
+                         {entry(control, QRect(at, QSize(64, 48))),
+                          entry(channel, QRect(at + QPoint(70, 0), c ? c->size : QSize(64, 48)))}});
+        all << lanes.back().list;
+    }
+    // Whether a lane shows right; with `report` a wrong one writes its pictures.
+    auto right = [&](const Lane& lane, bool report) {
+        QImage img;
+        if (!m->getMergeImg(lane.scene, img))
+            return false;
+        img = img.convertToFormat(QImage::Format_RGBA8888);
+        const QRect rect = lane.list[1].rect;
+        auto same = [&](const QImage& a, const QImage& b, const gltest::Where& where) {
+            return report ? bool(gltest::sameImage(a, b, 3, lane.c ? lane.c->name : "tilt", where))
+                          : gltest::differences(a, b, 3, where) == 0;
+        };
+        if (!same(img.copy(lane.list[0].rect), input, {}))
+            return false;
+        if (lane.c)
+            return same(img.copy(rect), picture::expected(*lane.c, bg), picture::pinned(*lane.c));
+        int clearCorners = 0;
+        for (QPoint p : {rect.topLeft(), rect.topRight(), rect.bottomLeft(), rect.bottomRight()})
+            clearCorners += img.pixel(p) == bg.rgb();
+        return clearCorners > 0 && gltest::differences(img.copy(rect), input, 3) > 0;
+    };
+    testutil::waitFor([&] {
+        for (const Lane& lane : lanes) {
+            m->sendChannelFrame(lane.scene, lane.control, input, false, true, false);
+            m->sendChannelFrame(lane.scene, lane.channel, input, false, true, false);
+            if (!oneScene || &lane == &lanes[0])
+                m->mergeImages(lane.scene, oneScene ? all : lane.list, oneScene ? 560 : 140, oneScene ? 340 : 68, bg,
+                               QImage(), QImage());
+        }
+        QThread::msleep(70);
+        return std::all_of(lanes.begin(), lanes.end(), [&](const Lane& lane) { return right(lane, false); });
+    }, 30000);
+    for (const Lane& lane : lanes)
+        EXPECT_TRUE(right(lane, true)) << (lane.c ? lane.c->name : "tilt");
+}
+
+INSTANTIATE_TEST_SUITE_P(Road, PictureRoad, ::testing::Bool(),
+                         [](const ::testing::TestParamInfo<bool>& info) { return info.param ? "OneScene" : "SceneEach"; });

@@ -1,8 +1,7 @@
 // The filter classes: the widened face area of each, the per-frame face
 // lists, parameter setting and what the factory makes; and, on code paths
-// that no pass calls yet, one check each: the page fit, the detection
-// mailbox, the CPU `filter` routines on cv::Mat, QImage and AVFrame, and the
-// CPU face masks.
+// that no pass calls yet, one check each: the page fit, the CPU `filter`
+// routines on cv::Mat, QImage and AVFrame, and the CPU face masks.
 #include <array>
 #include <cstring>
 #include <memory>
@@ -12,6 +11,7 @@
 
 #include "LogCapture.h"
 #include "filters/FilterFactory.h"
+#include "filters/OpenglBasicImageFilter.h"
 #include "filters/OpenglFaceAreaFilter.h"
 #include "filters/OpenglSlimFaceFilter.h"
 #include "filters/OpenglSmoothAndWhiteningFilter.h"
@@ -46,11 +46,6 @@ cv::Rect rectOf(const BeautyFilterBase::ParaMap& p, bool detected = false)
     return {at(face_area_x, detect_face_area_x), at(face_area_y, detect_face_area_y),
             at(face_area_width, detect_face_area_width), at(face_area_height, detect_face_area_height)};
 }
-
-// A filter with the page and channel keys.
-struct PageFilter : BeautyFilterBase {
-    PageFilter() { paras_ = {{first_page_width, 0}, {first_page_height, 0}, {channel_width, 0}, {channel_height, 0}}; }
-};
 
 // Stands in for a GPU worker on the CPU path: counts the pictures it is given.
 class RecordingRenderer : public QObject {
@@ -185,8 +180,8 @@ TEST(FilterFaceInfo, WhichFacesAreAccepted)
 }
 
 // Only registered keys are taken. A filter with the page and channel keys
-// (no class of the library registers them yet) fits the page to the
-// channel's class of resolution, in the call that carries the channel size.
+// fits the page to the channel's class of resolution, in the call that
+// carries the channel size.
 TEST(FilterSetParas, RegisteredKeysAndThePageFittedToTheChannel)
 {
     OpenglWhiteningFilter whitening;
@@ -201,7 +196,7 @@ TEST(FilterSetParas, RegisteredKeysAndThePageFittedToTheChannel)
         {1000, 6000, 1280, 720, 900, 5400},   // tall page in landscape: height cap
     };
     for (const auto& [pageW, pageH, chanW, chanH, wantW, wantH] : cases) {
-        PageFilter f;
+        OpenglBasicImageFilter f;
         f.setParas({{first_page_width, pageW}, {first_page_height, pageH}});
         f.setParas({{channel_width, chanW}, {channel_height, chanH}});
         EXPECT_EQ(cv::Point2f(f.firstPageWidth(), f.firstPageHeight()), cv::Point2f(wantW, wantH)) << pageW;
@@ -209,27 +204,12 @@ TEST(FilterSetParas, RegisteredKeysAndThePageFittedToTheChannel)
     }
 }
 
-// No pass reads the mailbox yet: the newest entry is read eleven times, then
-// dropped.
-TEST(FilterMailbox, NewestEntryIsReadElevenTimesThenDropped)
-{
-    OpenglFaceAreaFilter f;
-    FaceDetectResult out = makeResult({{9, 9, 9, 9}});
-    EXPECT_FALSE(f.takeFaceDetectResult(out));
-    f.updateFaceDetectResult(makeResult({{1, 1, 1, 1}}));
-    ASSERT_TRUE(f.takeFaceDetectResult(out));
-    const FaceDetectResult in = makeResult({{3, 3, 3, 3}});
-    ASSERT_TRUE(QMetaObject::invokeMethod(&f, "updateFaceDetectResult", Q_ARG(FaceDetectResult, in)));
-    for (int i = 1; i <= 11; ++i)
-        EXPECT_TRUE(f.takeFaceDetectResult(out) && out.faceRects == in.faceRects && out.keyPoints == in.keyPoints) << i;
-    EXPECT_FALSE(f.takeFaceDetectResult(out));
-}
-
 TEST(FilterFactory, OneNewObjectOfTheRightClassPerFaceType)
 {
     const std::pair<ImageFilterType, const char*> made[] = {
         {SLIMFACE, "OpenglSlimFaceFilter"}, {SMOOTH, "OpenglFaceAreaFilter"}, {REDLIPS, "OpenglFaceAreaFilter"},
-        {WHITENING, "OpenglWhiteningFilter"}, {SMOOTHWHITENING, "OpenglSmoothAndWhiteningFilter"}};
+        {WHITENING, "OpenglWhiteningFilter"}, {SMOOTHWHITENING, "OpenglSmoothAndWhiteningFilter"},
+        {BASICIMAGE, "OpenglBasicImageFilter"}};
     for (const auto& [type, name] : made) {
         std::unique_ptr<BeautyFilterBase> f(createImageFilter(type));
         ASSERT_NE(f, nullptr) << name;
@@ -238,7 +218,7 @@ TEST(FilterFactory, OneNewObjectOfTheRightClassPerFaceType)
     std::unique_ptr<BeautyFilterBase> smooth(createImageFilter(SMOOTH)), lips(createImageFilter(REDLIPS));
     smooth->setParas({{smooth_strength, 30}});
     EXPECT_EQ(lips->paras().at(smooth_strength), 0) << "one object per type";
-    for (int t : {0, 5, 6, 7, 8, 9, 10, 11, 12, 13, 15, -1})
+    for (int t : {0, 5, 7, 8, 9, 10, 11, 12, 13, 15, -1})
         EXPECT_EQ(createImageFilter(static_cast<ImageFilterType>(t)), nullptr) << t;
 }
 
@@ -293,6 +273,13 @@ TEST(FilterCpuRoutine, MarksTheFaceAreaAndHandsThePictureOn)
     slim.filter(frame.get(), small.get(), FaceDetectResult());
     EXPECT_EQ(small->data[0][0], 5);
     EXPECT_EQ(log.count("[OpenglSlimFaceFilter::filter]", QtWarningMsg), 1) << log.all();
+    // The basic image class cuts the width to a multiple of 4; narrower than 4 stays.
+    OpenglBasicImageFilter basic;
+    for (auto [width, want] : {std::pair(13, 12), std::pair(3, 3)}) {
+        cv::Mat in(5, width, CV_8UC3, cv::Scalar::all(9));
+        basic.filter(in, dst, FaceDetectResult());
+        EXPECT_TRUE(dst.cols == want && dst.rows == 5 && dst.at<cv::Vec3b>(4, want - 1)[0] == 9) << width;
+    }
 }
 
 // The fourth channel goes through the blend unweighed; the fade keeps the

@@ -1,0 +1,159 @@
+// The picture pass of a channel (colour, opacity, scale, mirror, corners,
+// round camera, clip, rotation, pages), driven through the channel's frame
+// step with a real worker: its pixels against the CPU cases, the clip
+// matrices against the arithmetic worked by hand, and its bad input.
+#include <QOpenGLContext>
+#include <QOpenGLFunctions>
+
+#include "LogCapture.h"
+#include "channel/ImageFilters.h"
+#include "channel/PictureCases.h"
+#include "gpu/OpenglChannelWorker.h"
+#include "shader/ShaderWorker.h"
+
+namespace {
+
+// A channel without its thread; the host's calls reach its slots directly.
+class PictureChannel : public ImageFilters {
+public:
+    PictureChannel() : ImageFilters(0, 0, false, NoThreadStart{})
+    {
+        connect(this, &ImageFilters::AddImageFilter, this, [this](auto t, bool f) { onAddImageFilter(t, f); },
+                Qt::DirectConnection);
+        connect(this, &ImageFilters::SetFilterParameter, this, [this](auto t, auto p) { onSetFilterParameter(t, p); },
+                Qt::DirectConnection);
+    }
+    // One frame of `src` after the host sent `record`; the frame's read-back.
+    QImage frame(QImage src, _basic_image_param record)
+    {
+        setFilterPara(BASICIMAGE, BASICIMAGEPARA, &record);
+        QImage dst;
+        runFilters(src, dst, false, true, false);
+        return dst;
+    }
+    OpenglChannelWorker& worker() { return *channelWorker; }
+    using ImageFilters::fitPage;
+};
+
+}  // namespace
+
+TEST(PicturePass, EachSettingGivesThePixelsOfItsCase)
+{
+    PictureChannel channel;  // one channel through all of them, as a host changes its settings
+    for (const picture::Case& c : picture::cases()) {
+        // The pass reads the rotation that the last frame's uniforms wrote:
+        // the second frame shows the settings.
+        channel.frame(picture::gradientPicture(), picture::settings(c.set));
+        const QImage out = channel.frame(picture::gradientPicture(), picture::settings(c.set));
+        EXPECT_TRUE(gltest::sameImage(out, picture::expected(c), 2, c.name, picture::pinned(c))) << c.name;
+        EXPECT_FALSE(channel.worker().isFrameSkipped()) << c.name;
+    }
+}
+
+// placeClip on a 64 x 48 frame: f = CH/H when the frame is the wider, else
+// CW/W, times the scale; tx from the centre offset inside [0, 1] and the
+// two rules outside; ty by its three branches, floored to four decimals.
+TEST(PicturePass, ClipPlacementAsWorkedByHand)
+{
+    PictureChannel channel;
+    QImage frame = picture::gradientPicture();
+    const struct { int cw, ch; float cx, cy, s, tx, ty, f; } cases[] = {
+        {32, 48, 0.5f, 0.5f, 1, -0.5f, 0, 1},
+        {32, 48, 0.5f, 0.5f, 2, -0.5f, 0, 2},
+        {64, 8, 0.5f, 0.1f, 1, 0, -0.1667f, 1},      // -1/6: floor, not truncation
+        {64, 8, 0.5f, 1.5f, 1, 0, -0.875f, 1},       // below: 2(-5)/48 - 2(16)/48
+        {64, 8, 0.5f, 1.9f, 1, 0, -1.0005f, 1},      // 9 + 16 > 24: off the frame
+        {64, 8, -0.2f, -0.25f, 1, -0.8f, -0.75f, 1},  // -(c + 1) both ways
+        {48, 48, 1.5f, 0.5f, 1, -0.25f, 0, 1},        // 2(48 - 32)/64 - 2(48/64)(0.5)
+    };
+    for (const auto& c : cases) {
+        ASSERT_TRUE(channel.worker().doPreWork(frame.bits(), 64, 48));
+        channel.worker().rebuildClipFbos(c.cw, c.ch);
+        channel.worker().placeClip(c.cx, c.cy, c.s);
+        const QMatrix4x4 m = channel.worker().basicShader()->model();
+        channel.worker().doneCurrent();
+        EXPECT_NEAR(m(0, 3), c.tx, 1e-6) << c.cw << "x" << c.ch << " at " << c.cx << ", " << c.cy;
+        EXPECT_NEAR(m(1, 3), c.ty, 1e-6) << c.cw << "x" << c.ch << " at " << c.cx << ", " << c.cy;
+        EXPECT_TRUE(m(0, 0) == c.f && m(1, 1) == c.f) << c.cw << "x" << c.ch << " scale " << c.s;
+    }
+}
+
+// Mirrored, the turn about y changes sign, so that the picture turns the
+// same way on screen: it is the tilt of the mirrored picture.
+TEST(PicturePass, AMirroredTiltTurnsTheSameWayOnScreen)
+{
+    PictureChannel plain, mirrored;
+    const _basic_image_param tilt = picture::settings([](auto& p) { p.rotationY = 35; });
+    _basic_image_param mirroredTilt = tilt;
+    mirroredTilt.isMirrored = 1;
+    const QImage a = plain.frame(picture::gradientPicture().mirrored(true, false), tilt);
+    const QImage b = mirrored.frame(picture::gradientPicture(), mirroredTilt);
+    auto opaque = [&](int x, int y) { return qAlpha(a.pixel(x, y)) == 255; };
+    EXPECT_FALSE(gltest::sameImage(a.mirrored(true, false), a, 8, "asymmetric", opaque));
+    EXPECT_TRUE(gltest::sameImage(b, a, 8, "mirrored", opaque));
+    // With a clip the tilt is a second pass, at the clip size.
+    const QImage c = plain.frame(picture::gradientPicture(), picture::settings([](auto& p) {
+        p.isClip = 1, p.channelWidth = 32, p.channelHeight = 48, p.rotationY = 30;
+    }));
+    EXPECT_TRUE(c.size() == QSize(32, 48) && qAlpha(c.pixel(31, 0)) == 0 && qAlpha(c.pixel(16, 24)) == 255);
+}
+
+// The page gate: an offset outside [0, 1] is left out, and so is the first
+// frame back inside; the next is drawn. The pass reads the offset that the
+// last frame's uniforms wrote, so its part of the gate is a frame late. A
+// page bigger than 7680 is fitted; a file page to the page width, between bars.
+TEST(PicturePass, PageGateAndPages)
+{
+    PictureChannel channel;
+    const float offsets[] = {0.5f, 1.5f, -0.5f, 0.5f, 0.5f, 0.5f};
+    const bool skipped[] = {false, true, true, false, true, false};
+    for (int i = 0; i < 6; ++i) {
+        channel.frame(picture::gradientPicture(), picture::settings([&](auto& p) { p.centerYOffset = offsets[i]; }));
+        EXPECT_EQ(channel.worker().isFrameSkipped(), skipped[i]) << i;
+    }
+    QImage tall(100, 9000, QImage::Format_RGBA8888);
+    channel.fitPage(tall, 0, 0, 0, 0);
+    EXPECT_EQ(tall.size(), QSize(85, 7680));
+    QImage page(320, 120, QImage::Format_RGBA8888);
+    page.fill(Qt::red);
+    channel.fitPage(page, 0, 2, 640, 480);
+    const QColor bar(245, 246, 247);
+    EXPECT_TRUE(page.size() == QSize(640, 480) && page.pixelColor(5, 119) == bar && page.pixelColor(5, 120) == Qt::red &&
+                page.pixelColor(5, 359) == Qt::red && page.pixelColor(5, 360) == bar);
+}
+
+TEST(PicturePass, BadSettingsWarnAtMostAndLeaveNoGlError)
+{
+    PictureChannel channel;
+    LogCapture log;
+    using P = _basic_image_param;
+    const std::function<void(P&)> settings[] = {
+        [](P& p) { p.isClip = 1; },  // no channel size: no box
+        [](P& p) { p.isClip = 1, p.channelWidth = -5, p.channelHeight = 100; },
+        [](P& p) { p.isRoundCamera = 1, p.scale = -25; },  // a scale of 0
+        [](P& p) { p.isRoundCamera = 1, p.scale = -24.999; },
+        [](P& p) { p.scale = 1e300, p.cornerRadius = 2147483647, p.rotationX = 1e30, p.rotationZ = 1e9; },
+        [](P& p) { p.rotationZ = 45, p.brightness = -1e308, p.alpha = 1e300, p.isMirrored = -7; },
+        [](P& p) { p.isClip = 1, p.channelWidth = 1e300, p.channelHeight = 1e-300, p.centerXOffset = 1e30; },
+        [](P& p) { p.isClip = 1, p.firstPageWidth = 1e30, p.fileType = 2, p.channelWidth = 64, p.channelHeight = 48; },
+    };
+    for (const auto& set : settings)
+        for (int frame = 0; frame < 2; ++frame)
+            channel.frame(picture::gradientPicture(), picture::settings(set));
+    // Once for each box, not for each frame; the rotation of one setting
+    // meets the clip of the next in one frame.
+    EXPECT_EQ(log.count("[OpenglChannelWorker::drawClip]", QtWarningMsg), 6) << log.all();
+    // Infinity and NaN never arrive.
+    _basic_image_param nan = picture::settings([](auto& p) { p.rotationZ = std::nan(""); });
+    channel.setFilterPara(BASICIMAGE, BASICIMAGEPARA, &nan);
+    EXPECT_TRUE(log.contains("rotation_z of filter type 6 is not a finite number", QtWarningMsg)) << log.all();
+    // Still a channel: the plain picture comes out, and GL has nothing to say.
+    const QImage input = picture::gradientPicture();
+    EXPECT_TRUE(gltest::sameImage(channel.frame(input, picture::settings()), input, 2, "after"));
+    for (int frame = 0; frame < 2; ++frame)
+        channel.frame(QImage(100000, 10, QImage::Format_RGBA8888), picture::settings());
+    EXPECT_EQ(log.count("[OpenglWorkerBase::doPreWork] dropped a frame of 100000 x 10", QtWarningMsg), 1);
+    ASSERT_TRUE(channel.worker().doPreWork(picture::gradientPicture().bits(), 64, 48));
+    EXPECT_EQ(QOpenGLContext::currentContext()->functions()->glGetError(), GLenum(GL_NO_ERROR));
+    channel.worker().doneCurrent();
+}
