@@ -8,6 +8,7 @@
 #include <QElapsedTimer>
 #include <QGuiApplication>
 #include <QImage>
+#include <QPainter>
 #include <QThread>
 
 #include <lumen_fx/OpenglImageManager.h>
@@ -28,7 +29,12 @@ struct Options {
     // Picture colour and geometry: the record as the host sends it, and whether any option set it.
     _basic_image_param basic = defaultBasic();
     bool picture = false;
-    bool effects() const { return smooth >= 0 || redLips >= 0 || whitening >= 0 || slimFace >= 0 || picture; }
+    // A face sticker: a file, or the name of one of the project's own stickers.
+    std::string sticker;
+    bool effects() const
+    {
+        return smooth >= 0 || redLips >= 0 || whitening >= 0 || slimFace >= 0 || picture || !sticker.empty();
+    }
 
     static _basic_image_param defaultBasic()
     {
@@ -89,6 +95,12 @@ bool parseOptions(const QCoreApplication& app, Options& options)
     parser.addOption(lipsOption);
     parser.addOption(whiteningOption);
     parser.addOption(slimOption);
+    QCommandLineOption stickerOption("sticker",
+                                     "A face sticker: a PNG file, or one of the project's own by name (glasses01, "
+                                     "cuteglasses, beret, bear, rabbit, faceplates, medal). The pictures go into "
+                                     "1280x720 frames, as a camera gives them.",
+                                     "name");
+    parser.addOption(stickerOption);
     QList<QCommandLineOption> pictureOptions;
     for (const PictureOption& o : kPictureOptions) {
         pictureOptions << QCommandLineOption(o.name, o.help, "value");
@@ -123,6 +135,12 @@ bool parseOptions(const QCoreApplication& app, Options& options)
             options.basic.*o.integer = static_cast<int32_t>(value);
         options.picture = true;
     }
+    if (parser.isSet(stickerOption)) {
+        const QString name = parser.value(stickerOption);
+        options.sticker = (name.contains('/') || name.endsWith(".png") ? name
+                                                                       : QString(LUMEN_STICKER_DIR "/%1.png").arg(name))
+                              .toStdString();
+    }
     // A channel box cuts the picture to its shape.
     options.basic.isClip = options.basic.channelWidth > 0 && options.basic.channelHeight > 0;
 
@@ -147,6 +165,16 @@ bool parseOptions(const QCoreApplication& app, Options& options)
         return false;
     }
     return true;
+}
+
+// A picture in the middle of a 1280x720 frame, fitted to its height.
+QImage cameraFrame(const QImage& picture)
+{
+    QImage frame(1280, 720, QImage::Format_RGBA8888);
+    frame.fill(QColor(60, 70, 80));
+    const QImage fitted = picture.scaled(1280, 720, Qt::KeepAspectRatio, Qt::SmoothTransformation);
+    QPainter(&frame).drawImage((1280 - fitted.width()) / 2, (720 - fitted.height()) / 2, fitted);
+    return frame;
 }
 
 // Lays n channels out side by side over the merged picture.
@@ -184,6 +212,8 @@ int main(int argc, char** argv)
             std::fprintf(stderr, "cannot read picture '%s'\n", qPrintable(path));
             return 1;
         }
+        if (!options.sticker.empty())
+            picture = cameraFrame(picture);
         pictures << picture.convertToFormat(QImage::Format_RGBA8888);
         channels << manager->genChannelFilters(scene, true);
         std::printf("scene %d: channel %d <- %s (%dx%d)\n", scene, channels.last(), qPrintable(path),
@@ -212,12 +242,16 @@ int main(int argc, char** argv)
             }
             if (options.picture)
                 manager->addChannelImageFilter(scene, channels[i], BASICIMAGE, &options.basic);
+            if (!options.sticker.empty())
+                manager->addChannelImageFilter(scene, channels[i], STICKER, &options.sticker);
         }
         std::printf("effects on channels after the first: smooth %g, red lips %g, whitening %g, slim face %g "
                     "(negative: off)\n",
                     options.smooth, options.redLips, options.whitening, options.slimFace);
         if (options.picture)
             std::printf("picture settings on the same channels\n");
+        if (!options.sticker.empty())
+            std::printf("sticker %s on the same channels\n", options.sticker.c_str());
         // Let the channels take their filters before the first frame.
         QThread::msleep(200);
     }

@@ -5,6 +5,7 @@
 #include "filters/OpenglFaceAreaFilter.h"
 #include "filters/OpenglSlimFaceFilter.h"
 #include "filters/OpenglSmoothAndWhiteningFilter.h"
+#include "filters/OpenglStickerFilter.h"
 #include "filters/OpenglWhiteningFilter.h"
 
 BeautyFilterBase* createImageFilter(ImageFilterType type)
@@ -22,9 +23,10 @@ BeautyFilterBase* createImageFilter(ImageFilterType type)
         return new OpenglSmoothAndWhiteningFilter();
     case BASICIMAGE:
         return new OpenglBasicImageFilter();
+    case STICKER:
+        return new OpenglStickerFilter();
     default:
-        // STICKER has a class of its own; the background types have no
-        // filter object.
+        // The background types have no filter object.
         return nullptr;
     }
 }

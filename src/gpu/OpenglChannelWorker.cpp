@@ -4,6 +4,9 @@
 #include <cmath>
 
 #include <QDebug>
+#include <QMatrix4x4>
+#include <QVector2D>
+#include <QVector3D>
 #include <QOpenGLContext>
 #include <QOpenGLFramebufferObject>
 #include <QOpenGLShaderProgram>
@@ -472,15 +475,174 @@ void OpenglChannelWorker::drawWhitening(BeautyFilterBase* filter, bool premul)
 void OpenglChannelWorker::renderSticker(const FilterMap& filters, QImage& image, bool useShareTexture, bool,
                                         bool toImage)
 {
-    // For now the first pass alone: the sticker draw comes with the filter
-    // classes.
     if (doPreWork(frameData(image), image.width(), image.height())) {
         drawInput(fbo, image, useShareTexture, filters.empty());
         pingPong = false;
-        settleInFbo();
+        if (BeautyFilterBase* sticker = findFilter(filters, STICKER))
+            drawStickers(sticker, false);
+        if (pingPong) {
+            imageProgram->bind();
+            settleInFbo();
+        }
         outputStep(image, toImage);
     }
     doneCurrent();
+}
+
+void OpenglChannelWorker::drawStickers(BeautyFilterBase* filter, bool premul)
+{
+    if (!stickerProgram || !filter || !fbo || !fboBack)
+        return;
+    stickerProgram->bind();
+    const std::vector<std::map<std::string, double>> faces = filter->faceParas();
+    const std::vector<std::vector<int32_t>> points = filter->facePoints();
+    const std::vector<cv::Rect> rects = filter->faceRects();
+    const std::vector<std::vector<float>> angles = filter->faceAngles();
+    QImage picture;
+    filter->stickerImage(picture);
+    int drawn = 0;
+    for (size_t i = 0; i < faces.size() && i < points.size() && i < rects.size(); ++i) {
+        std::map<std::string, double> map = faces[i];
+        filter->setUniforms(stickerProgram->shaderProgram(), map, frameWidth, frameHeight);
+        if (picture.isNull())
+            continue;
+        const std::vector<float> faceAngles = i < angles.size() ? angles[i] : std::vector<float>();
+        if (drawSticker(picture, filter->stickerInfo(), points[i], rects[i], faceAngles, premul || drawn > 0))
+            ++drawn;
+    }
+}
+
+bool OpenglChannelWorker::drawSticker(const QImage& picture, const StickerInfo& info,
+                                      const std::vector<int32_t>& keyPoints, const cv::Rect& rect,
+                                      const std::vector<float>& angles, bool premul)
+{
+    if (keyPoints.size() < static_cast<size_t>(kFacePointFloats)) {
+        qCWarning(lcGpu) << "[OpenglChannelWorker::drawSticker] a face with" << keyPoints.size() / 2
+                         << "key points instead of 98 gets no sticker";
+        return false;
+    }
+    // The picture so far into the other framebuffer.
+    QOpenGLFramebufferObject* target = otherFbo();
+    stickerProgram->bind();
+    target->bind();
+    stickerProgram->setUniformFloat("premulAlpha", premul ? 1.0f : 0.0f);
+    glActiveTexture(GL_TEXTURE0);
+    glBindTexture(GL_TEXTURE_2D, currentFbo()->texture());
+    stickerProgram->setUniformInt("stickerTexture", 0);
+    stickerProgram->resetMatrices();
+    stickerProgram->initVertices();
+    stickerProgram->drawStrip();
+    stickerProgram->setUniformFloat("premulAlpha", 0.0f);
+    glBindTexture(GL_TEXTURE_2D, 0);
+
+    // The sticker over it, blended.
+    uploadSticker(picture, true);
+    const bool placed = positionSticker(info, keyPoints, angles);
+    if (placed) {
+        stickerProgram->setUniformInt("stickerTexture", 1);
+        stickerProgram->drawStrip();
+    }
+    glActiveTexture(GL_TEXTURE1);
+    glBindTexture(GL_TEXTURE_2D, 0);
+    glActiveTexture(GL_TEXTURE0);
+    QOpenGLFramebufferObject::bindDefault();
+    pingPong = !pingPong;
+    // The next face, in this frame or the next, smooths its size against this one.
+    lastAngles = {angles};
+    lastRects = {rect};
+    lastPoints = {keyPoints};
+    return placed;
+}
+
+void OpenglChannelWorker::uploadSticker(const QImage& picture, bool hasAlpha)
+{
+    glActiveTexture(GL_TEXTURE1);
+    if (picture.width() != stickerTexWidth || picture.height() != stickerTexHeight) {
+        // Storage of another size would be read past the picture's end: a
+        // texture of the new size replaces the old one.
+        if (stickerTexture) {
+            stickerTexture->destroy();
+            delete stickerTexture;
+        }
+        stickerTexture = new QOpenGLTexture(picture, QOpenGLTexture::GenerateMipMaps);
+        stickerTexture->setWrapMode(QOpenGLTexture::ClampToEdge);
+        stickerTexture->setMinificationFilter(QOpenGLTexture::LinearMipMapNearest);
+        stickerTexture->setMagnificationFilter(QOpenGLTexture::Linear);
+        stickerTexWidth = picture.width();
+        stickerTexHeight = picture.height();
+    }
+    const QImage pixels = picture.format() == QImage::Format_RGBA8888 || !hasAlpha
+                              ? picture
+                              : picture.convertToFormat(QImage::Format_RGBA8888);
+    stickerTexture->setData(hasAlpha ? QOpenGLTexture::RGBA : QOpenGLTexture::RGB, QOpenGLTexture::UInt8,
+                            pixels.constBits());
+    stickerTexture->bind();
+}
+
+bool OpenglChannelWorker::positionSticker(const StickerInfo& info, const std::vector<int32_t>& p,
+                                          const std::vector<float>& angles)
+{
+    stickerProgram->resetMatrices();
+    if (p.size() < 195)
+        return false;
+    auto eyeDistance = [](const std::vector<int32_t>& q) {
+        return static_cast<float>(std::sqrt(std::pow(double(q[192] - q[194]), 2) + std::pow(0.0, 2)));
+    };
+    float e = eyeDistance(p);
+    if (!lastPoints.empty()) {
+        const std::vector<int32_t>& q = lastPoints.front();
+        if (q.size() < 195)
+            return false;
+        // A small change keeps the old size, a large one takes the new.
+        const float e1 = eyeDistance(q);
+        const float w = std::exp(-(e1 - e) * (e1 - e) / 50.0f);
+        e = e * (1.0f - w) + e1 * w;
+    }
+    const float a0 = angles.size() > 0 ? angles[0] : 0.0f;
+    const float a1 = angles.size() > 1 ? angles[1] : 0.0f;
+    const float a2 = angles.size() > 2 ? angles[2] : 0.0f;
+    float r0 = a0;
+    float r1 = a1;
+    float r2 = a2;
+    if (info.angle_limit == 1.0f && a0 < -2.0f && -10.0f < a2 && a2 < 10.0f) {
+        if (a1 > 20.0f) {
+            r1 = 20.0f;
+            r2 = a2 * 0.5f;
+        } else if (a1 < -20.0f) {
+            r1 = -20.0f;
+            r0 = a0 * 0.5f;
+        }
+    }
+    const float W = static_cast<float>(frameWidth);
+    const float H = static_cast<float>(frameHeight);
+    const float aspect = W / H;
+    QMatrix4x4 m;
+    m.rotate(r0, 1, 0, 0);
+    m.rotate(r1, 0, 1, 0);
+    m.rotate(r2, 0, 0, 1);
+    m.scale(1.0f, 1.0f / aspect);
+    const QVector2D c = m.map(QVector3D(frameWidth / 2, frameHeight / 2, 0)).toVector2D();
+    const QVector2D l = m.map(QVector3D(frameWidth / 4, frameHeight / 2, 0)).toVector2D();
+    const QVector2D g = m.map(QVector3D(3 * frameWidth / 4, frameHeight / 2, 0)).toVector2D();
+    const float ratio = e / c.length();
+    const size_t i = 2 * static_cast<size_t>(std::max(0, truncToInt(info.center_index)));
+    if (i + 1 >= p.size())
+        return false;
+    stickerProgram->translateModel(p[i] / (W / 2) - 1.0f - ratio * info.offset_x_scale_factor,
+                                   p[i + 1] / (H / 2) - 1.0f - ratio * info.offset_y_scale_factor, 0.0f);
+    stickerProgram->scaleModel(1.0, aspect);
+    // The constant 3.14 as the catalogue's placements were tuned with it.
+    const float k = std::fabs(std::cos(a2 * 3.14f / 180.0f));
+    const float ratio2 = e / (l - g).length();
+    stickerProgram->scaleModel(ratio2 * info.base_x_scale / k, ratio2 * info.base_y_scale / k);
+    stickerProgram->rotateModel(r0, 1, 0, 0);
+    stickerProgram->rotateModel(r1, 0, 1, 0);
+    stickerProgram->rotateModel(r2, 0, 0, 1);
+    if (info.sticker_scaled == 0.0f)
+        stickerProgram->scaleModel(1.0, aspect > 1.0f ? 1.0f / aspect : aspect);
+    stickerProgram->translateModel(W * info.sticker_anchor_x / (W / 2) - 1.0f,
+                                   (1.0f - info.sticker_anchor_y) * H / (H / 2) - 1.0f, 0.0f);
+    return true;
 }
 
 void OpenglChannelWorker::renderBasicImage(const FilterMap& filters, QImage& image, bool noRotation,

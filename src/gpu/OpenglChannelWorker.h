@@ -11,6 +11,7 @@
 
 #include <opencv2/core/types.hpp>
 
+#include "filters/StickerInfo.h"
 #include "gpu/OpenglWorkerBase.h"
 #include "lumen_fx/ImageFilterTypes.h"
 
@@ -80,6 +81,22 @@ public:
     void placeClip(float centerX, float centerY, float scale);
     // Remakes the clip framebuffers and their pack buffers at a new size.
     void rebuildClipFbos(int width, int height);
+
+    // --- the sticker pass ---
+    // Each face of the filter gets its sticker, drawn over the picture so far.
+    void drawStickers(BeautyFilterBase* filter, bool premul);
+    // One face: the picture so far copied to the other framebuffer, the
+    // sticker placed and blended over it. False where it can't be placed.
+    bool drawSticker(const QImage& picture, const StickerInfo& info, const std::vector<int32_t>& keyPoints,
+                     const cv::Rect& rect, const std::vector<float>& angles, bool premul);
+    // The sticker picture into its texture on unit 1, left bound there.
+    void uploadSticker(const QImage& picture, bool hasAlpha);
+    // The matrices of a sticker draw from the record, the face's 98 points and
+    // its angles (pitch, yaw, roll); the eye distance is smoothed against the
+    // face drawn before. False, with identity matrices, without 98 points.
+    bool positionSticker(const StickerInfo& info, const std::vector<int32_t>& keyPoints,
+                         const std::vector<float>& angles);
+    ShaderWorker* stickerShader() const { return stickerProgram; }
 
     // The programs, for checks.
     ShaderWorker* basicShader() const { return basicProgram; }

@@ -55,7 +55,7 @@ struct Case {
     std::function<void(_basic_image_param&)> set;
     QSize size;                                   // of the channel's output
     std::function<QPointF(int x, int y)> source;  // where output pixel (x, y) samples the picture
-    std::function<Colour(Colour)> colour;  // none: the picture's own
+    std::function<Colour(Colour)> colour = {};  // none: the picture's own
     float alpha = 1;
 };
 

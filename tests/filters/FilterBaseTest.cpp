@@ -209,7 +209,7 @@ TEST(FilterFactory, OneNewObjectOfTheRightClassPerFaceType)
     const std::pair<ImageFilterType, const char*> made[] = {
         {SLIMFACE, "OpenglSlimFaceFilter"}, {SMOOTH, "OpenglFaceAreaFilter"}, {REDLIPS, "OpenglFaceAreaFilter"},
         {WHITENING, "OpenglWhiteningFilter"}, {SMOOTHWHITENING, "OpenglSmoothAndWhiteningFilter"},
-        {BASICIMAGE, "OpenglBasicImageFilter"}};
+        {BASICIMAGE, "OpenglBasicImageFilter"}, {STICKER, "OpenglStickerFilter"}};
     for (const auto& [type, name] : made) {
         std::unique_ptr<BeautyFilterBase> f(createImageFilter(type));
         ASSERT_NE(f, nullptr) << name;
@@ -218,7 +218,7 @@ TEST(FilterFactory, OneNewObjectOfTheRightClassPerFaceType)
     std::unique_ptr<BeautyFilterBase> smooth(createImageFilter(SMOOTH)), lips(createImageFilter(REDLIPS));
     smooth->setParas({{smooth_strength, 30}});
     EXPECT_EQ(lips->paras().at(smooth_strength), 0) << "one object per type";
-    for (int t : {0, 5, 7, 8, 9, 10, 11, 12, 13, 15, -1})
+    for (int t : {0, 7, 8, 9, 10, 11, 12, 13, 15, -1})
         EXPECT_EQ(createImageFilter(static_cast<ImageFilterType>(t)), nullptr) << t;
 }
 
