@@ -1,8 +1,8 @@
 // Cost of one channel frame with face effects: runFilters on a 1280x720
 // picture with one large face, with all four face effects, each alone, and
-// with no filter; the picture pass with colour, corners, round camera and a
-// rotation in x and y; and the cost of the face detection that such a frame
-// pays.
+// with no filter; glasses on one face and on two; the picture pass with
+// colour, corners, round camera and a rotation in x and y; and the cost of
+// the face detection that such a frame pays.
 //
 // The frame is read back to system memory at the end, which waits for the GPU
 // work, so that the timing covers the drawing and not only its issue.
@@ -20,12 +20,19 @@
 
 namespace {
 
-QImage framePicture()
+// The portrait in a 1280x720 frame: one large face, or two faces apart
+// across and down (as the sticker filter takes a second face).
+QImage framePicture(bool twoFaces = false)
 {
     const QImage portrait = QImage(LUMEN_BENCH_PORTRAIT).convertToFormat(QImage::Format_RGBA8888);
     QImage frame(1280, 720, QImage::Format_RGBA8888);
     frame.fill(QColor(90, 100, 110));
     QPainter painter(&frame);
+    if (twoFaces) {
+        painter.drawImage(QRect(0, 0, 560, 560), portrait);
+        painter.drawImage(QRect(720, 160, 560, 560), portrait);
+        return frame;
+    }
     const QImage scaled = portrait.scaled(720, 720, Qt::KeepAspectRatio, Qt::SmoothTransformation);
     painter.drawImage((1280 - scaled.width()) / 2, 0, scaled);
     return frame;
@@ -41,6 +48,7 @@ public:
         onAddImageFilter(type, true);
         onSetFilterParameter(type, {{key, strength}});
     }
+    void setSticker(const std::string& path) { onUpdateBgImg(STICKER, path, false, false, false); }
     void frame(const QImage& picture)
     {
         QImage src = picture;
@@ -81,6 +89,20 @@ void BM_Smooth(benchmark::State& state) { runChannel(state, {"smooth"}); }
 void BM_RedLips(benchmark::State& state) { runChannel(state, {"redlips"}); }
 void BM_Whitening(benchmark::State& state) { runChannel(state, {"whitening"}); }
 void BM_SlimFace(benchmark::State& state) { runChannel(state, {"slimface"}); }
+
+// Glasses on each face.
+void runSticker(benchmark::State& state, bool twoFaces)
+{
+    const QImage picture = framePicture(twoFaces);
+    BenchChannel channel;
+    channel.add(STICKER, "sticker_type", 0);
+    channel.setSticker(std::string(LUMEN_STICKER_DIR) + "/glasses01.png");
+    channel.frame(picture);
+    for (auto _ : state)
+        channel.frame(picture);
+}
+void BM_StickerOneFace(benchmark::State& state) { runSticker(state, false); }
+void BM_StickerTwoFaces(benchmark::State& state) { runSticker(state, true); }
 
 // The picture pass alone, with the settings on top of the filter's defaults.
 void runPicture(benchmark::State& state, const std::map<std::string, double>& settings)
@@ -138,6 +160,8 @@ BENCHMARK(BM_Smooth)->Unit(benchmark::kMillisecond)->MinTime(1.0);
 BENCHMARK(BM_RedLips)->Unit(benchmark::kMillisecond)->MinTime(1.0);
 BENCHMARK(BM_Whitening)->Unit(benchmark::kMillisecond)->MinTime(1.0);
 BENCHMARK(BM_SlimFace)->Unit(benchmark::kMillisecond)->MinTime(1.0);
+BENCHMARK(BM_StickerOneFace)->Unit(benchmark::kMillisecond)->MinTime(1.0);
+BENCHMARK(BM_StickerTwoFaces)->Unit(benchmark::kMillisecond)->MinTime(1.0);
 BENCHMARK(BM_PictureColour)->Unit(benchmark::kMillisecond)->MinTime(1.0);
 BENCHMARK(BM_PictureCorners)->Unit(benchmark::kMillisecond)->MinTime(1.0);
 BENCHMARK(BM_PictureRoundCamera)->Unit(benchmark::kMillisecond)->MinTime(1.0);

@@ -31,6 +31,7 @@
 #include <QGuiApplication>
 #include <QImage>
 #include <QPainter>
+#include <QTemporaryDir>
 #include <QThread>
 
 #include <lumen_fx/OpenglImageManager.h>
@@ -92,6 +93,7 @@ struct Counters {
 struct Storm {
     OpenglImageManager* m = nullptr;
     std::vector<QImage> pictures;
+    std::vector<std::string> stickerFiles;  // ours, and bad ones: see makeStickerFiles
     std::mutex idsMutex;
     std::vector<std::pair<int, int>> channels;  // (scene, channel)
     std::vector<int> scenes;
@@ -157,6 +159,27 @@ struct Storm {
     }
 };
 
+// Sticker paths: our own pictures, a missing file, a file that is no
+// picture, 1x1 and 3000x3000 pictures, names that select nothing or are
+// shorter than four characters.
+std::vector<std::string> makeStickerFiles(const QString& scratch)
+{
+    std::vector<std::string> files;
+    for (const char* name : {"glasses01", "beret", "rabbit", "medal"})
+        files.push_back(std::string(LUMEN_STICKER_DIR) + "/" + name + ".png");
+    QImage tiny(1, 1, QImage::Format_ARGB32), huge(3000, 3000, QImage::Format_ARGB32);
+    tiny.fill(Qt::red), huge.fill(QColor(0, 0, 255, 128));
+    tiny.save(scratch + "/a_bear.png"), huge.save(scratch + "/big_cat.png");
+    QFile text(scratch + "/x_rabbit.png");
+    if (text.open(QIODevice::WriteOnly))
+        text.write("not a picture");
+    for (const char* name : {"/a_bear.png", "/big_cat.png", "/x_rabbit.png", "/missing_bear.png"})
+        files.push_back((scratch + name).toStdString());
+    for (const char* name : {"bear_1.png", "bear", "ab", "_", "/"})
+        files.emplace_back(name);
+    return files;
+}
+
 double hostileStrength(std::mt19937& rng)
 {
     const double values[] = {1e6,  -500, std::numeric_limits<double>::quiet_NaN(), std::numeric_limits<double>::infinity(),
@@ -190,7 +213,7 @@ void filterCall(Storm& s, std::mt19937& rng)
     basic.fileType = int(rng() % 3);
     if (rng() % 10 == 0)
         *reals[rng() % 13] = std::numeric_limits<double>::quiet_NaN();
-    std::string path = rng() % 2 ? std::string() : "/nonexistent/bear_" + std::to_string(rng() % 100) + ".png";
+    std::string path = rng() % 2 ? std::string() : s.stickerFiles[rng() % s.stickerFiles.size()];
     _hsv_background_param hsv{int(rng()), int(rng()), int(rng()), path};
     void* record = nullptr;
     switch (type) {
@@ -338,6 +361,8 @@ int main(int argc, char** argv)
     Storm s;
     s.m = OpenglImageManager::instance();
     s.pictures = makePictures();
+    QTemporaryDir scratch;
+    s.stickerFiles = makeStickerFiles(scratch.path());
 
     // The control scene: one plain channel, fed and merged by the GUI thread only.
     const int controlScene = s.m->genSceneFilters();

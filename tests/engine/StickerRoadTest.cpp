@@ -1,0 +1,157 @@
+// Stickers through the public interface: the portrait in 1280 x 720 frames,
+// a channel with our own sticker beside a plain control channel, and where
+// the merged pictures differ, against the face's points as the detector
+// library finds them in the same frame.
+#include <functional>
+
+#include <QPainter>
+#include <QThread>
+#include <gtest/gtest.h>
+#include <kvodnnl/kvodnnl.h>
+
+#include "TestUtil.h"
+#include "lumen_fx/OpenglImageManager.h"
+
+namespace {
+
+// The portrait in a grey frame, in each of `places` (720 high in the middle
+// by default), moved and turned by `at`.
+QImage frame(const QTransform& at = {}, const std::vector<QRect>& places = {{280, 0, 720, 720}})
+{
+    QImage f(1280, 720, QImage::Format_RGBA8888);
+    f.fill(QColor(90, 100, 110));
+    QPainter p(&f);
+    p.setRenderHint(QPainter::SmoothPixmapTransform);
+    p.setTransform(at);
+    for (const QRect& r : places)
+        p.drawImage(r, QImage(testutil::testDataPath("astronaut.png")));
+    return f;
+}
+
+struct Face {
+    QPointF leftEye, rightEye;
+    double browTop, eyes;  // the highest eyebrow point; the eye distance
+};
+
+// The faces of a frame as the detector library sees them.
+std::vector<Face> faces(const QImage& picture)
+{
+    static KVOAI::FaceDetector detector(KVOAI::DEFAULT, 1, 1);
+    const QImage rgb = picture.convertToFormat(QImage::Format_RGB888);
+    const cv::Mat mat(rgb.height(), rgb.width(), CV_8UC3, const_cast<uchar*>(rgb.constBits()), rgb.bytesPerLine());
+    std::vector<Face> out;
+    for (const auto& f : detector.Run(mat.clone(), true, false, 1, 1, 50.0f)) {
+        auto at = [&](int k) { return QPointF(f.points[2 * k], f.points[2 * k + 1]); };
+        double top = 1e9;
+        for (int k = 33; k <= 50; ++k)
+            top = std::min(top, at(k).y());
+        out.push_back({at(96), at(97), top, QLineF(at(96), at(97)).length()});
+    }
+    return out;
+}
+
+// Where a channel with the sticker differs from the plain one, in frame
+// pixels, once the sticker shows and holds `expected`.
+std::vector<QPoint> stickerPixels(const char* name, const QImage& picture,
+                                  const std::function<bool(const std::vector<QPoint>&)>& expected)
+{
+    OpenglImageManager* m = OpenglImageManager::instance();
+    const int scene = m->genSceneFilters(), withSticker = m->genChannelFilters(scene, true),
+              plain = m->genChannelFilters(scene, true);
+    std::string path = std::string(LUMEN_STICKER_DIR) + "/" + name + ".png";
+    m->addChannelImageFilter(scene, withSticker, STICKER, &path);
+    _channel_merge_param a, b;
+    a.channelId = withSticker, a.rect = QRect(0, 0, 960, 540);
+    b.channelId = plain, b.rect = QRect(960, 0, 960, 540);
+    std::vector<QPoint> changed;
+    testutil::waitFor([&] {
+        m->sendChannelFrame(scene, withSticker, picture, false, true, false);
+        m->sendChannelFrame(scene, plain, picture, false, true, false);
+        m->mergeImages(scene, {a, b}, 1920, 540, Qt::black, QImage(), QImage());
+        QThread::msleep(70);
+        QImage merged;
+        changed.clear();
+        if (!m->getMergeImg(scene, merged) || merged.size() != QSize(1920, 540))
+            return false;
+        for (int y = 0; y < 540; ++y)
+            for (int x = 0; x < 960; ++x) {
+                const QRgb p = merged.pixel(x, y), q = merged.pixel(x + 960, y);
+                if (std::abs(qRed(p) - qRed(q)) + std::abs(qGreen(p) - qGreen(q)) + std::abs(qBlue(p) - qBlue(q)) > 60)
+                    changed.emplace_back(x * 4 / 3, y * 4 / 3);
+            }
+        return changed.size() > 50 && expected(changed);
+    }, 20000);
+    return changed;
+}
+
+QPointF centroid(const std::vector<QPoint>& points)
+{
+    QPointF sum;
+    for (const QPoint& p : points)
+        sum += p;
+    return points.empty() ? sum : sum / points.size();
+}
+
+// The slope, in degrees, of the line through the centroids of the left and
+// the right half.
+double slope(const std::vector<QPoint>& points)
+{
+    const QPointF c = centroid(points);
+    std::vector<QPoint> left, right;
+    for (const QPoint& p : points)
+        (p.x() < c.x() ? left : right).push_back(p);
+    const QPointF l = centroid(left), r = centroid(right);
+    return std::atan2(r.y() - l.y(), r.x() - l.x()) * 180 / M_PI;
+}
+
+}  // namespace
+
+// Each sticker where its anchor puts it on the face of the frame as the
+// library finds it: still, moved by 120 pixels, turned by 20 degrees
+// clockwise (the right eye lower; the library also sees a face in the turned
+// mission patch, so only the largest face counts there), and on both of two
+// faces apart across and down (a later face inside the first one's span
+// either way gets none).
+TEST(StickerRoad, EachStickerWhereItsAnchorSaysAndFollowingTheFace)
+{
+    using Check = std::function<bool(const std::vector<QPoint>&, const Face&, QPointF eyes)>;
+    auto near = [](double reach) {
+        return [reach](const std::vector<QPoint>& all, const Face& f, QPointF eyes) {
+            return std::all_of(all.begin(), all.end(), [&](QPoint p) { return QLineF(eyes, p).length() < reach * f.eyes; });
+        };
+    };
+    auto above = [](const std::vector<QPoint>& all, const Face& f, QPointF) {
+        return std::all_of(all.begin(), all.end(), [&](QPoint p) { return p.y() < f.browTop; });
+    };
+    const struct { const char* sticker; QImage picture; Check check; } cases[] = {
+        {"glasses01", frame(), near(1.6)},
+        {"beret", frame(), above},   // above the eyebrows
+        {"rabbit", frame(), above},  // ears on the head
+        {"faceplates", frame(), [](auto& all, auto& f, QPointF eyes) {  // on the lower face
+             return std::all_of(all.begin(), all.end(), [&](QPoint p) { return p.y() > eyes.y() && std::abs(p.x() - eyes.x()) < 1.5 * f.eyes; });
+         }},
+        {"glasses01", frame(QTransform::fromTranslate(120, 0)), near(1.6)},
+        {"glasses01", frame(QTransform().translate(640, 360).rotate(20).translate(-640, -360)),
+         [&](auto& all, auto& f, QPointF eyes) {
+             std::vector<QPoint> onFace;
+             std::copy_if(all.begin(), all.end(), std::back_inserter(onFace), [&](QPoint p) { return QLineF(eyes, p).length() < 1.6 * f.eyes; });
+             return std::abs(slope(onFace) - 20) < 5;
+         }},
+        {"glasses01", frame({}, {{0, 0, 560, 560}, {720, 160, 560, 560}}), [](auto& all, auto&, QPointF) {
+             return std::any_of(all.begin(), all.end(), [](QPoint p) { return p.x() < 640; }) &&
+                    std::any_of(all.begin(), all.end(), [](QPoint p) { return p.x() >= 640; });
+         }},
+    };
+    for (const auto& c : cases) {
+        std::vector<Face> seen = faces(c.picture);
+        ASSERT_FALSE(seen.empty()) << c.sticker;
+        const Face f = *std::max_element(seen.begin(), seen.end(), [](auto& a, auto& b) { return a.eyes < b.eyes; });
+        const QPointF eyes = (f.leftEye + f.rightEye) / 2;
+        const std::vector<QPoint> changed =
+            stickerPixels(c.sticker, c.picture, [&](const std::vector<QPoint>& all) { return c.check(all, f, eyes); });
+        EXPECT_TRUE(c.check(changed, f, eyes)) << c.sticker << " on " << &c - cases;
+        if (seen.size() == 1) {
+            EXPECT_LT(std::abs(centroid(changed).x() - eyes.x()), 0.5 * f.eyes) << &c - cases;
+        }
+    }
+}
