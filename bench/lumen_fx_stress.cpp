@@ -160,8 +160,8 @@ struct Storm {
 };
 
 // Sticker paths: our own pictures, a missing file, a file that is no
-// picture, 1x1 and 3000x3000 pictures, names that select nothing or are
-// shorter than four characters.
+// picture, 1x1, 3000x3000 and 8000x2 pictures, names that select nothing or
+// are shorter than four characters.
 std::vector<std::string> makeStickerFiles(const QString& scratch)
 {
     std::vector<std::string> files;
@@ -170,10 +170,11 @@ std::vector<std::string> makeStickerFiles(const QString& scratch)
     QImage tiny(1, 1, QImage::Format_ARGB32), huge(3000, 3000, QImage::Format_ARGB32);
     tiny.fill(Qt::red), huge.fill(QColor(0, 0, 255, 128));
     tiny.save(scratch + "/a_bear.png"), huge.save(scratch + "/big_cat.png");
+    QImage(8000, 2, QImage::Format_ARGB32).save(scratch + "/wide_medal.png");
     QFile text(scratch + "/x_rabbit.png");
     if (text.open(QIODevice::WriteOnly))
         text.write("not a picture");
-    for (const char* name : {"/a_bear.png", "/big_cat.png", "/x_rabbit.png", "/missing_bear.png"})
+    for (const char* name : {"/a_bear.png", "/big_cat.png", "/wide_medal.png", "/x_rabbit.png", "/missing_bear.png"})
         files.push_back((scratch + name).toStdString());
     for (const char* name : {"bear_1.png", "bear", "ab", "_", "/"})
         files.emplace_back(name);

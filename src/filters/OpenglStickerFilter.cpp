@@ -1,6 +1,7 @@
 #include "filters/OpenglStickerFilter.h"
 
 #include <QDebug>
+#include <QImageReader>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QPainter>
@@ -10,6 +11,8 @@
 #include "lumen_fx/ImageFilterTypes.h"
 
 namespace {
+
+const int kLargestSticker = 4096;
 
 // 33 members; pig has no StickerType, and nine types (beard, crown,
 // fatherchristmas, glasses02, gauzemask, prince, sheep, spy, sun) have no
@@ -85,8 +88,17 @@ void OpenglStickerFilter::setFilePath(const std::string& path)
     if (!known || value == 0)
         return;
     delete stickerSource_;
+    // A picture is scaled to the frame anyway; one larger than any frame
+    // would only cost its memory three times over while it is converted.
+    const QSize size = QImageReader(QString::fromStdString(path)).size();
+    QImage loaded;
+    if (size.width() <= kLargestSticker && size.height() <= kLargestSticker)
+        loaded = QImage(QString::fromStdString(path));
+    else
+        qCWarning(lcFilters) << "[OpenglStickerFilter::setFilePath]" << path.c_str() << "is" << size.width() << "x"
+                             << size.height() << "; stickers are at most" << kLargestSticker << "a side";
     // Red and blue exchanged, as the sticker goes to the GPU.
-    stickerSource_ = new QImage(QImage(QString::fromStdString(path)).convertToFormat(QImage::Format_RGBA8888).rgbSwapped());
+    stickerSource_ = new QImage(loaded.convertToFormat(QImage::Format_RGBA8888).rgbSwapped());
     sourceChanged = true;
     if (stickerSource_->isNull())
         qCWarning(lcFilters) << "[OpenglStickerFilter::setFilePath] no picture in" << path.c_str()

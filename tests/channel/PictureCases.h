@@ -18,16 +18,18 @@ namespace picture {
 
 using reference::Colour;
 
-// 64 x 48, pixel (x, y) = (4x, 5y, 100): linear, so that linear sampling
-// anywhere inside gives the same formula.
-inline Colour gradient(QPointF p)
+// 64 x 48, pixel (x, y) = (4x, 5y, 100) with alpha 255 - x, or opaque:
+// linear, so that linear sampling anywhere inside gives the same formula.
+// (A scene channel without a pass of its own hands over its picture not
+// premultiplied, so the roads through a scene use the opaque one.)
+inline Colour gradient(QPointF p, bool alpha = true)
 {
     const float u = std::clamp(float(p.x()), 0.0f, 63.0f), v = std::clamp(float(p.y()), 0.0f, 47.0f);
-    return {4 * u / 255, 5 * v / 255, 100.0f / 255, 1};
+    return {4 * u / 255, 5 * v / 255, 100.0f / 255, alpha ? (255 - u) / 255 : 1};
 }
-inline QImage gradientPicture()
+inline QImage gradientPicture(bool alpha = true)
 {
-    return reference::picture(64, 48, [](int x, int y) { return QColor(4 * x, 5 * y, 100); });
+    return reference::picture(64, 48, [=](int x, int y) { return QColor(4 * x, 5 * y, 100, alpha ? 255 - x : 255); });
 }
 
 // A host's record: opacity 1 and the picture centred, the rest 0; then `set`.
@@ -71,15 +73,16 @@ inline const std::vector<Case>& cases()
         {"Colour", [](P& p) { p.brightness = 20, p.contrast = 30, p.saturation = -20; }, {64, 48}, same,
          [](Colour c) {
              auto f = [l = luminance(c)](float v) { return ((l + (v - l) * 0.6f) - 0.5f) * 1.3f + 0.5f + 0.1f; };
-             return Colour{f(c.r), f(c.g), f(c.b), 1};
+             return Colour{f(c.r), f(c.g), f(c.b), c.a};
          }},
         {"Brightness100", [](P& p) { p.brightness = 100; }, {64, 48}, same,
-         [](Colour c) { return Colour{c.r + 0.5f, c.g + 0.5f, c.b + 0.5f, 1}; }},
+         [](Colour c) { return Colour{c.r + 0.5f, c.g + 0.5f, c.b + 0.5f, c.a}; }},
         {"ContrastMinus100", [](P& p) { p.contrast = -100; }, {64, 48}, same,
-         [](Colour) { return Colour{0.5f, 0.5f, 0.5f, 1}; }},
+         [](Colour c) { return Colour{0.5f, 0.5f, 0.5f, c.a}; }},
         {"SaturationMinus50", [](P& p) { p.saturation = -50; }, {64, 48}, same,
-         [](Colour c) { return Colour{luminance(c), luminance(c), luminance(c), 1}; }},
-        // The opacity curve: exactly 0.9 at 0.9; 0.5 log10(100 / 6)^2 at 0.5.
+         [](Colour c) { return Colour{luminance(c), luminance(c), luminance(c), c.a}; }},
+        // The opacity curve, at most the picture's own: exactly 0.9 at 0.9;
+        // 0.5 log10(100 / 6)^2 at 0.5.
         {"Opacity09", [](P& p) { p.alpha = 0.9; }, {64, 48}, same, {}, 0.9f},
         {"Opacity05", [](P& p) { p.alpha = 0.5; }, {64, 48}, same, {}, 0.746457f},
         {"Opacity0", [](P& p) { p.alpha = 0; }, {64, 48}, [](int, int) { return kTransparent; }},
@@ -113,16 +116,16 @@ inline const std::vector<Case>& cases()
 
 // The output of a case as premultiplied RGBA8888 bytes; over `bg`, as a
 // merge shows it, when one is given.
-inline QImage expected(const Case& c, QColor bg = Qt::transparent)
+inline QImage expected(const Case& c, QColor bg = Qt::transparent, bool alpha = true)
 {
     QImage out(c.size, QImage::Format_RGBA8888);
     for (int y = 0; y < out.height(); ++y)
         for (int x = 0; x < out.width(); ++x) {
             const QPointF s = c.source(x, y);
-            Colour v = s == kTransparent || std::isnan(s.x()) ? Colour{0, 0, 0, 0} : gradient(s);
+            Colour v = s == kTransparent || std::isnan(s.x()) ? Colour{0, 0, 0, 0} : gradient(s, alpha);
             if (c.colour && v.a > 0)
                 v = c.colour(v);
-            v = reference::clamp(reference::premultiplied({v.r, v.g, v.b, v.a * c.alpha}));
+            v = reference::clamp(reference::premultiplied({v.r, v.g, v.b, std::min(v.a, c.alpha)}));
             const float under = 1 - v.a, bytes[4] = {v.r + float(bg.redF()) * under, v.g + float(bg.greenF()) * under,
                                                      v.b + float(bg.blueF()) * under, v.a + float(bg.alphaF()) * under};
             for (int i = 0; i < 4; ++i)

@@ -88,7 +88,10 @@ TEST(PicturePass, AMirroredTiltTurnsTheSameWayOnScreen)
     mirroredTilt.isMirrored = 1;
     const QImage a = plain.frame(picture::gradientPicture().mirrored(true, false), tilt);
     const QImage b = mirrored.frame(picture::gradientPicture(), mirroredTilt);
-    auto opaque = [&](int x, int y) { return qAlpha(a.pixel(x, y)) == 255; };
+    auto opaque = [&](int x, int y) {  // and so are its neighbours: away from the rim
+        return qAlpha(a.pixel(x, y)) > 150 && qAlpha(a.pixel(std::max(x - 1, 0), y)) > 150 &&
+               qAlpha(a.pixel(std::min(x + 1, 63), y)) > 150;
+    };
     EXPECT_FALSE(gltest::sameImage(a.mirrored(true, false), a, 8, "asymmetric", opaque));
     EXPECT_TRUE(gltest::sameImage(b, a, 8, "mirrored", opaque));
     // With a clip the tilt is a second pass, at the clip size.
@@ -131,7 +134,6 @@ TEST(PicturePass, BadSettingsWarnAtMostAndLeaveNoGlError)
         [](P& p) { p.isClip = 1; },  // no channel size: no box
         [](P& p) { p.isClip = 1, p.channelWidth = -5, p.channelHeight = 100; },
         [](P& p) { p.isRoundCamera = 1, p.scale = -25; },  // a scale of 0
-        [](P& p) { p.isRoundCamera = 1, p.scale = -24.999; },
         [](P& p) { p.scale = 1e300, p.cornerRadius = 2147483647, p.rotationX = 1e30, p.rotationZ = 1e9; },
         [](P& p) { p.rotationZ = 45, p.brightness = -1e308, p.alpha = 1e300, p.isMirrored = -7; },
         [](P& p) { p.isClip = 1, p.channelWidth = 1e300, p.channelHeight = 1e-300, p.centerXOffset = 1e30; },
@@ -142,14 +144,14 @@ TEST(PicturePass, BadSettingsWarnAtMostAndLeaveNoGlError)
             channel.frame(picture::gradientPicture(), picture::settings(set));
     // Once for each box, not for each frame; the rotation of one setting
     // meets the clip of the next in one frame.
-    EXPECT_EQ(log.count("[OpenglChannelWorker::drawClip]", QtWarningMsg), 6) << log.all();
+    EXPECT_EQ(log.count("[OpenglChannelWorker::drawClip]", QtWarningMsg), 5) << log.all();
     // Infinity and NaN never arrive.
     _basic_image_param nan = picture::settings([](auto& p) { p.rotationZ = std::nan(""); });
     channel.setFilterPara(BASICIMAGE, BASICIMAGEPARA, &nan);
     EXPECT_TRUE(log.contains("rotation_z of filter type 6 is not a finite number", QtWarningMsg)) << log.all();
     // Still a channel: the plain picture comes out, and GL has nothing to say.
-    const QImage input = picture::gradientPicture();
-    EXPECT_TRUE(gltest::sameImage(channel.frame(input, picture::settings()), input, 2, "after"));
+    EXPECT_TRUE(gltest::sameImage(channel.frame(picture::gradientPicture(), picture::settings()),
+                                  picture::expected(picture::cases().front()), 2, "after"));
     for (int frame = 0; frame < 2; ++frame)
         channel.frame(QImage(100000, 10, QImage::Format_RGBA8888), picture::settings());
     EXPECT_EQ(log.count("[OpenglWorkerBase::doPreWork] dropped a frame of 100000 x 10", QtWarningMsg), 1);

@@ -8,6 +8,7 @@
 #include <QThread>
 #include <gtest/gtest.h>
 #include <kvodnnl/kvodnnl.h>
+#include <opencv2/imgproc.hpp>
 
 #include "TestUtil.h"
 #include "lumen_fx/OpenglImageManager.h"
@@ -60,9 +61,7 @@ std::vector<QPoint> stickerPixels(const char* name, const QImage& picture,
               plain = m->genChannelFilters(scene, true);
     std::string path = std::string(LUMEN_STICKER_DIR) + "/" + name + ".png";
     m->addChannelImageFilter(scene, withSticker, STICKER, &path);
-    _channel_merge_param a, b;
-    a.channelId = withSticker, a.rect = QRect(0, 0, 960, 540);
-    b.channelId = plain, b.rect = QRect(960, 0, 960, 540);
+    _channel_merge_param a{withSticker, QRect(0, 0, 960, 540), 0, {}}, b{plain, QRect(960, 0, 960, 540), 0, {}};
     std::vector<QPoint> changed;
     testutil::waitFor([&] {
         m->sendChannelFrame(scene, withSticker, picture, false, true, false);
@@ -92,16 +91,15 @@ QPointF centroid(const std::vector<QPoint>& points)
     return points.empty() ? sum : sum / points.size();
 }
 
-// The slope, in degrees, of the line through the centroids of the left and
-// the right half.
+// The slope, in degrees, of the line that fits the points best.
 double slope(const std::vector<QPoint>& points)
 {
-    const QPointF c = centroid(points);
-    std::vector<QPoint> left, right;
+    std::vector<cv::Point2f> at;
     for (const QPoint& p : points)
-        (p.x() < c.x() ? left : right).push_back(p);
-    const QPointF l = centroid(left), r = centroid(right);
-    return std::atan2(r.y() - l.y(), r.x() - l.x()) * 180 / M_PI;
+        at.emplace_back(p.x(), p.y());
+    cv::Vec4f line;
+    cv::fitLine(at, line, cv::DIST_L2, 0, 0.01, 0.01);
+    return std::atan2(line[1], line[0]) * 180 / M_PI;
 }
 
 }  // namespace
@@ -127,9 +125,6 @@ TEST(StickerRoad, EachStickerWhereItsAnchorSaysAndFollowingTheFace)
         {"glasses01", frame(), near(1.6)},
         {"beret", frame(), above},   // above the eyebrows
         {"rabbit", frame(), above},  // ears on the head
-        {"faceplates", frame(), [](auto& all, auto& f, QPointF eyes) {  // on the lower face
-             return std::all_of(all.begin(), all.end(), [&](QPoint p) { return p.y() > eyes.y() && std::abs(p.x() - eyes.x()) < 1.5 * f.eyes; });
-         }},
         {"glasses01", frame(QTransform::fromTranslate(120, 0)), near(1.6)},
         {"glasses01", frame(QTransform().translate(640, 360).rotate(20).translate(-640, -360)),
          [&](auto& all, auto& f, QPointF eyes) {
@@ -150,8 +145,6 @@ TEST(StickerRoad, EachStickerWhereItsAnchorSaysAndFollowingTheFace)
         const std::vector<QPoint> changed =
             stickerPixels(c.sticker, c.picture, [&](const std::vector<QPoint>& all) { return c.check(all, f, eyes); });
         EXPECT_TRUE(c.check(changed, f, eyes)) << c.sticker << " on " << &c - cases;
-        if (seen.size() == 1) {
-            EXPECT_LT(std::abs(centroid(changed).x() - eyes.x()), 0.5 * f.eyes) << &c - cases;
-        }
+        EXPECT_TRUE(seen.size() > 1 || std::abs(centroid(changed).x() - eyes.x()) < 0.5 * f.eyes) << &c - cases;
     }
 }

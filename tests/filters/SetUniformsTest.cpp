@@ -7,7 +7,6 @@
 #include "LogCapture.h"
 #include "filters/OpenglFaceAreaFilter.h"
 #include "filters/OpenglSlimFaceFilter.h"
-#include "filters/OpenglSmoothAndWhiteningFilter.h"
 #include "filters/OpenglWhiteningFilter.h"
 #include "gpu/GlTestSupport.h"
 #include "lumen_fx/ImageFilterTypes.h"
@@ -44,7 +43,6 @@ TEST(FilterUniforms, EachFilterSetsItsUniforms)
     OpenglFaceAreaFilter area;
     OpenglWhiteningFilter whitening;
     OpenglSlimFaceFilter slim;
-    OpenglSmoothAndWhiteningFilter both;
     using Values = std::vector<std::pair<const char*, std::vector<float>>>;
     const std::vector<float> normalised = {0.1f, 0.25f, 0.3f, 0.5f};
     // Each call on a 1000 x 800 frame unless named; every uniform held -7
@@ -67,10 +65,6 @@ TEST(FilterUniforms, EachFilterSetsItsUniforms)
           {"slim_face_area", {100, 200, 300, 400}}}},
         {[&] { slim.setUniforms(&program, withArea("", 0), 640, 480); },
          {{"slimStrength", {-7}}, {"textureWidth", {640}}}},
-        // No pass draws this class yet.
-        {[&] { both.setUniforms(&program, withArea(smooth_whitening_strength, 35), 1000, 800); },
-         {{"smoothStrength", {0.35f}}, {"whitening", {0.35f}}, {"redden", {0}}, {"pinking", {0}},
-          {"smooth_face_area", normalised}, {"whitening_face_area", normalised}}},
     };
     for (size_t i = 0; i < std::size(cases); ++i) {
         for (const char* name : kFloats)

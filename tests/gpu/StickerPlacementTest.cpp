@@ -65,7 +65,6 @@ TEST(StickerPlacement, AnchorOnTheKeyPointWidthAlongTheTurn)
         {"unlimited", unlimited, {-5, 30, 8}, {}, {640, 300}, 80, {-5, 30, 8}},
         {"limited pitch", record("GLASSES01"), {-6, -25, 5}, {}, {640, 300}, 80, {-3, -20, 5}},
         // exp(-(e1 - e)^2 / 50) of the old size stays.
-        {"same size", record("GLASSES01"), {0, 0, 0}, 80, {640, 300}, 80, {0, 0, 0}},
         {"a little larger", record("GLASSES01"), {0, 0, 0}, 75, {640, 300}, 80 - 5 * std::exp(-0.5f), {0, 0, 0}},
         {"much larger", record("GLASSES01"), {0, 0, 0}, 50, {640, 300}, 80, {0, 0, 0}},
         // The offset kind: the top right corner, moved by e / |c| x the factors.

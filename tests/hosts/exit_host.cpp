@@ -1,6 +1,6 @@
 // A host that ends its process while the engine works: scenes merging, channels
-// filtering faces, one scene channel still waiting for its first merge, one
-// channel outside any merge. The last line on stdout before the exit is
+// with face effects, picture settings and a sticker, one scene channel still
+// waiting for its first merge, one channel outside any merge. The last line on stdout before the exit is
 // "exiting <steady clock in ns>", so that a caller can time the exit itself.
 //
 //   lumen_fx_exit_host return       the application goes away with main's scope
@@ -11,8 +11,8 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <memory>
+#include <string>
 #include <thread>
 
 #include <QCoreApplication>
@@ -32,27 +32,29 @@ long long steadyNs()
 }
 
 struct Engine {
-    int faceScene = -1;
-    int plainScene = -1;
+    int faceScene = -1, plainScene = -1;
     QList<int> faceChannels;
-    int plainChannel = -1;
-    int waitingChannel = -1;
-    int loneChannel = -1;
+    int plainChannel = -1, waitingChannel = -1, loneChannel = -1;
 };
 
+// Face channels with all four effects, the picture pass and a sticker.
 Engine build(OpenglImageManager* m)
 {
     Engine e;
     e.faceScene = m->genSceneFilters();
     e.plainScene = m->genSceneFilters();
+    _strength_param strength{80, true};
+    _slim_face_param slim{80};
+    _basic_image_param basic{};
+    basic.alpha = 1, basic.centerYOffset = 0.5, basic.isRoundCamera = 1;
+    std::string sticker = LUMEN_STICKER_DIR "/glasses01.png";
     for (int i = 0; i < 3; ++i) {
         const int c = m->genChannelFilters(e.faceScene, true);
-        _strength_param strength{80, true};
-        _slim_face_param slim{80};
-        m->addChannelImageFilter(e.faceScene, c, SMOOTH, &strength);
-        m->addChannelImageFilter(e.faceScene, c, REDLIPS, &strength);
-        m->addChannelImageFilter(e.faceScene, c, WHITENING, &strength);
+        for (ImageFilterType type : {SMOOTH, REDLIPS, WHITENING})
+            m->addChannelImageFilter(e.faceScene, c, type, &strength);
         m->addChannelImageFilter(e.faceScene, c, SLIMFACE, &slim);
+        m->addChannelImageFilter(e.faceScene, c, BASICIMAGE, &basic);
+        m->addChannelImageFilter(e.faceScene, c, STICKER, &sticker);
         e.faceChannels << c;
     }
     e.plainChannel = m->genChannelFilters(e.plainScene, true);
@@ -66,19 +68,13 @@ void feedOnce(OpenglImageManager* m, const Engine& e, const QImage& picture)
     QList<_channel_merge_param> faces;
     for (int i = 0; i < e.faceChannels.size(); ++i) {
         m->sendChannelFrame(e.faceScene, e.faceChannels[i], picture, false, true, false);
-        _channel_merge_param p;
-        p.channelId = e.faceChannels[i];
-        p.rect = QRect(i * 213, 0, 213, 240);
-        faces << p;
+        faces.push_back({e.faceChannels[i], QRect(i * 213, 0, 213, 240), 0, {}});
     }
     m->mergeImages(e.faceScene, faces, 640, 240, Qt::black, QImage(), QImage());
-    m->sendChannelFrame(e.plainScene, e.plainChannel, picture, false, true, false);
-    m->sendChannelFrame(e.plainScene, e.waitingChannel, picture, false, true, false);
-    m->sendChannelFrame(e.plainScene, e.loneChannel, picture, false, true, false);
-    _channel_merge_param plain;
-    plain.channelId = e.plainChannel;
-    plain.rect = QRect(0, 0, 320, 240);
-    m->mergeImages(e.plainScene, {plain}, 320, 240, Qt::black, QImage(), QImage());
+    for (int c : {e.plainChannel, e.waitingChannel, e.loneChannel})
+        m->sendChannelFrame(e.plainScene, c, picture, false, true, false);
+    m->mergeImages(e.plainScene, {{e.plainChannel, QRect(0, 0, 320, 240), 0, {}}}, 320, 240, Qt::black, QImage(),
+                   QImage());
     QImage merged;
     m->getMergeImg(e.faceScene, merged);
 }
@@ -93,10 +89,9 @@ void announceExit()
 
 int main(int argc, char** argv)
 {
-    const char* mode = argc > 1 ? argv[1] : "return";
-    if (std::strcmp(mode, "return") != 0 && std::strcmp(mode, "exit") != 0 && std::strcmp(mode, "delete-app") != 0
-        && std::strcmp(mode, "busy-exit") != 0) {
-        std::fprintf(stderr, "unknown mode '%s'\n", mode);
+    const std::string mode = argc > 1 ? argv[1] : "return";
+    if (mode != "return" && mode != "exit" && mode != "delete-app" && mode != "busy-exit") {
+        std::fprintf(stderr, "unknown mode '%s'\n", mode.c_str());
         return 2;
     }
     auto* app = new QGuiApplication(argc, argv);
@@ -122,18 +117,18 @@ int main(int argc, char** argv)
         QThread::msleep(5);
     }
 
-    if (std::strcmp(mode, "busy-exit") == 0) {
+    if (mode == "busy-exit") {
         feeder.detach();
         announceExit();
         std::exit(0);
     }
     feeding = false;
     feeder.join();
-    if (std::strcmp(mode, "exit") == 0) {
+    if (mode == "exit") {
         announceExit();
         std::exit(0);
     }
-    if (std::strcmp(mode, "delete-app") == 0) {
+    if (mode == "delete-app") {
         announceExit();
         delete app;
         // The engine has let go of everything; the process goes on without it.
