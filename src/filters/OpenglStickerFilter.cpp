@@ -142,8 +142,9 @@ void OpenglStickerFilter::updateFaceInfo(const FaceDetectResult& result, int wid
             if (!stickerSource_)
                 break;
             delete stickerImage_;
-            stickerImage_ = new QImage(
-                stickerSource_->scaled(width, height, Qt::IgnoreAspectRatio, Qt::SmoothTransformation));
+            stickerImage_ = new QImage(stickerSource_->isNull() ? QImage()
+                                                                : stickerSource_->scaled(width, height, Qt::IgnoreAspectRatio,
+                                                                                         Qt::SmoothTransformation));
             sourceChanged = false;
         }
     }
