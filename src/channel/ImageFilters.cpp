@@ -924,7 +924,7 @@ bool ImageFilters::runPicturePass(QImage& image, bool skipGeometry, bool hadEarl
         return false;
 
     const float offset = filter->centerYOffset();
-    const int rotation = static_cast<int>(filter->rotationZ());
+    const int rotation = truncToInt(filter->rotationZ());
     const int fileType = filter->fileType();
     float pageWidth = filter->firstPageWidth();
     float pageHeight = filter->firstPageHeight();
@@ -979,8 +979,15 @@ bool ImageFilters::runPicturePass(QImage& image, bool skipGeometry, bool hadEarl
 void ImageFilters::fitPage(QImage& image, int, int fileType, float pageWidth, float pageHeight)
 {
     if (fileType == 2 && pageWidth != 0.0f && pageHeight != 0.0f) {
-        const QImage page(static_cast<int>(pageWidth), static_cast<int>(pageHeight), QImage::Format_RGBA8888);
-        fitToWidth(image, page.width(), page.height());
+        // The page's own size, which a picture of that size would only carry.
+        const QSize page(truncToInt(pageWidth), truncToInt(pageHeight));
+        if (page.width() >= 1 && page.height() >= 1 && page.width() <= kPageLimit && page.height() <= kPageLimit) {
+            fitToWidth(image, page.width(), page.height());
+        } else if (page != refusedPage) {
+            qCWarning(lcChannel) << "[ImageFilters::fitPage] a page of" << page.width() << "x" << page.height()
+                                 << "is not fitted to; first_page_width and first_page_height go up to" << kPageLimit;
+        }
+        refusedPage = page;
     }
     if (image.width() <= kPageLimit && image.height() <= kPageLimit)
         return;

@@ -210,6 +210,7 @@ protected:
     int fpsDownCount = 0;
     double lastIsClip = 0.0;
     int clipTransition = 0;
+    QSize refusedPage;  // the page size of the last fit, so that a refused one is reported once
     bool skipOutputOnce = false;
     QImage spareImageA;
     QImage spareImageB;
