@@ -119,6 +119,8 @@ TEST(PicturePass, PageGateAndPages)
     EXPECT_EQ(tall.size(), QSize(85, 7680));
     QImage page(320, 120, QImage::Format_RGBA8888);
     page.fill(Qt::red);
+    channel.fitPage(page, 0, 2, 1e9f, 480);  // no such page: left as it is
+    EXPECT_EQ(page.size(), QSize(320, 120));
     channel.fitPage(page, 0, 2, 640, 480);
     const QColor bar(245, 246, 247);
     EXPECT_TRUE(page.size() == QSize(640, 480) && page.pixelColor(5, 119) == bar && page.pixelColor(5, 120) == Qt::red &&
