@@ -1,5 +1,6 @@
 #include "filters/BeautyFilterBase.h"
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 
@@ -209,14 +210,7 @@ void BeautyFilterBase::updateFaceInfo(const FaceDetectResult& result, int width,
         paras_[detect_face_area_width] = rect.width;
         paras_[detect_face_area_height] = rect.height;
 
-        if (rect.x < 0)
-            rect.x = 0;
-        if (rect.y < 0)
-            rect.y = 0;
-        if (rect.x + rect.width > width)
-            rect.width = width - rect.x;
-        if (rect.y + rect.height > height)
-            rect.height = height - rect.y;
+        rect = clampToFrame(rect, width, height);
         // Cannot be positive after the clamp; kept as a guard.
         const int overflow = rect.y + rect.height - height;
 
@@ -515,6 +509,17 @@ void handPictureToRenderer(QObject* renderer, uchar* data, int width, int height
     if (!taken)
         qCWarning(lcFilters).nospace() << "[" << who << "] renderer " << renderer->metaObject()->className()
                              << " takes no picture; nothing drawn";
+}
+
+cv::Rect clampToFrame(cv::Rect rect, int width, int height)
+{
+    rect.x = std::max(rect.x, 0);
+    rect.y = std::max(rect.y, 0);
+    if (rect.x + rect.width > width)
+        rect.width = width - rect.x;
+    if (rect.y + rect.height > height)
+        rect.height = height - rect.y;
+    return rect;
 }
 
 int32_t truncToInt(double value)

@@ -165,6 +165,10 @@ struct FaceAreaExpansion {
 };
 cv::Rect expandFaceAreaWith(const cv::Rect& rect, int width, int height, const FaceAreaExpansion& rule);
 
+// A face box moved and cut to lie within a frame of `width` x `height`
+// from its top left corner.
+cv::Rect clampToFrame(cv::Rect rect, int width, int height);
+
 // Truncation towards zero, saturated to the 32-bit range, NaN to 0: a host's
 // value of any size converts without undefined behaviour.
 int32_t truncToInt(double value);

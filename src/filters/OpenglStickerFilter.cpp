@@ -128,12 +128,7 @@ void OpenglStickerFilter::updateFaceInfo(const FaceDetectResult& result, int wid
         // A face touching the top or left edge gets no sticker.
         if (rect.y < 0.01f * H || rect.x < 0.01f * W || rect.x + rect.width > W || rect.y + rect.height > 1.1f * H)
             continue;
-        rect.x = std::max(rect.x, 0);
-        rect.y = std::max(rect.y, 0);
-        if (rect.x + rect.width > width)
-            rect.width = width - rect.x;
-        if (rect.y + rect.height > height)
-            rect.height = height - rect.y;
+        rect = clampToFrame(rect, width, height);
         faceParas_.push_back(paras_);
         facePoints_.push_back(i < result.keyPoints.size() ? result.keyPoints[i] : std::vector<int32_t>());
         faceAngles_.push_back(i < result.faceTriplets.size() ? result.faceTriplets[i] : std::vector<float>());

@@ -17,6 +17,16 @@ inline QOpenGLFramebufferObjectFormat frameFormat()
     return format;
 }
 
+// Clears a framebuffer, with the viewport set to `width` x `height`, and
+// binds the default one again.
+inline void clearFramebuffer(QOpenGLFunctions* f, QOpenGLFramebufferObject* target, int width, int height)
+{
+    target->bind();
+    f->glViewport(0, 0, width, height);
+    f->glClear(kClearColourAndDepth);
+    QOpenGLFramebufferObject::bindDefault();
+}
+
 // Unbinds, releases and deletes a framebuffer, if there is one.
 inline void dropFbo(QOpenGLFramebufferObject*& target)
 {

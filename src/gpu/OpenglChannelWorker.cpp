@@ -145,14 +145,9 @@ void OpenglChannelWorker::createFbos(int width, int height)
 
 void OpenglChannelWorker::clearFbos(int width, int height)
 {
-    for (QOpenGLFramebufferObject* target : {fbo, fboBack}) {
-        if (!target)
-            continue;
-        target->bind();
-        glViewport(0, 0, width, height);
-        glClear(gl::kClearColourAndDepth);
-        QOpenGLFramebufferObject::bindDefault();
-    }
+    for (QOpenGLFramebufferObject* target : {fbo, fboBack})
+        if (target)
+            gl::clearFramebuffer(this, target, width, height);
 }
 
 void OpenglChannelWorker::createTextures()
@@ -822,10 +817,7 @@ void OpenglChannelWorker::drawClip(BeautyFilterBase* filter, float rx, float ry,
 
     // First pass: the picture placed in the box. The viewport is the frame's
     // on purpose: the box is the lower left part of it.
-    clipFbo->bind();
-    glViewport(0, 0, frameWidth, frameHeight);
-    glClear(gl::kClearColourAndDepth);
-    QOpenGLFramebufferObject::bindDefault();
+    gl::clearFramebuffer(this, clipFbo, frameWidth, frameHeight);
     basicProgram->bind();
     clipFbo->bind();
     if (!isClipPerspect)
@@ -851,10 +843,7 @@ void OpenglChannelWorker::drawClip(BeautyFilterBase* filter, float rx, float ry,
         return;
 
     // Second pass: the box turned in perspective, with the soft rim.
-    clipRotateFbo->bind();
-    glViewport(0, 0, clipWidth, clipHeight);
-    glClear(gl::kClearColourAndDepth);
-    QOpenGLFramebufferObject::bindDefault();
+    gl::clearFramebuffer(this, clipRotateFbo, clipWidth, clipHeight);
     clipRotateFbo->bind();
     basicProgram->setUniformFloat("premulAlpha", 1.0f);
     basicProgram->bind();

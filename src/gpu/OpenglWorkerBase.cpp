@@ -424,12 +424,8 @@ void OpenglWorkerBase::createFbos(int width, int height)
 
 void OpenglWorkerBase::clearFbos(int width, int height)
 {
-    if (!fbo)
-        return;
-    fbo->bind();
-    glViewport(0, 0, width, height);
-    glClear(gl::kClearColourAndDepth);
-    QOpenGLFramebufferObject::bindDefault();
+    if (fbo)
+        gl::clearFramebuffer(this, fbo, width, height);
 }
 
 void OpenglWorkerBase::beforeRead(uchar*, int, int) {}
