@@ -1,7 +1,9 @@
-// Cost of one scene merge: four 1280x720 channel pictures (image-mode
-// buffers, as a scene without shared textures gets them) drawn into a
-// 1920x1080 frame, and the read-back of that frame as the scene does it.
+// Cost of one scene merge: four 1280x720 channel pictures drawn into a
+// 1920x1080 frame, from image-mode buffers (as a scene without shared
+// textures gets them) and from textures shared with four channel workers;
+// and the read-back of that frame as the scene does it.
 #include <algorithm>
+#include <cstdlib>
 #include <chrono>
 #include <memory>
 #include <vector>
@@ -13,6 +15,7 @@
 #include <QOpenGLFunctions>
 #include <QPainter>
 
+#include "gpu/OpenglChannelWorker.h"
 #include "merge/OpenglFileMerger.h"
 #include "scene/TextureBuffer.h"
 
@@ -66,6 +69,60 @@ struct Setup {
     QImage merged;
 };
 
+// The same four pictures through four channel workers whose results reach
+// the scene in shared textures, as a scene of scene channels runs.
+struct SharedSetup {
+    SharedSetup()
+    {
+        for (int i = 0; i < 4; ++i) {
+            buffers[i + 1] = std::make_shared<TextureBuffer>();
+            workers.push_back(std::make_unique<OpenglChannelWorker>(i + 1, kScene));
+            workers.back()->setTextureBuffer(buffers[i + 1].get());
+            _channel_merge_param param;
+            param.channelId = i + 1;
+            param.rect = QRect((i % 2) * 960, (i / 2) * 540, 960, 540);
+            params.append(param);
+        }
+        merger.setTextureBuffers(buffers);
+        for (int i = 0; i < 4; ++i) {
+            merge();  // the handshake: the next buffer gets the scene's context
+            QImage picture(1280, 720, QImage::Format_RGBA8888);
+            picture.fill(QColor::fromHsv(i * 80, 200, 220));
+            TextureBuffer* buffer = buffers[i + 1].get();
+            workers[i]->setShareContext(buffer->getShareContext(kScene));
+            workers[i]->passThrough(picture, false);
+            workers[i]->createSceneShareTexture(buffer);
+            buffer->setShareReady(kScene, true);
+            buffer->setImageMode(false);
+            workers[i]->passThrough(picture, false);
+        }
+    }
+    ~SharedSetup() { merger.setTextureBuffers({}); }
+
+    // Each channel hands its frame over, as it does once a frame.
+    void handOver()
+    {
+        for (size_t i = 0; i < workers.size(); ++i)
+            workers[i]->readFromGPU(buffers[static_cast<int>(i) + 1].get());
+    }
+    void merge() { merger.mergeImages(params, kWidth, kHeight, QColor(245, 246, 247), QImage()); }
+    void finish()
+    {
+        QOpenGLContext* context = merger.glContext();
+        if (context && context->makeCurrent(&merger)) {
+            context->functions()->glFinish();
+            context->doneCurrent();
+        }
+    }
+
+    std::vector<std::unique_ptr<OpenglChannelWorker>> workers;
+    OpenglFileMerger merger{kScene};
+    OpenglFileMerger::BufferMap buffers;
+    QList<_channel_merge_param> params;
+};
+
+std::unique_ptr<SharedSetup> sharedTextures;
+
 // Made on first use and dropped before the application goes.
 std::unique_ptr<Setup> sharedSetup;
 
@@ -98,6 +155,30 @@ void BM_Merge4x720pInto1080p(benchmark::State& state)
         s.merge();
         s.finish();
         state.SetIterationTime(seconds(start, std::chrono::steady_clock::now()));
+    }
+}
+
+// The merge alone from shared textures; the channels' hand-over before each
+// merge is not timed.
+void BM_Merge4x720pInto1080pShared(benchmark::State& state)
+{
+    if (!sharedTextures)
+        sharedTextures = std::make_unique<SharedSetup>();
+    SharedSetup& s = *sharedTextures;
+    for (auto _ : state) {
+        s.handOver();
+        const auto start = std::chrono::steady_clock::now();
+        s.merge();
+        s.finish();
+        state.SetIterationTime(seconds(start, std::chrono::steady_clock::now()));
+    }
+    // The channels' colours, not the background, stand in the middle of their cells.
+    QImage merged(kWidth, kHeight, QImage::Format_BGR888);
+    s.merger.readLastFboByAlpha(merged.bits(), kWidth, kHeight, false, true);
+    for (int i = 0; i < 4; ++i) {
+        const QColor c = merged.pixelColor((i % 2) * 960 + 480, (i / 2) * 540 + 270);
+        if (std::abs(c.hue() - QColor::fromHsv(i * 80, 200, 220).hue()) > 3)
+            state.SkipWithError("a channel's picture is missing from the merged frame");
     }
 }
 
@@ -146,6 +227,7 @@ void BM_MergeThenReadback(benchmark::State& state)
 }  // namespace
 
 BENCHMARK(BM_Merge4x720pInto1080p)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(20)->Repetitions(5);
+BENCHMARK(BM_Merge4x720pInto1080pShared)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(20)->Repetitions(5);
 BENCHMARK(BM_Readback1080p)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(20)->Repetitions(5);
 BENCHMARK(BM_MergeThenReadback)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(40);
 
@@ -160,5 +242,6 @@ int main(int argc, char** argv)
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
     sharedSetup.reset();
+    sharedTextures.reset();
     return 0;
 }

@@ -2,8 +2,10 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 
 #include <QDebug>
+#include <QLineF>
 #include <QMatrix4x4>
 #include <QVector2D>
 #include <QVector3D>
@@ -44,6 +46,8 @@ uchar* frameData(const QImage& image)
 {
     return const_cast<uchar*>(image.constBits());
 }
+
+bool allOpaque(const QImage& image);
 
 // Makes the program once, and gives it identity matrices and its quad.
 bool prepareProgram(ShaderWorker*& program, const ProgramFiles& files)
@@ -207,7 +211,7 @@ void OpenglChannelWorker::drawInput(QOpenGLFramebufferObject* target, const QIma
     if (fromShare)
         textureBuffer->bindWriteTexture(context);
     else
-        bindQtTexture(image);
+        bindQtTexture(image, false);  // drawn at its own size
     imageProgram->setUniformInt("inputImageTexture", 0);
     imageProgram->resetMatrices();
     imageProgram->initVertices();
@@ -290,6 +294,7 @@ void OpenglChannelWorker::renderFaceFilters(const FilterMap& filters, QImage& im
 {
     if (doPreWork(frameData(image), image.width(), image.height())) {
         applyFaceFilters(filters, image, useShareTexture, firstFaceOnly);
+        faceOutputOpaque = !useShareTexture && allOpaque(image);
         outputStep(image, toImage);
     }
     doneCurrent();
@@ -303,7 +308,7 @@ BeautyFilterBase* findFilter(const OpenglChannelWorker::FilterMap& filters, Imag
     return it == filters.end() ? nullptr : it->second;
 }
 
-double valueOr0(const std::map<std::string, double>& map, const char* key)
+double valueOr0(const std::map<std::string, double>& map, const std::string& key)
 {
     auto it = map.find(key);
     return it == map.end() ? 0.0 : it->second;
@@ -313,7 +318,165 @@ double valueOr0(const std::map<std::string, double>& map, const char* key)
 const int kFacePointFloats = 196;
 const int kContourFloats = 66;
 
+// The frame pixels between edges given in doubles, cut to the frame; edges
+// that aren't numbers give the whole frame.
+QRect frameRegion(double left, double top, double right, double bottom, int width, int height)
+{
+    if (!std::isfinite(left) || !std::isfinite(top) || !std::isfinite(right) || !std::isfinite(bottom))
+        return QRect(0, 0, width, height);
+    auto cut = [](double v, int limit) { return static_cast<int>(std::max(0.0, std::min<double>(limit, v))); };
+    const int x0 = cut(std::floor(left), width), x1 = cut(std::ceil(right), width);
+    const int y0 = cut(std::floor(top), height), y1 = cut(std::ceil(bottom), height);
+    return QRect(x0, y0, x1 - x0, y1 - y0);
+}
+
+// Where smoothing can change a pixel: its Gaussian weight over the face area
+// is cut to 0 below exp(-4), that is outside the ellipse of half axes
+// 0.4 * sqrt(8) of the area's size round its centre. The ellipse is covered
+// by bands of rows, each as wide as the ellipse in it, rounded outwards.
+std::vector<QRect> smoothRegion(const std::map<std::string, double>& face, int width, int height)
+{
+    const double x = valueOr0(face, face_area_x), y = valueOr0(face, face_area_y);
+    const double w = valueOr0(face, face_area_width), h = valueOr0(face, face_area_height);
+    if (!(w > 0) || !(h > 0) || !std::isfinite(x + y + w + h))
+        return {QRect(0, 0, width, height)};
+    const double reach = 0.4 * std::sqrt(8.0);
+    const double cx = x + w / 2, cy = y + h / 2, a = reach * w + 2, b = reach * h + 2;
+    const int kBands = 16;
+    std::vector<QRect> bands;
+    for (int i = 0; i < kBands; ++i) {
+        const double top = cy - b + 2 * b * i / kBands, bottom = cy - b + 2 * b * (i + 1) / kBands;
+        const double nearest = std::max(top, std::min(bottom, cy));
+        const double half = a * std::sqrt(std::max(0.0, 1.0 - (nearest - cy) * (nearest - cy) / (b * b))) + 2;
+        const QRect band = frameRegion(cx - half, top - 1, cx + half, bottom + 1, width, height);
+        if (!band.isEmpty())
+            bands.push_back(band);
+    }
+    return bands;
+}
+
+// How far from a pixel the smoothing shader reads: 20 / 640 of the width
+// across, 20 / 1136 of the height down, and one more texel for the filtering.
+int smoothMargin(int width, int height)
+{
+    return static_cast<int>(std::ceil(std::max(width * 20.0 / 640.0, height * 20.0 / 1136.0))) + 2;
+}
+
+// The contour points that the jaw warp pulls and the point each one is
+// pulled towards, as in the shader: 5 to 27 without the chin's 16.
+int slimTarget(int k)
+{
+    return (k <= 8 || k >= 24) ? 53 : 90;
+}
+
+// Where the jaw warp can move a pixel. Each of its pulls reaches one eye
+// distance round its contour point and moves what it reaches by at most its
+// own length, so a pixel further than the eye distance plus all the lengths
+// from every pulled point never moves, and a moved one reads at most that sum
+// (`reads`) away. The points are relative to the face area's corner.
+QRect slimRegion(const std::map<std::string, double>& face, const std::vector<int32_t>& points, int width,
+                 int height, int& reads)
+{
+    auto at = [&](int k) { return QPointF(points[2 * k], points[2 * k + 1]); };
+    // Every pull at the larger of the shader's two scales.
+    const double scale = std::fabs(valueOr0(face, slim_face_strength) / 100.0 * 0.012 * 2.0);
+    double lengths = 0;
+    double left = at(5).x(), right = left, top = at(5).y(), bottom = top;
+    for (int k = 5; k <= 27; ++k) {
+        if (k == 16)
+            continue;
+        lengths += QLineF(at(k), at(slimTarget(k))).length() * scale;
+        left = std::min(left, at(k).x()), right = std::max(right, at(k).x());
+        top = std::min(top, at(k).y()), bottom = std::max(bottom, at(k).y());
+    }
+    const double radius = QLineF(at(96), at(97)).length();
+    const double grow = radius + lengths + 2;
+    const double ox = valueOr0(face, face_area_x) - grow, oy = valueOr0(face, face_area_y) - grow;
+    reads = std::isfinite(lengths) ? static_cast<int>(std::min<double>(std::ceil(lengths), width + height)) + 2
+                                   : width + height;
+    return frameRegion(ox + left, oy + top, ox + right + 2 * grow, oy + bottom + 2 * grow, width, height);
+}
+
+// The frame pixels that a mesh of x, y, z, s, t vertices reads, with a texel
+// round them for the filtering.
+QRect meshArea(const std::vector<float>& vertices, int width, int height)
+{
+    if (vertices.size() < 5)
+        return QRect();
+    double left = width, top = height, right = 0, bottom = 0;
+    for (size_t i = 0; i + 4 < vertices.size(); i += 5) {
+        left = std::min<double>(left, vertices[i + 3] * width);
+        right = std::max<double>(right, vertices[i + 3] * width);
+        top = std::min<double>(top, vertices[i + 4] * height);
+        bottom = std::max<double>(bottom, vertices[i + 4] * height);
+    }
+    return frameRegion(left - 2, top - 2, right + 2, bottom + 2, width, height);
+}
+
+// Whether every pixel of the picture is opaque. 32-bit pixels with alpha in
+// the top byte of their word, as the engine hands them in, are looked at;
+// pictures of other kinds with an alpha channel count as not opaque.
+bool allOpaque(const QImage& image)
+{
+    if (!image.hasAlphaChannel())
+        return true;
+    const QImage::Format f = image.format();
+    const bool rgbaBytes = f == QImage::Format_RGBA8888 || f == QImage::Format_RGBA8888_Premultiplied;
+    const bool argbWords = f == QImage::Format_ARGB32 || f == QImage::Format_ARGB32_Premultiplied;
+    if (!(argbWords || (rgbaBytes && Q_BYTE_ORDER == Q_LITTLE_ENDIAN)))
+        return false;
+    for (int y = 0; y < image.height(); ++y) {
+        const uchar* row = image.constScanLine(y);
+        quint32 all = 0xFFFFFFFFu;
+        for (int x = 0; x < image.width(); ++x) {
+            quint32 pixel;
+            std::memcpy(&pixel, row + 4 * x, 4);
+            all &= pixel;
+        }
+        if ((all >> 24) != 0xFFu)
+            return false;
+    }
+    return true;
+}
+
 }  // namespace
+
+bool OpenglChannelWorker::inPlaceFrame(const QImage& image, bool useShareTexture) const
+{
+    return regionPasses && !useShareTexture && allOpaque(image);
+}
+
+void OpenglChannelWorker::copyArea(const QRect& area)
+{
+    if (area.isEmpty())
+        return;
+    currentFbo()->bind();
+    glActiveTexture(GL_TEXTURE0);
+    glBindTexture(GL_TEXTURE_2D, otherFbo()->texture());
+    glCopyTexSubImage2D(GL_TEXTURE_2D, 0, area.x(), area.y(), area.x(), area.y(), area.width(), area.height());
+    glBindTexture(GL_TEXTURE_2D, 0);
+    QOpenGLFramebufferObject::bindDefault();
+}
+
+void OpenglChannelWorker::drawInPlace(ShaderWorker* program, const std::vector<QRect>& region, int margin)
+{
+    const QRect frame(0, 0, frameWidth, frameHeight);
+    QRect bounds;
+    for (const QRect& part : region)
+        bounds |= part & frame;
+    if (bounds.isEmpty())
+        return;
+    copyArea(bounds.adjusted(-margin, -margin, margin, margin) & frame);
+    glEnable(GL_SCISSOR_TEST);
+    for (const QRect& part : region) {
+        const QRect area = part & frame;
+        if (area.isEmpty())
+            continue;
+        glScissor(area.x(), area.y(), area.width(), area.height());
+        drawTexture(currentFbo(), otherFbo()->texture(), program, false);
+    }
+    glDisable(GL_SCISSOR_TEST);
+}
 
 void OpenglChannelWorker::copyPassAndFlip()
 {
@@ -326,20 +489,24 @@ void OpenglChannelWorker::applyFaceFilters(const FilterMap& filters, const QImag
 {
     drawInput(fbo, image, useShareTexture, filters.empty());
     pingPong = false;
+    inPlace = false;
     if (filters.empty() || !fbo || !fboBack)
         return;
+    inPlace = inPlaceFrame(image, useShareTexture);
 
     // Looked up by key, in this order whatever the map's order.
     if (BeautyFilterBase* slim = findFilter(filters, SLIMFACE)) {
         if (!slim->faceParas().empty()) {
             drawSlimFace(slim, firstFaceOnly, false);
-            copyPassAndFlip();
+            if (!inPlace)
+                copyPassAndFlip();
         }
     }
     if (BeautyFilterBase* lips = findFilter(filters, REDLIPS)) {
         if (!lips->faceParas().empty()) {
             drawFaceArea(lips, false);
-            copyPassAndFlip();
+            if (!inPlace)
+                copyPassAndFlip();
         }
     }
     BeautyFilterBase* smooth = findFilter(filters, SMOOTH);
@@ -347,11 +514,22 @@ void OpenglChannelWorker::applyFaceFilters(const FilterMap& filters, const QImag
         drawSmooth(smooth, false);
     if (BeautyFilterBase* whitening = findFilter(filters, WHITENING))
         drawWhitening(whitening, smooth != nullptr);
+    settleResult();
+}
 
-    if (pingPong) {
-        imageProgram->bind();
-        settleInFbo();
+void OpenglChannelWorker::settleResult()
+{
+    if (!pingPong)
+        return;
+    if (inPlace) {
+        // Opaque: the copy back would change nothing, the two framebuffers
+        // swap their parts instead.
+        std::swap(fbo, fboBack);
+        pingPong = false;
+        return;
     }
+    imageProgram->bind();
+    settleInFbo();
 }
 
 void OpenglChannelWorker::drawSmooth(BeautyFilterBase* filter, bool premul)
@@ -366,6 +544,11 @@ void OpenglChannelWorker::drawSmooth(BeautyFilterBase* filter, bool premul)
         std::map<std::string, double> map = faces[i];
         smoothProgram->bind();
         filter->setUniforms(smoothProgram->shaderProgram(), map, frameWidth, frameHeight);
+        if (inPlace) {
+            drawInPlace(smoothProgram, smoothRegion(map, frameWidth, frameHeight),
+                        smoothMargin(frameWidth, frameHeight));
+            continue;
+        }
         drawTexture(otherFbo(), currentFbo()->texture(), smoothProgram, facePremul);
         pingPong = !pingPong;
     }
@@ -388,8 +571,14 @@ void OpenglChannelWorker::drawSlimFace(BeautyFilterBase* filter, bool firstFaceO
             const int location = slimFaceProgram->shaderProgram()->uniformLocation("keyPoints");
             if (location >= 0)
                 glUniform1fv(location, kFacePointFloats, keyPoints.data());
-            drawTexture(otherFbo(), currentFbo()->texture(), slimFaceProgram, premul);
-            pingPong = !pingPong;
+            if (inPlace) {
+                int reads = 0;
+                const QRect region = slimRegion(faces[i], points[i], frameWidth, frameHeight, reads);
+                drawInPlace(slimFaceProgram, {region}, reads);
+            } else {
+                drawTexture(otherFbo(), currentFbo()->texture(), slimFaceProgram, premul);
+                pingPong = !pingPong;
+            }
         }
         if (firstFaceOnly)
             break;
@@ -416,25 +605,34 @@ void OpenglChannelWorker::drawFaceArea(BeautyFilterBase* filter, bool premul)
             continue;
         const bool facePremul = premul || drawn > 0;
         // The mesh covers the lips only: the target first takes a plain copy
-        // of the picture so far, then the lips are drawn over it.
-        drawTexture(otherFbo(), currentFbo()->texture(), imageProgram, false);
+        // of the picture so far, then the lips are drawn over it. In place,
+        // only what the mesh reads is copied, and the lips are drawn from
+        // that copy back into the picture.
+        if (!inPlace)
+            drawTexture(otherFbo(), currentFbo()->texture(), imageProgram, false);
         redLipsProgram->bind();
         redLipsProgram->setUniformFloat("filterType", 2.0f);
         filter->setUniforms(redLipsProgram->shaderProgram(), faces[i], frameWidth, frameHeight);
-        otherFbo()->bind();
-        redLipsProgram->setUniformFloat("premulAlpha", facePremul ? 1.0f : 0.0f);
-        glActiveTexture(GL_TEXTURE0);
-        glBindTexture(GL_TEXTURE_2D, currentFbo()->texture());
-        redLipsProgram->setUniformInt("inputImageTexture", 0);
         redLipsProgram->resetMatrices();
         redLipsProgram->buildLipsMesh(std::vector<int>(mouths[i].begin(), mouths[i].end()), faces[i], frameWidth,
                                       frameHeight);
+        if (inPlace)
+            copyArea(meshArea(redLipsProgram->lipsVertices(), frameWidth, frameHeight));
+        QOpenGLFramebufferObject* target = inPlace ? currentFbo() : otherFbo();
+        const GLuint source = inPlace ? otherFbo()->texture() : currentFbo()->texture();
+        redLipsProgram->bind();
+        target->bind();
+        redLipsProgram->setUniformFloat("premulAlpha", facePremul ? 1.0f : 0.0f);
+        glActiveTexture(GL_TEXTURE0);
+        glBindTexture(GL_TEXTURE_2D, source);
+        redLipsProgram->setUniformInt("inputImageTexture", 0);
         redLipsProgram->drawTriangles();
         glActiveTexture(GL_TEXTURE0);
         glBindTexture(GL_TEXTURE_2D, 0);
         redLipsProgram->setUniformFloat("premulAlpha", 0.0f);
         QOpenGLFramebufferObject::bindDefault();
-        pingPong = !pingPong;
+        if (!inPlace)
+            pingPong = !pingPong;
         ++drawn;
     }
     // The quad again for the later passes of this program.
@@ -473,12 +671,12 @@ void OpenglChannelWorker::renderSticker(const FilterMap& filters, QImage& image,
     if (doPreWork(frameData(image), image.width(), image.height())) {
         drawInput(fbo, image, useShareTexture, filters.empty());
         pingPong = false;
+        // From the share texture the picture is this frame's face pass's
+        // output, opaque where that pass's picture was.
+        inPlace = regionPasses && (useShareTexture ? faceOutputOpaque : allOpaque(image));
         if (BeautyFilterBase* sticker = findFilter(filters, STICKER))
             drawStickers(sticker, false);
-        if (pingPong) {
-            imageProgram->bind();
-            settleInFbo();
-        }
+        settleResult();
         outputStep(image, toImage);
     }
     doneCurrent();
@@ -516,19 +714,22 @@ bool OpenglChannelWorker::drawSticker(const QImage& picture, const StickerInfo& 
                          << "key points instead of 98 gets no sticker";
         return false;
     }
-    // The picture so far into the other framebuffer.
-    QOpenGLFramebufferObject* target = otherFbo();
+    // The picture so far into the other framebuffer. Opaque, that copy is
+    // the picture itself, and the sticker goes straight onto it.
+    QOpenGLFramebufferObject* target = inPlace ? currentFbo() : otherFbo();
     stickerProgram->bind();
     target->bind();
-    stickerProgram->setUniformFloat("premulAlpha", premul ? 1.0f : 0.0f);
-    glActiveTexture(GL_TEXTURE0);
-    glBindTexture(GL_TEXTURE_2D, currentFbo()->texture());
-    stickerProgram->setUniformInt("stickerTexture", 0);
-    stickerProgram->resetMatrices();
     stickerProgram->initVertices();
-    stickerProgram->drawStrip();
-    stickerProgram->setUniformFloat("premulAlpha", 0.0f);
-    glBindTexture(GL_TEXTURE_2D, 0);
+    if (!inPlace) {
+        stickerProgram->setUniformFloat("premulAlpha", premul ? 1.0f : 0.0f);
+        glActiveTexture(GL_TEXTURE0);
+        glBindTexture(GL_TEXTURE_2D, currentFbo()->texture());
+        stickerProgram->setUniformInt("stickerTexture", 0);
+        stickerProgram->resetMatrices();
+        stickerProgram->drawStrip();
+        stickerProgram->setUniformFloat("premulAlpha", 0.0f);
+        glBindTexture(GL_TEXTURE_2D, 0);
+    }
 
     // The sticker over it, blended.
     uploadSticker(picture, true);
@@ -541,7 +742,8 @@ bool OpenglChannelWorker::drawSticker(const QImage& picture, const StickerInfo& 
     glBindTexture(GL_TEXTURE_2D, 0);
     glActiveTexture(GL_TEXTURE0);
     QOpenGLFramebufferObject::bindDefault();
-    pingPong = !pingPong;
+    if (!inPlace)
+        pingPong = !pingPong;
     // The next face, in this frame or the next, smooths its size against this one.
     lastAngles = {angles};
     lastRects = {rect};

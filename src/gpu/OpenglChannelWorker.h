@@ -67,6 +67,16 @@ public:
     void drawSlimFace(BeautyFilterBase* filter, bool firstFaceOnly, bool premul);
     void drawFaceArea(BeautyFilterBase* filter, bool premul);
     void drawWhitening(BeautyFilterBase* filter, bool premul);
+    // On an opaque picture (the default) the face passes and the sticker work
+    // only where they can change a pixel, in place; off, every pass draws the
+    // whole frame. Both give the same picture.
+    void setRegionPasses(bool on) { regionPasses = on; }
+    // Whether the frame's passes may work in place: region passes are on and
+    // the picture comes from `image`, whose every pixel is opaque. With alpha
+    // 1 the premultiplying copies of the chain change nothing, so they are
+    // left out and each pass touches only its region.
+    bool inPlaceFrame(const QImage& image, bool useShareTexture) const;
+    bool lastFrameInPlace() const { return inPlace; }
 
     // --- geometry of the picture pass ---
     // Colour, scale, mirror and perspective of the picture into fbo, then the
@@ -109,10 +119,20 @@ protected:
     QOpenGLFramebufferObject* otherFbo() const { return pingPong ? fbo : fboBack; }
     // Brings the result back into fbo after an odd number of passes.
     void settleInFbo();
+    // The same at the end of a chain: in place, by swapping the two.
+    void settleResult();
     // The output step of the face and sticker renders.
     void outputStep(QImage& image, bool toImage);
     // The copy pass of the chain: current into the other framebuffer, flip.
     void copyPassAndFlip();
+    // One pass of `program` over `region` (rectangles of frame pixels) of the
+    // current framebuffer: the region grown by `margin` (what the shader may
+    // read around a pixel) is copied into the other framebuffer, and the pass
+    // draws from there back, clipped to each rectangle. The rest of the
+    // picture stays as it is.
+    void drawInPlace(ShaderWorker* program, const std::vector<QRect>& region, int margin);
+    // Copies `area` of the current framebuffer into the other one.
+    void copyArea(const QRect& area);
     void deletePrograms();
     void deleteOwnGlObjects() override;
 
@@ -138,4 +158,9 @@ protected:
     int stickerTexHeight = 0;
     // The last clip size refused, so that a bad size is reported once.
     QSize refusedClip;
+    bool regionPasses = true;
+    // Set per frame: the passes of this frame work in place.
+    bool inPlace = false;
+    // The last face pass's picture was opaque.
+    bool faceOutputOpaque = false;
 };

@@ -522,7 +522,7 @@ void OpenglWorkerBase::uploadTextureByPbo(int unit, const QImage& image)
     uploadIndex = !uploadIndex;
 }
 
-void OpenglWorkerBase::bindQtTexture(const QImage& image)
+void OpenglWorkerBase::bindQtTexture(const QImage& image, bool mipmaps)
 {
     glActiveTexture(GL_TEXTURE0);
     if (inputTexture && image.width() == inputTexWidth && image.height() == inputTexHeight
@@ -532,6 +532,8 @@ void OpenglWorkerBase::bindQtTexture(const QImage& image)
                 const QOpenGLTexture::PixelFormat format =
                     image.hasAlphaChannel() ? QOpenGLTexture::RGBA : QOpenGLTexture::RGB;
                 inputTexture->setData(0, 0, format, QOpenGLTexture::UInt8, image.constBits(), nullptr);
+                if (mipmaps)
+                    inputTexture->generateMipMaps();
             } catch (const std::exception& e) {
                 qCInfo(lcGpu) << "[OpenglWorkerBase::bindQtTexture]Exception caught while setting texture data: "
                         << e.what();
@@ -544,6 +546,9 @@ void OpenglWorkerBase::bindQtTexture(const QImage& image)
             inputTexture = nullptr;
         }
         inputTexture = new QOpenGLTexture(image, QOpenGLTexture::GenerateMipMaps);
+        // Later pictures make their smaller levels only for the passes that
+        // can shrink them: a pass at the frame's own size reads level 0.
+        inputTexture->setAutoMipMapGenerationEnabled(false);
         inputTexture->setWrapMode(QOpenGLTexture::DirectionS, QOpenGLTexture::ClampToEdge);
         inputTexture->setWrapMode(QOpenGLTexture::DirectionT, QOpenGLTexture::ClampToEdge);
         inputTexture->setMinificationFilter(QOpenGLTexture::LinearMipMapNearest);

@@ -92,7 +92,9 @@ public:
     virtual void readFboToBuffer(QOpenGLFramebufferObject* source, uchar* dst, int width, int height, bool hasAlpha);
     virtual void uploadTexture(uchar* data, bool hasAlpha);
     virtual void uploadTextureByPbo(int unit, const QImage& image);
-    virtual void bindQtTexture(const QImage& image);
+    // The picture into the input texture on unit 0, left bound there; with
+    // `mipmaps` its smaller levels are made again from it.
+    virtual void bindQtTexture(const QImage& image, bool mipmaps = true);
     virtual GLuint createMipmapTexture(const QImage& image);
     virtual void resize(int width, int height);
     virtual void createTextures();

@@ -36,6 +36,15 @@ void remakeFbo(QOpenGLFramebufferObject*& target, int width, int height)
     target = new QOpenGLFramebufferObject(width, height, mergeFormat());
 }
 
+// Whether a picture drawn at `scale` of its size reads its smaller levels.
+// The textures pick the nearest level, so level 0 serves down to a level of
+// detail of 0.5, a scale of 1 / sqrt(2); the bound leaves room for the
+// rasteriser's rounding.
+bool readsSmallerLevels(double scale)
+{
+    return !(scale >= 0.74);
+}
+
 void ensureBuffer(QOpenGLBuffer& buffer, int size)
 {
     if (!buffer.isCreated()) {
@@ -177,7 +186,7 @@ void OpenglFileMerger::createTextures()
 }
 
 void OpenglFileMerger::uploadPicture(QOpenGLTexture*& texture, const QImage& image, GLenum unit,
-                                     QImage::Format bgraFormat)
+                                     QImage::Format bgraFormat, bool mipmaps)
 {
     glActiveTexture(unit);
     if (texture && texture->isCreated() && texture->width() == image.width() && texture->height() == image.height()) {
@@ -186,9 +195,15 @@ void OpenglFileMerger::uploadPicture(QOpenGLTexture*& texture, const QImage& ima
             format = QOpenGLTexture::BGRA;
         else if (image.format() == QImage::Format_RGB888 || !image.hasAlphaChannel())
             format = QOpenGLTexture::RGB;
-        // Level 0 in place; the texture regenerates its mipmaps from it.
+        // Level 0 in place, and the smaller levels from it where the draw
+        // can read them.
         texture->setData(0, 0, format, QOpenGLTexture::UInt8, image.constBits(), nullptr);
+        if (mipmaps)
+            texture->generateMipMaps();
         texture->bind();
+        // Without the smaller levels the nearest-level filter reads level 0
+        // as plain linear filtering does, which the rasteriser does faster.
+        glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, mipmaps ? GL_LINEAR_MIPMAP_NEAREST : GL_LINEAR);
         return;
     }
     if (texture) {
@@ -197,6 +212,7 @@ void OpenglFileMerger::uploadPicture(QOpenGLTexture*& texture, const QImage& ima
         delete texture;
     }
     texture = new QOpenGLTexture(image, QOpenGLTexture::GenerateMipMaps);
+    texture->setAutoMipMapGenerationEnabled(false);
     texture->setWrapMode(QOpenGLTexture::DirectionS, QOpenGLTexture::ClampToEdge);
     texture->setWrapMode(QOpenGLTexture::DirectionT, QOpenGLTexture::ClampToEdge);
     texture->setMinificationFilter(QOpenGLTexture::LinearMipMapNearest);
@@ -297,12 +313,13 @@ void OpenglFileMerger::mergeImages(const QList<_channel_merge_param>& params, in
     if (frameWidth != width || frameHeight != height)
         resize(width, height);
 
+    // The merged and the final frame are each copied whole from the composed
+    // one, whose every pixel is opaque (the background is, and drawing over
+    // it keeps alpha 1): clearing them first would change nothing.
     glClearColor(background.red() / 255.0f, background.green() / 255.0f, background.blue() / 255.0f, 1.0f);
-    for (QOpenGLFramebufferObject* target : {composeFbo(), mergedFbo(), finalFbo()}) {
-        target->bind();
-        glViewport(0, 0, width, height);
-        glClear(gl::kClearColourAndDepth);
-    }
+    composeFbo()->bind();
+    glViewport(0, 0, width, height);
+    glClear(GL_COLOR_BUFFER_BIT);  // nothing here tests depth
     QOpenGLFramebufferObject::bindDefault();
 
     mergeShader->bind();
@@ -375,7 +392,9 @@ bool OpenglFileMerger::drawChannel(const _channel_merge_param& param, TextureBuf
         if (format != QImage::Format_RGBA8888 && format != QImage::Format_RGB32 && format != QImage::Format_RGB888)
             image = image.convertToFormat(QImage::Format_RGBA8888);
         mergeShader->setUniformFloat("premulAlpha", buffer->isPremulAlpha() ? 1.0f : 0.0f);
-        uploadPicture(channelTextures[param.channelId], image, GL_TEXTURE0, QImage::Format_RGB32);
+        const double fit = std::min(static_cast<double>(param.rect.width()) / image.width(),
+                                    static_cast<double>(param.rect.height()) / image.height());
+        uploadPicture(channelTextures[param.channelId], image, GL_TEXTURE0, QImage::Format_RGB32, readsSmallerLevels(fit));
         pictureWidth = image.width();
         pictureHeight = image.height();
     } else {
@@ -416,15 +435,13 @@ void OpenglFileMerger::dropTexturesExcept(const std::set<int>& channelIds)
 
 void OpenglFileMerger::copyComposed(QOpenGLFramebufferObject* target)
 {
-    target->bind();
+    // A copy pass of opaque pixels at their own size, texel for pixel: a
+    // block transfer gives the same bytes without running a shader.
     mergeShader->setUniformFloat("premulAlpha", 0.0f);
-    glActiveTexture(GL_TEXTURE0);
-    glBindTexture(GL_TEXTURE_2D, composeFbo()->texture());
     mergeShader->setUniformInt("fgImageTexture", 0);
     mergeShader->setUniformFloat("drawGraffiti", 0.0f);
-    mergeShader->resetMatrices();
-    mergeShader->drawStrip();
-    glBindTexture(GL_TEXTURE_2D, 0);
+    const QRect whole(0, 0, frameWidth, frameHeight);
+    QOpenGLFramebufferObject::blitFramebuffer(target, whole, composeFbo(), whole, GL_COLOR_BUFFER_BIT, GL_NEAREST);
     QOpenGLFramebufferObject::bindDefault();
 }
 
@@ -436,7 +453,9 @@ void OpenglFileMerger::drawOverlay(const QImage& graffiti)
         overlay = overlay.convertToFormat(QImage::Format_ARGB32);
     composeFbo()->bind();
     mergeShader->setUniformFloat("premulAlpha", 1.0f);
-    uploadPicture(graffitiTexture, overlay, GL_TEXTURE1, QImage::Format_ARGB32);
+    const double fit = std::min(static_cast<double>(frameWidth) / overlay.width(),
+                                static_cast<double>(frameHeight) / overlay.height());
+    uploadPicture(graffitiTexture, overlay, GL_TEXTURE1, QImage::Format_ARGB32, readsSmallerLevels(fit));
     mergeShader->setUniformInt("fgImageTexture", 1);
     mergeShader->setUniformFloat("drawGraffiti", 1.0f);
     mergeShader->resetMatrices();

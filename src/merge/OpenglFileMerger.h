@@ -73,7 +73,8 @@ protected:
     void copyComposed(QOpenGLFramebufferObject* target);
     void drawOverlay(const QImage& graffiti);
     // Uploads a picture into the texture slot on the given unit and leaves it bound.
-    void uploadPicture(QOpenGLTexture*& texture, const QImage& image, GLenum unit, QImage::Format bgraFormat);
+    void uploadPicture(QOpenGLTexture*& texture, const QImage& image, GLenum unit, QImage::Format bgraFormat,
+                       bool mipmaps);
     // Draws one picture placed by the entry's rectangle, fitted and centred.
     void placePicture(int pictureWidth, int pictureHeight, const QRect& rect, double angle, int width, int height);
     void drawBackground(int width, int height, const QColor& background);

@@ -70,9 +70,10 @@ const QImage& portrait()
 // The portrait through the face passes of the filters of `types` from the
 // factory, each at `strength` with the frame's `faces`.
 QImage render(const std::vector<ImageFilterType>& types, const FaceDetectResult& faces, double strength,
-              bool firstFaceOnly = false)
+              bool firstFaceOnly = false, bool regions = true, bool* inPlace = nullptr)
 {
     static OpenglChannelWorker worker(1, 1);
+    worker.setRegionPasses(regions);
     std::vector<std::unique_ptr<BeautyFilterBase>> owned;
     OpenglChannelWorker::FilterMap filters;
     for (ImageFilterType type : types) {
@@ -85,6 +86,8 @@ QImage render(const std::vector<ImageFilterType>& types, const FaceDetectResult&
     QImage frame = portrait().copy(), out(frame.size(), QImage::Format_RGBA8888);
     worker.renderFaceFilters(filters, frame, false, firstFaceOnly, false);
     worker.readLastFboByAlpha(out.bits(), out.width(), out.height(), true);
+    if (inPlace)
+        *inPlace = worker.lastFrameInPlace();
     return out;
 }
 
@@ -201,4 +204,29 @@ TEST(FaceChain, SlimFaceMovesOnlyThePixelsNearTheJaws)
     EXPECT_GT(differences(out.copy(second), portrait().copy(second), 1), 200);
     EXPECT_GT(differences(firstOnly.copy(kFace), portrait().copy(kFace), 1), 200);
     EXPECT_EQ(differences(firstOnly.copy(second), portrait().copy(second), 1), 0);
+}
+
+// On an opaque picture the passes work only in their regions, in place; the
+// picture is the one that whole-frame passes give, with one face, two faces
+// (the second near the first's regions), and the first of two only.
+TEST(FaceChain, RegionPassesGiveTheWholeFramePicture)
+{
+    const std::vector<ImageFilterType> all = {SLIMFACE, REDLIPS, SMOOTH, WHITENING};
+    const std::tuple<const char*, FaceDetectResult, double, bool> cases[] = {
+        {"one face", detection({{}}), 100, false},
+        {"two faces", detection({{}, {152, 220}}), 300, false},
+        {"overlapping", detection({{}, {60, 40}}), 200, false},
+        {"first only", detection({{}, {152, 220}}), 300, true},
+    };
+    for (const auto& [name, faces, strength, firstOnly] : cases) {
+        bool inPlace = false;
+        const QImage regions = render(all, faces, strength, firstOnly, true, &inPlace);
+        EXPECT_TRUE(inPlace) << name;
+        EXPECT_TRUE(sameImage(regions, render(all, faces, strength, firstOnly, false), 1, name)) << name;
+    }
+    // A translucent pixel anywhere sends the frame through the whole-frame passes.
+    QImage translucent = portrait().copy();
+    translucent.setPixelColor(500, 500, QColor(1, 2, 3, 200));
+    EXPECT_FALSE(OpenglChannelWorker(1, 1).inPlaceFrame(translucent, false));
+    EXPECT_TRUE(OpenglChannelWorker(1, 1).inPlaceFrame(portrait(), false));
 }
