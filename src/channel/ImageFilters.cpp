@@ -122,6 +122,8 @@ void ImageFilters::init(int sceneId_, int channelId_, bool isSceneChannel_)
     sceneId = sceneId_;
     channelId = channelId_;
     thread = new QThread();
+    // The name the thread carries in the system, for hosts' tools.
+    thread->setObjectName(QStringLiteral("lumen-channel%1").arg(channelId));
     qCInfo(lcChannel) << "ImageFilters::ImageFilters";
 
     textureBuffer_ = std::make_shared<TextureBuffer>();

@@ -425,10 +425,11 @@ bool allOpaque(const QImage& image)
     const bool argbWords = f == QImage::Format_ARGB32 || f == QImage::Format_ARGB32_Premultiplied;
     if (!(argbWords || (rgbaBytes && Q_BYTE_ORDER == Q_LITTLE_ENDIAN)))
         return false;
-    for (int y = 0; y < image.height(); ++y) {
+    const int width = image.width(), height = image.height();
+    for (int y = 0; y < height; ++y) {
         const uchar* row = image.constScanLine(y);
         quint32 all = 0xFFFFFFFFu;
-        for (int x = 0; x < image.width(); ++x) {
+        for (int x = 0; x < width; ++x) {
             quint32 pixel;
             std::memcpy(&pixel, row + 4 * x, 4);
             all &= pixel;

@@ -45,6 +45,8 @@ void SceneManager::init(int sceneId_)
 {
     sceneId = sceneId_;
     thread = new QThread();
+    // The name the thread carries in the system, for hosts' tools.
+    thread->setObjectName(QStringLiteral("lumen-scene%1").arg(sceneId));
     qRegisterMetaType<FilterParaType>("FilterParaType");
     moveToThread(thread);
     connect(thread, &QThread::started, this, &SceneManager::process, Qt::AutoConnection);
@@ -235,6 +237,8 @@ void SceneManager::mergeAndRead(const MergeRequest& request)
     }
     if (!mergedImage || mergedImage->width() != width || mergedImage->height() != height)
         remakeGrey(mergedImage, mergedBits, width, height);
+    else
+        takeUnsharedBuffer();
     if (!finalImage || finalImage->width() != width || finalImage->height() != height)
         remakeGrey(finalImage, finalBits, width, height);
 
@@ -264,8 +268,31 @@ void SceneManager::publishOutput()
         return;
     if (!outputImage)
         outputImage = new QImage(mergedImage->size(), mergedImage->format());
-    // A deep copy: the merged picture is written in place by the next merge.
-    *outputImage = mergedImage->copy();
+    // Shared: the next merge reads into a buffer that no one else holds.
+    *outputImage = *mergedImage;
+}
+
+void SceneManager::takeUnsharedBuffer()
+{
+    // The picture published last may still be in a host's hands, and the
+    // read-back writes straight into the buffer's bytes: it goes into a
+    // buffer that only this scene holds. Buffers come round again once the
+    // host lets them go; a few wait for that, the rest are let go.
+    if (!mergedImage || mergedImage->isDetached())
+        return;
+    for (QImage& spare : unsharedBuffers) {
+        if (spare.size() == mergedImage->size() && spare.format() == mergedImage->format() && spare.isDetached()) {
+            mergedImage->swap(spare);
+            mergedBits = mergedImage->bits();
+            return;
+        }
+    }
+    const int kWaiting = 3;
+    unsharedBuffers.insert(unsharedBuffers.begin(), *mergedImage);
+    if (unsharedBuffers.size() > kWaiting)
+        unsharedBuffers.pop_back();
+    *mergedImage = QImage(mergedImage->size(), mergedImage->format());
+    mergedBits = mergedImage->bits();
 }
 
 void SceneManager::keepBgr()
@@ -326,6 +353,7 @@ void SceneManager::cleanUp(bool keepOutput)
     delete mergedImage;
     mergedImage = nullptr;
     mergedBits = nullptr;
+    unsharedBuffers.clear();
     if (!keepOutput) {
         QMutexLocker locker(&outputMutex);
         delete outputImage;

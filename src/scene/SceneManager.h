@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstdint>
 #include <map>
+#include <vector>
 #include <memory>
 
 #include <QColor>
@@ -85,6 +86,8 @@ private:
     bool takeRequest(MergeRequest& request);
     void mergeAndRead(const MergeRequest& request);
     void publishOutput();
+    // Makes mergedImage a buffer that no one else holds before a read-back.
+    void takeUnsharedBuffer();
     void keepBgr();
     void endTick();
     static int64_t nowNs();
@@ -115,6 +118,8 @@ private:
     QImage* outputImage = nullptr;
     QImage* bgrImage = nullptr;
     QImage* spareImages[4] = {nullptr, nullptr, nullptr, nullptr};
+    // Merged pictures of the size in use, waiting until no host holds them.
+    std::vector<QImage> unsharedBuffers;
     int64_t lastTickNs = 0;
     int configuredFps = 15;
     int frameIntervalMs = 66;
