@@ -147,8 +147,9 @@ INSTANTIATE_TEST_SUITE_P(Road, FaceEffect, ::testing::ValuesIn(kEffects),
                          [](const ::testing::TestParamInfo<Effect>& info) { return std::string(info.param.name); });
 
 // A direct frame skips the channel's passes and is fitted into its
-// rectangle, centred; an unknown channel in the list is passed over; when
-// the channel leaves the list the scene goes back to the empty grey.
+// rectangle, centred; an unknown channel in the list is passed over; a
+// picture handed out is not written over by later merges; when the channel
+// leaves the list the scene goes back to the empty grey.
 TEST(MergeRoad, DirectFramesAreFittedCentredUntilTheyLeaveTheList)
 {
     Road road;
@@ -171,6 +172,12 @@ TEST(MergeRoad, DirectFramesAreFittedCentredUntilTheyLeaveTheList)
     };
     EXPECT_TRUE(mergedAs(want));
     EXPECT_EQ(merged.format(), QImage::Format_BGR888);
+    // A picture the host holds stays as it was while later merges come in.
+    const QImage held = merged, heldBefore = merged.copy();
+    red.fill(Qt::blue);
+    QPainter(&want).fillRect(0, 25, 100, 50, Qt::blue);
+    EXPECT_TRUE(mergedAs(want));
+    EXPECT_TRUE(gltest::sameImage(held, heldBefore, 0, "held"));
     list.clear();
     want.fill(QColor(53, 53, 53));
     EXPECT_TRUE(mergedAs(want));
