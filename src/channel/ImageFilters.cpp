@@ -905,10 +905,14 @@ bool ImageFilters::runFacePass(QImage& image, bool stickerPass, bool hadEarlierF
         ran = true;
     }
     if (ran && channelWorker) {
+        // The share texture carries the result on only to a later pass of
+        // this frame; the scene takes its picture through a copy of its own.
+        channelWorker->setShareCopyWanted(hasFilter(BASICIMAGE) || (!stickerPass && hasFilter(STICKER)));
         if (stickerPass)
             channelWorker->renderSticker(local, image, hadEarlierFilter, workerOutputFlag, false);
         else
             channelWorker->renderFaceFilters(local, image, false, workerOutputFlag, false);
+        channelWorker->setShareCopyWanted(true);
     }
     return ran;
 }

@@ -149,6 +149,13 @@ void OpenglChannelWorker::createFbos(int width, int height)
 
 void OpenglChannelWorker::clearFbos(int width, int height)
 {
+    // A frame drawn in place overwrites every pixel of fbo with opaque ones
+    // and reads fboBack only where it copied first: a clear shows nowhere.
+    // The passes draw in the viewport that the clear sets.
+    if (clearSkipped) {
+        glViewport(0, 0, width, height);
+        return;
+    }
     for (QOpenGLFramebufferObject* target : {fbo, fboBack})
         if (target)
             gl::clearFramebuffer(this, target, width, height);
@@ -258,6 +265,7 @@ void OpenglChannelWorker::copyFboToShare()
 {
     if (!fbo || !textureBuffer)
         return;
+    flushOutsideTextureLock();
     fbo->bind();
     glActiveTexture(GL_TEXTURE0);
     glBindTexture(GL_TEXTURE_2D, fbo->texture());
@@ -269,8 +277,40 @@ void OpenglChannelWorker::outputStep(QImage& image, bool toImage)
 {
     if (toImage)
         readFboToBuffer(fbo, image.bits(), image.width(), image.height(), image.hasAlphaChannel());
-    else
+    else if (shareCopyWanted)
         copyFboToShare();
+}
+
+void OpenglChannelWorker::flushOutsideTextureLock()
+{
+    // The contexts of a scene and its channels share their textures, and
+    // Mesa guards a copy into a texture, or new pixels for one, with one lock
+    // for all of them. The software rasteriser draws what is queued when such
+    // a copy needs it, under that lock: every channel would wait while
+    // another draws its frame. Drawn first, the copy under the lock is short.
+    glFlush();
+}
+
+bool OpenglChannelWorker::uploadInto(QOpenGLFramebufferObject* target, const QImage& image)
+{
+    // Drawn at its own size without premultiplying, an opaque picture lands
+    // in the framebuffer texel for texel: its bytes can go there directly.
+    if (!target || image.size() != target->size())
+        return false;
+    GLenum format = 0;
+    if (image.format() == QImage::Format_RGBA8888)
+        format = GL_RGBA;
+    else if (image.format() == QImage::Format_RGB888)
+        format = GL_RGB;
+    else
+        return false;
+    glActiveTexture(GL_TEXTURE0);
+    glBindTexture(GL_TEXTURE_2D, target->texture());
+    glPixelStorei(GL_UNPACK_ALIGNMENT, 4);  // Qt's rows are padded to 4 bytes
+    glTexSubImage2D(GL_TEXTURE_2D, 0, 0, 0, image.width(), image.height(), format, GL_UNSIGNED_BYTE,
+                    image.constBits());
+    glBindTexture(GL_TEXTURE_2D, 0);
+    return true;
 }
 
 void OpenglChannelWorker::passThrough(QImage& image, bool useShareTexture)
@@ -292,9 +332,12 @@ void OpenglChannelWorker::copyToShare(QImage& image)
 void OpenglChannelWorker::renderFaceFilters(const FilterMap& filters, QImage& image, bool useShareTexture,
                                             bool firstFaceOnly, bool toImage)
 {
-    if (doPreWork(frameData(image), image.width(), image.height())) {
+    faceOutputOpaque = !useShareTexture && !filters.empty() && allOpaque(image);
+    clearSkipped = regionPasses && faceOutputOpaque;
+    const bool ready = doPreWork(frameData(image), image.width(), image.height());
+    clearSkipped = false;
+    if (ready) {
         applyFaceFilters(filters, image, useShareTexture, firstFaceOnly);
-        faceOutputOpaque = !useShareTexture && allOpaque(image);
         outputStep(image, toImage);
     }
     doneCurrent();
@@ -451,6 +494,7 @@ void OpenglChannelWorker::copyArea(const QRect& area)
 {
     if (area.isEmpty())
         return;
+    flushOutsideTextureLock();
     currentFbo()->bind();
     glActiveTexture(GL_TEXTURE0);
     glBindTexture(GL_TEXTURE_2D, otherFbo()->texture());
@@ -488,12 +532,12 @@ void OpenglChannelWorker::copyPassAndFlip()
 void OpenglChannelWorker::applyFaceFilters(const FilterMap& filters, const QImage& image, bool useShareTexture,
                                            bool firstFaceOnly)
 {
-    drawInput(fbo, image, useShareTexture, filters.empty());
+    inPlace = regionPasses && faceOutputOpaque && fbo && fboBack;
+    if (!inPlace || !uploadInto(fbo, image))
+        drawInput(fbo, image, useShareTexture, filters.empty());
     pingPong = false;
-    inPlace = false;
     if (filters.empty() || !fbo || !fboBack)
         return;
-    inPlace = inPlaceFrame(image, useShareTexture);
 
     // Looked up by key, in this order whatever the map's order.
     if (BeautyFilterBase* slim = findFilter(filters, SLIMFACE)) {
@@ -669,12 +713,17 @@ void OpenglChannelWorker::drawWhitening(BeautyFilterBase* filter, bool premul)
 void OpenglChannelWorker::renderSticker(const FilterMap& filters, QImage& image, bool useShareTexture, bool,
                                         bool toImage)
 {
-    if (doPreWork(frameData(image), image.width(), image.height())) {
-        drawInput(fbo, image, useShareTexture, filters.empty());
+    // From the share texture the picture is this frame's face pass's output,
+    // opaque where that pass's picture was.
+    const bool opaque = regionPasses && !filters.empty() && (useShareTexture ? faceOutputOpaque : allOpaque(image));
+    clearSkipped = opaque;
+    const bool ready = doPreWork(frameData(image), image.width(), image.height());
+    clearSkipped = false;
+    if (ready) {
+        inPlace = opaque && fbo && fboBack;
+        if (!inPlace || useShareTexture || !uploadInto(fbo, image))
+            drawInput(fbo, image, useShareTexture, filters.empty());
         pingPong = false;
-        // From the share texture the picture is this frame's face pass's
-        // output, opaque where that pass's picture was.
-        inPlace = regionPasses && (useShareTexture ? faceOutputOpaque : allOpaque(image));
         if (BeautyFilterBase* sticker = findFilter(filters, STICKER))
             drawStickers(sticker, false);
         settleResult();
@@ -1165,6 +1214,7 @@ bool OpenglChannelWorker::readFromGPU(TextureBuffer* buffer)
         height = clipHeight;
     }
     if (source) {
+        flushOutsideTextureLock();
         source->bind();
         buffer->copyToReadTexture(context, width, height);
     }

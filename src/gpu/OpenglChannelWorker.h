@@ -61,7 +61,8 @@ public:
     void drawTexture(QOpenGLFramebufferObject* target, GLuint texture, ShaderWorker* program, bool premul);
     // Copies fbo into the buffer's first (write) texture, at frame size.
     void copyFboToShare();
-    // The face passes in their fixed order; the result ends in fbo.
+    // The face passes in their fixed order; the result ends in fbo. Whether
+    // the picture is opaque comes from renderFaceFilters, which calls it.
     void applyFaceFilters(const FilterMap& filters, const QImage& image, bool useShareTexture, bool firstFaceOnly);
     void drawSmooth(BeautyFilterBase* filter, bool premul);
     void drawSlimFace(BeautyFilterBase* filter, bool firstFaceOnly, bool premul);
@@ -77,6 +78,9 @@ public:
     // left out and each pass touches only its region.
     bool inPlaceFrame(const QImage& image, bool useShareTexture) const;
     bool lastFrameInPlace() const { return inPlace; }
+    // Whether the face and sticker renders copy their result into the share
+    // texture for a later pass of the frame to take (the default).
+    void setShareCopyWanted(bool wanted) { shareCopyWanted = wanted; }
 
     // --- geometry of the picture pass ---
     // Colour, scale, mirror and perspective of the picture into fbo, then the
@@ -131,6 +135,12 @@ protected:
     // draws from there back, clipped to each rectangle. The rest of the
     // picture stays as it is.
     void drawInPlace(ShaderWorker* program, const std::vector<QRect>& region, int margin);
+    // The first pass of an opaque frame: the picture's bytes straight into
+    // target's texture. False, with nothing done, for pictures of other
+    // formats or sizes.
+    bool uploadInto(QOpenGLFramebufferObject* target, const QImage& image);
+    // Draws what is queued before a copy into a texture (see there).
+    void flushOutsideTextureLock();
     // Copies `area` of the current framebuffer into the other one.
     void copyArea(const QRect& area);
     void deletePrograms();
@@ -163,4 +173,7 @@ protected:
     bool inPlace = false;
     // The last face pass's picture was opaque.
     bool faceOutputOpaque = false;
+    bool shareCopyWanted = true;
+    // Set around doPreWork for a frame that will be drawn in place.
+    bool clearSkipped = false;
 };

@@ -162,8 +162,15 @@ bool OpenglWorkerBase::makeCurrent()
 
 void OpenglWorkerBase::doneCurrent()
 {
-    if (context)
-        context->doneCurrent();
+    if (!context)
+        return;
+    // Letting go of a context makes Mesa draw what is queued in it, and it
+    // does so holding the lock that every GLX call of the process takes: with
+    // the software rasteriser the other channels and scenes would wait for
+    // the whole frame. Drawn first, the release itself is short.
+    if (QOpenGLContext::currentContext() == context)
+        context->functions()->glFlush();
+    context->doneCurrent();
 }
 
 bool OpenglWorkerBase::initContext()
