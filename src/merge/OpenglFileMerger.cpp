@@ -298,6 +298,18 @@ void OpenglFileMerger::mergeImages(const QList<_channel_merge_param>& params, in
     QReadLocker locker(&sharedTextureLock());
     if (!shareHandshakeDone(params, buffers))
         return;
+    // The same request over the same pictures would draw the same frame:
+    // the one in the framebuffers stays.
+    MergeInputs inputs{width, height, background.rgba(), graffiti.cacheKey(), {}};
+    for (const _channel_merge_param& param : params) {
+        auto found = buffers.find(param.channelId);
+        TextureBuffer* buffer = found == buffers.end() ? nullptr : found->second.get();
+        inputs.channels.push_back({param.channelId, param.rect, param.rotation, buffer,
+                                   buffer ? buffer->generation() : 0});
+    }
+    if (glInited && inputs == lastInputs)
+        return;
+    lastInputs = inputs;
     if (!makeCurrent()) {
         qCDebug(lcGpu) << "mergeImages fails in makeCurrent";
         return;

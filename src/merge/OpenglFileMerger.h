@@ -6,6 +6,7 @@
 #include <map>
 #include <memory>
 #include <set>
+#include <vector>
 
 #include <QColor>
 #include <QImage>
@@ -96,4 +97,31 @@ protected:
     // The ring pairs of the two read paths.
     QOpenGLBuffer* mergedRing[2] = {nullptr, nullptr};
     QOpenGLBuffer* finalRing[2] = {nullptr, nullptr};
+
+    // What the last frame was drawn from: the request and, for each channel,
+    // its buffer and the buffer's count of changes.
+    struct ChannelInput {
+        int channelId;
+        QRect rect;
+        double rotation;
+        const TextureBuffer* buffer;
+        quint64 generation;
+        bool operator==(const ChannelInput& o) const
+        {
+            return channelId == o.channelId && rect == o.rect && rotation == o.rotation && buffer == o.buffer
+                && generation == o.generation;
+        }
+    };
+    struct MergeInputs {
+        int width = 0, height = 0;
+        QRgb background = 0;
+        qint64 graffiti = 0;
+        std::vector<ChannelInput> channels;
+        bool operator==(const MergeInputs& o) const
+        {
+            return width == o.width && height == o.height && background == o.background && graffiti == o.graffiti
+                && channels == o.channels;
+        }
+    };
+    MergeInputs lastInputs;
 };

@@ -34,6 +34,7 @@ void TextureBuffer::makeTexture(QOpenGLContext* context, unsigned int& name, int
 
 void TextureBuffer::createTextures(QOpenGLContext* context, int width, int height)
 {
+    ++changes;
     QWriteLocker writeLock(&sharedTextureLock());
     QMutexLocker locker(&textureMutex);
     QOpenGLFunctions* f = context->functions();
@@ -74,6 +75,7 @@ void TextureBuffer::copyInto(QOpenGLContext* context, unsigned int& name, int& s
 
 void TextureBuffer::copyToReadTexture(QOpenGLContext* context, int width, int height)
 {
+    ++changes;
     copyInto(context, readTexture, readWidth, readHeight, width, height);
 }
 
@@ -117,6 +119,7 @@ bool TextureBuffer::getImage(QImage& out)
 
 void TextureBuffer::setImage(const QImage& in)
 {
+    ++changes;
     QMutexLocker locker(&imageMutex);
     image = in;
 }
@@ -130,6 +133,8 @@ bool TextureBuffer::isImageMode()
 void TextureBuffer::setImageMode(bool mode)
 {
     QMutexLocker locker(&flagMutex);
+    if (imageMode != mode)
+        ++changes;
     imageMode = mode;
 }
 
@@ -142,6 +147,8 @@ bool TextureBuffer::isPremulAlpha()
 void TextureBuffer::setPremulAlpha(bool premul)
 {
     QMutexLocker locker(&flagMutex);
+    if (premulAlpha != premul)
+        ++changes;
     premulAlpha = premul;
 }
 
@@ -191,6 +198,7 @@ void TextureBuffer::unbindAndClearReady(QOpenGLContext* context)
 
 void TextureBuffer::deleteTextures(QOpenGLContext* context)
 {
+    ++changes;
     {
         // A scene may be drawing the read texture under the read lock.
         QWriteLocker writeLock(&sharedTextureLock());

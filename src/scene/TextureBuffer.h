@@ -3,6 +3,7 @@
 // textures in contexts that share objects, or a plain picture where the
 // texture path isn't in use.
 
+#include <atomic>
 #include <map>
 
 #include <QImage>
@@ -51,6 +52,9 @@ public:
     void deleteTextures(QOpenGLContext* context);
 
     bool texturesAreReady();
+    // Counts the changes of what a scene draws from this buffer: its picture,
+    // its read texture and their modes.
+    quint64 generation() const { return changes.load(); }
     unsigned int readTextureId();
     unsigned int writeTextureId();
 
@@ -76,4 +80,5 @@ private:
     std::map<int, QOpenGLContext*> shareContexts;
     std::map<int, bool> shareReady;
     std::map<int, int> spareMap;
+    std::atomic<quint64> changes{0};
 };
