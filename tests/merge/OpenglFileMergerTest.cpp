@@ -1,5 +1,6 @@
 // The scene's merger: placement of the channel pictures, the background, the
 // overlay, the read-back ring and the shared-texture path from a channel.
+#include <functional>
 #include <memory>
 #include <utility>
 #include <vector>
@@ -251,5 +252,35 @@ TEST(OpenglFileMergerShare, ChannelResultReachesTheSceneThroughTheSharedTexture)
         QPainter(&want).drawImage(64, 32, frame);
         EXPECT_TRUE(gltest::sameImage(readMerged(merger, 384, 320), want, 1, "frame"));
         EXPECT_FALSE(buffer.texturesAreReady()) << "the scene marks the texture as drawn";
+    }
+}
+
+// A merge over the same request and the same pictures keeps its frame; a
+// change of any one input draws anew.
+TEST(OpenglFileMergerRedraw, EachInputChangeShowsInTheNextFrame)
+{
+    OpenglFileMerger merger(kScene);
+    const OpenglFileMerger::BufferMap buffers = channels({{1, solid(40, 40, Qt::red)}});
+    merger.setTextureBuffers(buffers);
+    struct Step {
+        const char* change;
+        std::function<void(QColor&, QRect&)> apply;
+        QColor atCentre, atCorner;  // at (30, 30) and at (2, 2)
+    };
+    const Step steps[] = {
+        {"first", [](QColor&, QRect&) {}, Qt::red, kBackground},
+        {"nothing", [](QColor&, QRect&) {}, Qt::red, kBackground},
+        {"background", [](QColor& bg, QRect&) { bg = Qt::white; }, Qt::red, Qt::white},
+        {"rectangle", [](QColor&, QRect& r) { r = QRect(0, 0, 60, 60); }, Qt::red, Qt::red},
+        {"picture", [&](QColor&, QRect&) { buffers.at(1)->setImage(solid(40, 40, Qt::blue)); }, Qt::blue, Qt::blue},
+    };
+    QColor bg = kBackground;
+    QRect rect(20, 20, 20, 20);
+    for (const Step& s : steps) {
+        s.apply(bg, rect);
+        merger.mergeImages({entry(1, rect)}, 60, 60, bg, QImage());
+        const QImage frame = readMerged(merger, 60, 60);
+        EXPECT_TRUE(region(frame, QRect(30, 30, 1, 1), s.atCentre)) << s.change;
+        EXPECT_TRUE(region(frame, QRect(2, 2, 1, 1), s.atCorner)) << s.change;
     }
 }
