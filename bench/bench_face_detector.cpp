@@ -1,29 +1,51 @@
-// Face detection on a 1280 x 720 frame with one large face (the bundled
-// portrait, scaled up so that the face is about 280 pixels wide).
+// The face detector on sequences of 1280 x 720 pictures made from the bundled
+// portrait, each sequence with a new detector, as a video stream would call it:
 //
-//   cold:   every call must search the whole picture, either because the
-//           detector is new or because the picture differs from the last one
-//   steady: the same face call after call, as in a video stream
+//   still     the face keeps still, with new sensor noise in every picture
+//             (grey levels with a standard deviation of 4)
+//   moving    the same face swings left and right, up to 6 pixels a call
+//   walk-in   the face comes in from the left edge and stops in the middle
+//   cuts      two different pictures in turn: every call is a new picture
 //
-// Run with --benchmark_repetitions=N and read the medians.
-#include <memory>
+// For each it prints the time of a call (median, 99th percentile, maximum, in
+// milliseconds) and, for the still and moving faces, how the key points hold:
+//   jitter      the root mean square distance of each key point from its own
+//               mean over the still calls (in pixels)
+//   error       the mean distance of each key point from where the face's
+//               motion takes its place in the still sequence, and the same
+//               for the mean of all points (the lag of the face as a whole)
+// Then the first call of new detectors (the models already read), and the
+// recall and false faces on the labelled pictures of
+// tests/kvodnnl/LabelledPictures.h, each picture handed in five times.
+//
+// Usage: bench_face_detector [rounds]  (the sequences are run `rounds` times,
+// 3 by default, and the times of all rounds pooled).
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+#include <string>
+#include <vector>
 
 #include <QFile>
 #include <QFileInfo>
 #include <QImage>
 #include <QStringList>
-#include <QPainter>
-#include <benchmark/benchmark.h>
 #include <kvodnnl/kvodnnl.h>
+#include <opencv2/imgproc.hpp>
 
-#include "convert/FrameConverter.h"
-#include "face/DnnFaceDetector.h"
+#include "../tests/kvodnnl/LabelledPictures.h"
 
 namespace {
 
+using Clock = std::chrono::steady_clock;
+using Face = KVOAI::FaceDetector::Face;
+
 // The portrait from the source tree: named by LUMEN_TESTDATA_DIR, or found
 // from the working directory or the executable's place in a build tree.
-QImage loadPortrait()
+cv::Mat loadPortrait()
 {
     QStringList dirs;
     if (qEnvironmentVariableIsSet("LUMEN_TESTDATA_DIR"))
@@ -31,107 +53,231 @@ QImage loadPortrait()
     const QString exeDir = QFileInfo(QFile::symLinkTarget("/proc/self/exe")).absolutePath();
     dirs << "testdata" << "../testdata" << "../../testdata" << exeDir + "/../../testdata" << exeDir + "/../testdata";
     for (const QString& dir : dirs) {
-        QImage image(dir + "/astronaut.png");
+        const QImage image = QImage(dir + "/astronaut.png").convertToFormat(QImage::Format_RGB888);
         if (!image.isNull())
-            return image;
+            return cv::Mat(image.height(), image.width(), CV_8UC3, const_cast<uchar*>(image.constBits()),
+                           image.bytesPerLine())
+                .clone();
     }
-    return QImage();
+    return cv::Mat();
 }
 
-// The portrait tripled and cut to 1280 x 720 round its face; `shift` moves
-// the face and `background` tints the frame, to make a different picture.
-QImage frame(QPoint shift = QPoint(0, 0), int tint = 0)
+cv::Mat portrait;
+// The face's centre in the portrait and the scale that gives it an eye
+// distance of about 90 pixels.
+const cv::Point2d kFaceCentre(228, 126);
+constexpr double kScale = 2.0;
+
+// The portrait scaled by kScale with its face's centre at `centre` on a grey
+// 1280 x 720 picture, with noise of standard deviation `noise` made from
+// `seed`.
+cv::Mat frame(cv::Point2d centre, int seed, double noise = 4.0, int grey = 90)
 {
-    static const QImage portrait = [] {
-        const QImage p = loadPortrait();
-        return p.scaled(p.size() * 3, Qt::IgnoreAspectRatio, Qt::SmoothTransformation);
-    }();
-    QImage out(1280, 720, QImage::Format_RGB32);
-    out.fill(QColor(90, 90, 90));
-    QPainter p(&out);
-    // The face's centre (about 228, 126 in the portrait) to the frame's centre.
-    p.drawImage(QPoint(640 - 228 * 3, 360 - 126 * 3) + shift, portrait);
-    if (tint)
-        p.fillRect(out.rect(), QColor(0, 0, 80, tint));
+    cv::Mat out(720, 1280, CV_8UC3, cv::Scalar::all(grey));
+    const cv::Matx23d m(kScale, 0, centre.x - kFaceCentre.x * kScale, 0, kScale, centre.y - kFaceCentre.y * kScale);
+    cv::warpAffine(portrait, out, m, out.size(), cv::INTER_LINEAR, cv::BORDER_TRANSPARENT);
+    if (noise > 0) {
+        cv::Mat n(out.size(), CV_16SC3), wide;
+        cv::RNG(seed).fill(n, cv::RNG::NORMAL, 0, noise);
+        out.convertTo(wide, CV_16SC3);
+        wide += n;
+        wide.convertTo(out, CV_8UC3);
+    }
     return out;
 }
 
-cv::Mat rgbOf(const QImage& image)
+double since(Clock::time_point start)
 {
-    cv::Mat out;
-    FrameConverter::instance()->qimageToRgbMat(image, out);
-    return out.clone();
+    return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
 }
 
-void requireFaces(benchmark::State& state, size_t found)
-{
-    if (found != 1)
-        state.SkipWithError("the frame's face was not found (is testdata/astronaut.png reachable?)");
-}
-
-void BM_RunColdNewDetector(benchmark::State& state)
-{
-    const cv::Mat image = rgbOf(frame());
-    { KVOAI::FaceDetector warm(KVOAI::DEFAULT, 1, 1); warm.Run(image, false, false, 1, 1, 50.f); }  // model read
-    for (auto _ : state) {
-        KVOAI::FaceDetector detector(KVOAI::DEFAULT, 1, 1);
-        const size_t n = detector.Run(image, false, false, 1, 1, 50.f).size();
-        requireFaces(state, n);
+struct Stats {
+    std::vector<double> ms;
+    void print(const char* name) const
+    {
+        std::vector<double> s = ms;
+        std::sort(s.begin(), s.end());
+        if (s.empty())
+            return;
+        const auto at = [&](double q) { return s[std::min(s.size() - 1, static_cast<size_t>(q * s.size()))]; };
+        std::printf("%-10s calls %4zu  median %6.2f ms  p99 %6.2f ms  max %6.2f ms\n", name, s.size(), at(0.5),
+                    at(0.99), s.back());
     }
+};
+
+std::vector<cv::Point2d> pointsOf(const Face& f)
+{
+    std::vector<cv::Point2d> out;
+    for (size_t k = 0; k + 1 < f.points.size(); k += 2)
+        out.emplace_back(f.points[k], f.points[k + 1]);
+    return out;
 }
 
-void BM_RunColdChangingPicture(benchmark::State& state)
+cv::Point2d meanOf(const std::vector<cv::Point2d>& points)
 {
-    const cv::Mat a = rgbOf(frame(QPoint(-60, 0), 0));
-    const cv::Mat b = rgbOf(frame(QPoint(60, 20), 160));
+    cv::Point2d sum;
+    for (const cv::Point2d& p : points)
+        sum += p;
+    return sum * (1.0 / points.size());
+}
+
+// Runs `calls` pictures through a new detector; `each` sees the call's index
+// and its faces.
+void sequence(Stats& stats, int calls, const std::function<cv::Mat(int)>& picture,
+              const std::function<void(int, const std::vector<Face>&)>& each)
+{
     KVOAI::FaceDetector detector(KVOAI::DEFAULT, 1, 1);
-    detector.Run(a, false, false, 1, 1, 50.f);
-    bool flip = false;
-    for (auto _ : state) {
-        flip = !flip;
-        const size_t n = detector.Run(flip ? b : a, false, false, 1, 1, 50.f).size();
-        requireFaces(state, n);
-    }
-}
-
-void BM_RunSteady(benchmark::State& state)
-{
-    const cv::Mat image = rgbOf(frame());
-    KVOAI::FaceDetector detector(KVOAI::DEFAULT, 1, 1);
-    const auto& first = detector.Run(image, false, false, 1, 1, 50.f);
-    if (!first.empty())
-        state.counters["face_width_px"] = first[0].box[2] - first[0].box[0];
-    for (auto _ : state) {
-        const size_t n = detector.Run(image, false, false, 1, 1, 50.f).size();
-        requireFaces(state, n);
-    }
-}
-
-// What the channel pipeline pays per real detection: the QImage's conversion
-// plus the library, on a steady stream.
-void BM_DnnDetectImageSteady(benchmark::State& state)
-{
-    const QImage image = frame();
-    DnnFaceDetector detector;
-    std::vector<cv::Rect> rects;
-    std::vector<std::vector<int>> points;
-    std::vector<std::vector<float>> triplets, values;
-    detector.detectImage(image, rects, points, triplets, values);
-    for (auto _ : state) {
-        rects.clear();
-        points.clear();
-        triplets.clear();
-        values.clear();
-        detector.detectImage(image, rects, points, triplets, values);
-        requireFaces(state, rects.size());
+    for (int i = 0; i < calls; ++i) {
+        const cv::Mat image = picture(i);
+        const Clock::time_point start = Clock::now();
+        const std::vector<Face>& faces = detector.Run(image, false, false, 1, 1, 50.f);
+        stats.ms.push_back(since(start));
+        each(i, faces);
     }
 }
 
 }  // namespace
 
-BENCHMARK(BM_RunColdNewDetector)->Unit(benchmark::kMillisecond)->MinTime(1.0);
-BENCHMARK(BM_RunColdChangingPicture)->Unit(benchmark::kMillisecond)->MinTime(1.0);
-BENCHMARK(BM_RunSteady)->Unit(benchmark::kMillisecond)->MinTime(1.0);
-BENCHMARK(BM_DnnDetectImageSteady)->Unit(benchmark::kMillisecond)->MinTime(1.0);
+int main(int argc, char** argv)
+{
+    const int rounds = argc > 1 ? std::max(1, std::atoi(argv[1])) : 3;
+    portrait = loadPortrait();
+    if (portrait.empty()) {
+        std::fprintf(stderr, "testdata/astronaut.png not found; set LUMEN_TESTDATA_DIR\n");
+        return 1;
+    }
+    const cv::Point2d middle(640, 360);
+    { KVOAI::FaceDetector warm(KVOAI::DEFAULT, 1, 1); }  // the models are read once per process
 
-BENCHMARK_MAIN();
+    Stats still, moving, walkIn, cuts, all;
+    double jitterSum = 0, pointError = 0, centreError = 0, eyes = 0;
+    int jitterCount = 0, errorCount = 0, missed = 0, walkInFound = 0;
+    std::vector<cv::Point2d> reference;  // the still face's mean points
+    for (int round = 0; round < rounds; ++round) {
+        // Still: the jitter over calls 10 on, once the face has been found.
+        std::vector<std::vector<cv::Point2d>> seen;
+        sequence(still, 150, [&](int i) { return frame(middle, round * 1000 + i); },
+                 [&](int i, const std::vector<Face>& faces) {
+                     if (i >= 10 && faces.size() == 1)
+                         seen.push_back(pointsOf(faces[0]));
+                     missed += i >= 10 && faces.size() != 1;
+                 });
+        if (!seen.empty()) {
+            reference.assign(seen[0].size(), cv::Point2d());
+            for (const auto& points : seen)
+                for (size_t k = 0; k < points.size(); ++k)
+                    reference[k] += points[k] * (1.0 / seen.size());
+            for (const auto& points : seen)
+                for (size_t k = 0; k < points.size(); ++k, ++jitterCount) {
+                    const cv::Point2d d = points[k] - reference[k];
+                    jitterSum += d.dot(d);
+                }
+            eyes = cv::norm(reference[97] - reference[96]);
+        }
+        // Moving: a swing of 150 pixels each way over 150 calls, after 10
+        // calls at rest.
+        const auto swing = [](int i) { return i < 10 ? 0.0 : 150.0 * std::sin(2 * CV_PI * (i - 10) / 150.0); };
+        sequence(moving, 160, [&](int i) { return frame(middle + cv::Point2d(swing(i), 0), 50000 + round * 1000 + i); },
+                 [&](int i, const std::vector<Face>& faces) {
+                     if (i < 10 || reference.empty())
+                         return;
+                     if (faces.size() != 1) {
+                         ++missed;
+                         return;
+                     }
+                     const std::vector<cv::Point2d> points = pointsOf(faces[0]);
+                     const cv::Point2d shift(swing(i), 0);
+                     for (size_t k = 0; k < points.size(); ++k)
+                         pointError += cv::norm(points[k] - reference[k] - shift) / points.size();
+                     centreError += cv::norm(meanOf(points) - meanOf(reference) - shift);
+                     ++errorCount;
+                 });
+        // Walk-in: from outside the left edge to the middle at 8 pixels a
+        // call, then still.
+        int firstSeen = -1;
+        sequence(walkIn, 150, [&](int i) { return frame(cv::Point2d(std::min(-120.0 + 8 * i, 640.0), 360), i); },
+                 [&](int i, const std::vector<Face>& faces) {
+                     if (firstSeen < 0 && faces.size() == 1)
+                         firstSeen = i;
+                 });
+        walkInFound += firstSeen >= 0;
+        if (round == 0)
+            std::printf("walk-in: the face is first shown at call %d, its centre then at x = %.0f\n", firstSeen,
+                        std::min(-120.0 + 8 * firstSeen, 640.0));
+        // Cuts: two pictures in turn.
+        const cv::Mat a = frame(middle + cv::Point2d(-200, 0), 1, 4.0, 60), b = frame(middle + cv::Point2d(150, 40), 2, 4.0, 170);
+        sequence(cuts, 60, [&](int i) { return i % 2 ? b : a; }, [](int, const std::vector<Face>&) {});
+    }
+    for (const Stats* s : {&still, &moving, &walkIn, &cuts})
+        all.ms.insert(all.ms.end(), s->ms.begin(), s->ms.end());
+    still.print("still");
+    moving.print("moving");
+    walkIn.print("walk-in");
+    cuts.print("cuts");
+    all.print("all");
+    std::printf("eye distance %.1f px; still jitter (RMS distance of a point from its mean) %.3f px\n", eyes,
+                std::sqrt(jitterSum / std::max(1, jitterCount)));
+    std::printf("moving: mean point error %.2f px (%.1f%% of the eye distance), mean centre error %.2f px (%.1f%%)\n",
+                pointError / std::max(1, errorCount), 100 * pointError / std::max(1, errorCount) / eyes,
+                centreError / std::max(1, errorCount), 100 * centreError / std::max(1, errorCount) / eyes);
+    std::printf("calls without the one face after the first 10: %d; walk-ins found %d of %d\n", missed, walkInFound,
+                rounds);
+
+    // First calls of new detectors, on a still picture and on one without faces.
+    Stats first, firstEmpty;
+    const cv::Mat face = frame(middle, 7), empty = frame(cv::Point2d(-2000, 0), 8);
+    for (int i = 0; i < 10 * rounds; ++i)
+        for (Stats* s : {&first, &firstEmpty}) {
+            KVOAI::FaceDetector detector(KVOAI::DEFAULT, 1, 1);
+            const Clock::time_point start = Clock::now();
+            detector.Run(s == &first ? face : empty, false, false, 1, 1, 50.f);
+            s->ms.push_back(since(start));
+        }
+    first.print("first");
+    firstEmpty.print("first-0");
+
+    // Labelled pictures through one detector, each handed in five times.
+    KVOAI::FaceDetector detector(KVOAI::DEFAULT, 1, 1);
+    int labels = 0, found = 0, falseFaces = 0, emptyPictures = 0;
+    Stats labelled;
+    const auto run = [&](const labelled::Picture& p) {
+        for (int call = 0; call < 5; ++call) {
+            const Clock::time_point start = Clock::now();
+            const std::vector<Face> faces = detector.Run(p.rgb, false, false, 1, 1, 50.f);
+            labelled.ms.push_back(since(start));
+            for (const Face& f : faces) {
+                const cv::Rect box(f.box[0], f.box[1], f.box[2] - f.box[0], f.box[3] - f.box[1]);
+                bool labelledFace = false;
+                for (const cv::Rect& label : p.faces)
+                    labelledFace = labelledFace || labelled::overlap(box, label) > 0.1;
+                if (!labelledFace) {
+                    ++falseFaces;
+                    std::printf("false face on %s at call %d: %d,%d %dx%d\n", p.name.c_str(), call + 1, box.x,
+                                box.y, box.width, box.height);
+                }
+            }
+            if (call == 4) {
+                labels += static_cast<int>(p.faces.size());
+                for (const cv::Rect& label : p.faces)
+                    for (const Face& f : faces)
+                        if (labelled::overlap(cv::Rect(f.box[0], f.box[1], f.box[2] - f.box[0], f.box[3] - f.box[1]),
+                                              label)
+                            > 0.3) {
+                            ++found;
+                            break;
+                        }
+            }
+        }
+    };
+    for (const labelled::Picture& p : labelled::withFaces(portrait, {40, 48, 56, 64, 72, 80}))
+        run(p);
+    for (const labelled::Picture& p : labelled::withoutFaces(portrait)) {
+        run(p);
+        ++emptyPictures;
+    }
+    labelled.print("labelled");
+    std::printf("labelled pictures: recall %d of %d faces 40-80 px wide (%.2f) at the fifth call; %d false faces "
+                "over all calls (%d pictures without faces among them)\n",
+                found, labels, found / std::max(1.0, static_cast<double>(labels)), falseFaces, emptyPictures);
+    return 0;
+}

@@ -12,7 +12,7 @@
 // rasteriser's threads (the drawing of channels and scene alike) and any
 // other thread (such as the face detector's own).
 //
-//   lumen_fx_classroom [seconds, 20] [channels, 4] [frames a second, 15]
+//   lumen_fx_classroom [seconds, 20] [channels, 4] [frames a second, 15] [last merged picture.png]
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -246,6 +246,8 @@ int main(int argc, char** argv)
         if (used > 0)
             std::printf("  %-28s %5.1f%%  (%.2f s)\n", group.c_str(), threadsTotal > 0 ? 100.0 * used / threadsTotal : 0.0,
                         used);
+    if (argc > 4 && !merged.isNull() && merged.save(argv[4]))
+        std::printf("last merged picture: %s\n", argv[4]);
     std::fflush(stdout);
     return 0;
 }

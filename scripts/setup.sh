@@ -8,7 +8,7 @@ PACKAGES=(
   qtbase5-dev libqt5svg5-dev
   libopencv-dev
   libavutil-dev libswscale-dev
-  libdlib-dev libdlib-data libblas-dev liblapack-dev
+  libdlib-dev libdlib-data libblas-dev liblapack-dev opencv-data
   libgtest-dev libgmock-dev libbenchmark-dev
   xvfb xauth libgl1-mesa-dri
 )

@@ -1,21 +1,30 @@
 #include "kvodnnl/kvodnnl.h"
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <cmath>
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
+#include <deque>
 #include <exception>
+#include <fstream>
 #include <map>
 #include <memory>
 #include <mutex>
-#include <set>
+#include <sstream>
 #include <string>
+#include <thread>
 
 #include <dlib/image_processing/frontal_face_detector.h>
 #include <dlib/image_processing/shape_predictor.h>
 #include <dlib/opencv/cv_image.h>
 #include <opencv2/calib3d.hpp>
 #include <opencv2/imgproc.hpp>
+#include <opencv2/objdetect.hpp>
+
+#include "FaceFilter.h"
 
 namespace KVOAI {
 
@@ -23,29 +32,72 @@ namespace {
 
 const char* const kDefaultModelPath = "/usr/share/dlib/shape_predictor_68_face_landmarks.dat";
 const char* const kModelPathVariable = "KVODNNL_LANDMARK_MODEL";
+// OpenCV's LBP frontal face cascade (Debian's opencv-data); it proposes the
+// small faces, which the HOG detector then confirms.
+const char* const kCascadePath = "/usr/share/opencv4/lbpcascades/lbpcascade_frontalface.xml";
 
 // Side of the square that the HOG detector scans; faces much smaller than this
-// are not found.
+// are not found by it unless the picture is enlarged.
 constexpr double kHogWindow = 80.0;
-// A full search looks for faces down to this fraction of the picture's
-// shorter side, on a grey copy reduced just enough for that.
-constexpr double kSmallestFaceFraction = 1.0 / 6.0;
-// A followed face is searched in a region of this many face sizes, scaled so
-// that the face measures about kTrackFaceSize pixels.
-constexpr double kTrackRegion = 2.0;
-constexpr double kTrackFaceSize = 110.0;
-// After this many followed calls the whole picture is searched again, so that
-// faces that came in meanwhile are found.
-constexpr int kMaxTrackedRuns = 15;
-// Mean absolute difference of the 32 x 32 grey signatures above which a
-// picture counts as a different one.
+// Side of the cascade's window.
+constexpr double kCascadeWindow = 24.0;
+// The HOG detector searches the whole picture for faces down to this fraction
+// of its shorter side, on a grey copy reduced just enough for that...
+constexpr double kHogSmallestFraction = 1.0 / 6.0;
+// ...and the cascade for those down to this fraction, and never below
+// kSmallestFace pixels.
+constexpr double kSmallestFraction = 1.0 / 20.0;
+constexpr double kSmallestFace = 36.0;
+// Scale step of the cascade's own pyramid.
+constexpr double kCascadeStep = 1.2;
+// Windows that pass the cascade with at least this weight are candidates, at
+// most kCandidatesPerTask of them a task, the strongest first.
+constexpr double kCandidateWeight = 0.0;
+constexpr size_t kCandidatesPerTask = 6;
+// Faces near a known place are searched in a square of this many face sizes,
+// scaled so that the face measures about kNearFace pixels.
+constexpr double kNearRegion = 2.0;
+constexpr double kNearFace = 90.0;
+// HOG score that a candidate of a whole-picture search must reach near its
+// place to count as a face. Textures such as badges, folds and a turned
+// mission patch reach about 0.3 in the whole picture's pass but stay below 0
+// here, while the faces that the landmark model can fit score 0.8 and more.
+constexpr double kConfirmScore = 0.3;
+// A followed face whose box differs from its look when the HOG detector last
+// found it there by at most kStillPatch grey levels (mean absolute difference
+// of kPatchSide x kPatchSide reductions) keeps its box without a new search,
+// for up to kRecheckCalls calls.
+constexpr int kPatchSide = 16;
+constexpr double kStillPatch = 2.0;
+constexpr int kRecheckCalls = 10;
+// A followed face found again with a box that overlaps its old one by this
+// much (intersection over union) keeps the old box.
+constexpr double kKeepBoxOverlap = 0.8;
+// Calls between the starts of two searches of the whole picture while nothing
+// else asks for one, when no face is followed and when some are.
+constexpr int kSearchPeriod = 10;
+constexpr int kFollowedSearchPeriod = 15;
+// A search of the whole picture that a new picture or `flagA` asked for is
+// finished, by the calling thread if need be, on the kSearchCalls-th call
+// since it began.
+constexpr int kSearchCalls = 5;
+// A call takes on a part of a whole-picture search only while its estimated
+// end, the key points of its faces included, stays within this many
+// milliseconds of the call's start, and adds new faces only within
+// kMergeBudgetMs.
+constexpr double kHelpBudgetMs = 18.0;
+constexpr double kMergeBudgetMs = 22.0;
+// A picture counts as a new one when the mean absolute difference of its 32 x
+// 32 grey signature from the last picture's passes kChangeThreshold, or when
+// kChangedPatches of the signature's patch means differ by more than
+// kChangedPatch grey levels; below kSameThreshold two pictures count as the
+// same one.
 constexpr double kChangeThreshold = 10.0;
+constexpr double kChangedPatch = 10.0;
+constexpr int kChangedPatches = 4;
+constexpr double kSameThreshold = 3.0;
 constexpr int kThumbSide = 32;
 constexpr int kPatch = 4;
-// Score that a face must pass in a search of the whole picture. Above dlib's
-// own threshold of 0: textures such as badges and fabric folds score up to
-// about 0.1, while faces that the landmark model can fit score well above.
-constexpr double kWholePictureThreshold = 0.2;
 // Thickness of an eyebrow as a fraction of its length.
 constexpr double kBrowThickness = 0.15;
 
@@ -109,17 +161,30 @@ const PointRule kLayout98[98] = {
     {Centre, 36, 41, 0, 0}, {Centre, 42, 47, 0, 0},
 };
 
+
 using HogDetector = dlib::frontal_face_detector;
 using Predictor = dlib::shape_predictor;
 
 // ---------------------------------------------------------------------------
-// Models, read once per process and shared by all detectors. The HOG detector
-// keeps scratch state while it scans, so each detector scans with its own
-// copy; the landmark model is only read and is shared as it is.
+// Models, read once per process and shared by all detectors. The landmark
+// model is only read and is shared as it is. The HOG detector and the cascade
+// keep scratch state while they scan, so every scan borrows a set of scanners
+// from a pool that grows to the number of scans at work at once.
 // ---------------------------------------------------------------------------
+struct Scanners {
+    HogDetector hog;       // the whole pyramid
+    HogDetector hogLevel;  // one level of it
+    cv::CascadeClassifier cascade;
+    bool hasCascade = false;
+};
+
 struct ModelStore {
     std::mutex mutex;
     std::unique_ptr<HogDetector> hog;
+    std::unique_ptr<HogDetector> hogLevel;
+    bool cascadeTried = false;
+    std::string cascadeText;  // empty when the cascade can't be read
+    std::vector<std::unique_ptr<Scanners>> idle;
     std::map<std::string, std::shared_ptr<const Predictor>> predictors;
 };
 
@@ -129,14 +194,83 @@ ModelStore& modelStore()
     return *store;
 }
 
-HogDetector copyHogDetector()
+// Reads the HOG detector and the cascade once; the caller holds the lock.
+void loadScannerModels(ModelStore& store)
+{
+    if (!store.hog) {
+        store.hog = std::make_unique<HogDetector>(dlib::get_frontal_face_detector());
+        HogDetector::image_scanner_type scanner;
+        scanner.copy_configuration(store.hog->get_scanner());
+        scanner.set_max_pyramid_levels(1);
+        std::vector<HogDetector::feature_vector_type> weights;
+        for (unsigned long i = 0; i < store.hog->num_detectors(); ++i)
+            weights.push_back(store.hog->get_w(i));
+        store.hogLevel = std::make_unique<HogDetector>(scanner, store.hog->get_overlap_tester(), weights);
+    }
+    if (!store.cascadeTried) {
+        store.cascadeTried = true;
+        std::ifstream file(kCascadePath, std::ios::binary);
+        std::stringstream text;
+        text << file.rdbuf();
+        store.cascadeText = text.str();
+        if (store.cascadeText.empty())
+            std::fprintf(stderr, "kvodnnl: cannot read the face cascade %s; faces smaller than %d pixels will "
+                                 "not be found\n",
+                         kCascadePath, static_cast<int>(kHogWindow));
+    }
+}
+
+std::unique_ptr<Scanners> makeScanners(ModelStore& store)
+{
+    auto made = std::make_unique<Scanners>(Scanners{*store.hog, *store.hogLevel, cv::CascadeClassifier(), false});
+    if (!store.cascadeText.empty()) {
+        // read() reports whether the cascade was understood; empty() stays
+        // true for a cascade read this way.
+        cv::FileStorage storage(store.cascadeText, cv::FileStorage::READ | cv::FileStorage::MEMORY);
+        made->hasCascade = made->cascade.read(storage.getFirstTopLevelNode());
+    }
+    return made;
+}
+
+// Fills the pool so that one detector's two threads find their scanners
+// ready; called when a detector is made.
+void prepareScanners(size_t count)
 {
     ModelStore& store = modelStore();
     std::lock_guard<std::mutex> lock(store.mutex);
-    if (!store.hog)
-        store.hog = std::make_unique<HogDetector>(dlib::get_frontal_face_detector());
-    return *store.hog;
+    loadScannerModels(store);
+    while (store.idle.size() < count)
+        store.idle.push_back(makeScanners(store));
 }
+
+// A set of scanners borrowed from the pool for as long as it lives.
+class ScannerLease {
+public:
+    ScannerLease()
+    {
+        ModelStore& store = modelStore();
+        std::lock_guard<std::mutex> lock(store.mutex);
+        if (store.idle.empty()) {
+            loadScannerModels(store);
+            scanners_ = makeScanners(store);
+        } else {
+            scanners_ = std::move(store.idle.back());
+            store.idle.pop_back();
+        }
+    }
+    ~ScannerLease()
+    {
+        ModelStore& store = modelStore();
+        std::lock_guard<std::mutex> lock(store.mutex);
+        store.idle.push_back(std::move(scanners_));
+    }
+    ScannerLease(const ScannerLease&) = delete;
+    ScannerLease& operator=(const ScannerLease&) = delete;
+    Scanners* operator->() const { return scanners_.get(); }
+
+private:
+    std::unique_ptr<Scanners> scanners_;
+};
 
 // Null, with one warning per path and process, when the file can't be read.
 std::shared_ptr<const Predictor> loadPredictor(const std::string& path)
@@ -190,11 +324,24 @@ dlib::rectangle scaleRect(const dlib::rectangle& r, double factor, double dx, do
                            std::lround((r.bottom() + 1) / factor + dy) - 1);
 }
 
-double overlap(const dlib::rectangle& a, const dlib::rectangle& b)
+dlib::rectangle toDlib(const cv::Rect& r)
 {
-    const double inter = static_cast<double>(a.intersect(b).area());
-    const double uni = static_cast<double>(a.area() + b.area()) - inter;
-    return uni > 0 ? inter / uni : 0.0;
+    return dlib::rectangle(r.x, r.y, r.x + r.width - 1, r.y + r.height - 1);
+}
+
+cv::Rect2d toRect2d(const dlib::rectangle& r)
+{
+    return cv::Rect2d(r.left(), r.top(), r.width(), r.height());
+}
+
+// Whether two boxes stand for one face: they overlap well, or one's centre
+// lies in the other and their sizes are alike.
+bool sameFace(const dlib::rectangle& a, const dlib::rectangle& b)
+{
+    if (smoothing::FaceFilter::overlap(toRect2d(a), toRect2d(b)) > 0.3)
+        return true;
+    const double ratio = static_cast<double>(a.width()) / std::max<double>(1.0, b.width());
+    return ratio > 0.6 && ratio < 1.6 && (a.contains(dlib::center(b)) || b.contains(dlib::center(a)));
 }
 
 std::vector<cv::Point2d> layout98(const dlib::full_object_detection& shape)
@@ -255,21 +402,20 @@ struct Pose {
     double pitch = 0, yaw = 0, roll = 0;
 };
 
-Pose estimatePose(const dlib::full_object_detection& shape, const cv::Size& pictureSize)
+// `points`: the 98 key points of kvodnnl.h.
+Pose estimatePose(const std::vector<cv::Point2d>& points, const cv::Size& pictureSize)
 {
     // A plain array: no destructor runs at exit under a detector still at work.
     static const cv::Point3d genericFace[] = {
-        {0.0, 0.0, 0.0},          // nose tip (30)
-        {0.0, 382.0, 100.0},      // chin (8)
-        {-225.0, -185.0, 175.0},  // outer corner of the left eye (36)
-        {225.0, -185.0, 175.0},   // outer corner of the right eye (45)
-        {-170.0, 100.0, 150.0},   // left mouth corner (48)
-        {170.0, 100.0, 150.0},    // right mouth corner (54)
+        {0.0, 0.0, 0.0},          // nose tip (54)
+        {0.0, 382.0, 100.0},      // chin (16)
+        {-225.0, -185.0, 175.0},  // outer corner of the left eye (60)
+        {225.0, -185.0, 175.0},   // outer corner of the right eye (72)
+        {-170.0, 100.0, 150.0},   // left mouth corner (76)
+        {170.0, 100.0, 150.0},    // right mouth corner (82)
     };
     const std::vector<cv::Point3d> generic(std::begin(genericFace), std::end(genericFace));
-    const std::vector<cv::Point2d> seen = {toPoint(shape.part(30)), toPoint(shape.part(8)),
-                                           toPoint(shape.part(36)), toPoint(shape.part(45)),
-                                           toPoint(shape.part(48)), toPoint(shape.part(54))};
+    const std::vector<cv::Point2d> seen = {points[54], points[16], points[60], points[72], points[76], points[82]};
 
     const double focal = pictureSize.width;
     const cv::Matx33d camera(focal, 0, pictureSize.width / 2.0, 0, focal, pictureSize.height / 2.0, 0, 0, 1);
@@ -307,10 +453,297 @@ Pose estimatePose(const dlib::full_object_detection& shape, const cv::Size& pict
     return pose;
 }
 
+
 struct Detection {
     dlib::rectangle box;  // pixels of the picture
     double score = 0;
 };
+
+using Clock = std::chrono::steady_clock;
+
+double millisecondsSince(Clock::time_point start)
+{
+    return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
+}
+
+// A grey picture handed to Run, shared by the calling thread and the search
+// thread, with its 32 x 32 signature of patch means.
+struct Picture {
+    cv::Mat grey;
+    cv::Mat thumb;
+};
+using PicturePtr = std::shared_ptr<const Picture>;
+
+// A few thousand pixel reads whatever the picture's size.
+cv::Mat signature(const cv::Mat& picture)
+{
+    cv::Mat thumb(kThumbSide, kThumbSide, CV_32F);
+    for (int gy = 0; gy < kThumbSide; ++gy) {
+        const int cy = std::max(0, std::min(picture.rows - kPatch, (2 * gy + 1) * picture.rows / (2 * kThumbSide)));
+        for (int gx = 0; gx < kThumbSide; ++gx) {
+            const int cx = std::max(0, std::min(picture.cols - kPatch, (2 * gx + 1) * picture.cols / (2 * kThumbSide)));
+            int sum = 0, count = 0;
+            for (int y = cy; y < cy + kPatch && y < picture.rows; ++y) {
+                const uchar* row = picture.ptr<uchar>(y);
+                for (int x = cx; x < cx + kPatch && x < picture.cols; ++x, ++count)
+                    sum += row[x];
+            }
+            thumb.at<float>(gy, gx) = count ? static_cast<float>(sum) / count : 0.f;
+        }
+    }
+    return thumb;
+}
+
+// Mean absolute difference of two pictures' signatures; large for pictures
+// of different sizes.
+double difference(const Picture& a, const Picture& b)
+{
+    if (a.grey.size() != b.grey.size())
+        return 1e9;
+    return cv::norm(a.thumb, b.thumb, cv::NORM_L1) / (kThumbSide * kThumbSide);
+}
+
+// Whether `b` is a new picture after `a`: different on the whole, or in a
+// few places by much (a face come or gone).
+bool newPicture(const Picture& a, const Picture& b)
+{
+    if (difference(a, b) > kChangeThreshold)
+        return true;
+    cv::Mat changed;
+    cv::absdiff(a.thumb, b.thumb, changed);
+    return cv::countNonZero(changed > kChangedPatch) >= kChangedPatches;
+}
+
+// The box's part of the picture reduced to kPatchSide x kPatchSide; empty when
+// the box lies outside the picture.
+cv::Mat patchOf(const cv::Mat& picture, const dlib::rectangle& box)
+{
+    const cv::Rect inside = cv::Rect(static_cast<int>(box.left()), static_cast<int>(box.top()),
+                                     static_cast<int>(box.width()), static_cast<int>(box.height()))
+        & cv::Rect(0, 0, picture.cols, picture.rows);
+    cv::Mat patch;
+    if (inside.width >= kPatchSide && inside.height >= kPatchSide)
+        cv::resize(picture(inside), patch, cv::Size(kPatchSide, kPatchSide), 0, 0, cv::INTER_AREA);
+    return patch;
+}
+
+// The best face near `box`: the HOG detector run over a square of
+// kNearRegion box sizes round the box's centre, scaled so that the box
+// measures kNearFace pixels. The face must lie within half a box width of the
+// old centre and be of a similar size.
+bool searchNear(const cv::Mat& picture, const dlib::rectangle& box, double threshold, HogDetector& hog,
+                Detection& result)
+{
+    const double w = static_cast<double>(box.width());
+    const double h = static_cast<double>(box.height());
+    const cv::Point2d centre(box.left() + w / 2.0, box.top() + h / 2.0);
+    const cv::Rect region = cv::Rect(cvRound(centre.x - w * kNearRegion / 2), cvRound(centre.y - h * kNearRegion / 2),
+                                     cvRound(w * kNearRegion), cvRound(h * kNearRegion))
+        & cv::Rect(0, 0, picture.cols, picture.rows);
+    const double scale = kNearFace / std::max(1.0, std::max(w, h));
+    if (region.width * scale < kHogWindow || region.height * scale < kHogWindow)
+        return false;
+
+    cv::Mat scanned;
+    cv::resize(picture(region), scanned, cv::Size(), scale, scale, scale < 1.0 ? cv::INTER_AREA : cv::INTER_LINEAR);
+    std::vector<dlib::rect_detection> hits;
+    hog(dlib::cv_image<unsigned char>(scanned), hits, threshold);
+
+    bool found = false;
+    double bestDistance = 0.5 * w;
+    for (const dlib::rect_detection& hit : hits) {
+        const dlib::rectangle r = scaleRect(hit.rect, scale, region.x, region.y);
+        const double rw = static_cast<double>(r.width());
+        const double distance
+            = std::hypot(r.left() + rw / 2.0 - centre.x, r.top() + r.height() / 2.0 - centre.y);
+        if (distance <= bestDistance && rw > 0.6 * w && rw < 1.6 * w) {
+            bestDistance = distance;
+            result = {r, hit.detection_confidence};
+            found = true;
+        }
+    }
+    return found;
+}
+
+// ---------------------------------------------------------------------------
+// Search of the whole picture
+//
+// A search is cut into tasks of a few milliseconds each, so that the
+// detector's own thread and, when the search falls behind, the calling thread
+// can share it, and so that it can follow a picture that keeps changing:
+//   Hog      the HOG detector on the picture reduced so that the smallest
+//            faces it looks for measure its window: one pyramid level a
+//            task for the larger levels, the rest of the pyramid in one
+//   Cascade  the cascade on a band of face sizes, over a part of the picture
+//            reduced so that the band's smallest faces measure its window
+//   Confirm  a candidate of the other two, searched for with the HOG
+//            detector near its place at kNearFace pixels
+// Every task scans the latest picture handed in when it starts. A new search
+// marks all the plan's tasks to do again and goes on from where the last one
+// stood, so that a picture that changes at every call is still searched
+// whole, one part after the other.
+// ---------------------------------------------------------------------------
+struct Task {
+    enum Kind { Hog, Cascade, Confirm } kind = Hog;
+    double scale = 1;           // Hog, Cascade: reduction of the picture before the scan
+    bool restOfPyramid = false; // Hog: this level and all smaller ones
+    cv::Rect tile;              // Cascade: part of the picture scanned
+    int smallest = 0, largest = 0;  // Cascade: window sizes scanned in the reduced part
+    dlib::rectangle box;        // Confirm: the candidate
+    double work = 0;            // millions of HOG pixels or of cascade windows
+};
+
+// Millions of pixels that a HOG pyramid scans, for a base level of `pixels`:
+// each level is 5/6 of the one before on each side.
+constexpr double kPyramidSum = 1.0 / (1.0 - 25.0 / 36.0);
+// Most work for one task of the plan, in millions of HOG pixels and of
+// cascade windows: a few milliseconds each.
+constexpr double kTaskHogPixels = 0.25;
+constexpr double kTaskCascadeWindows = 0.09;
+
+// Cuts a scan into strips of rows, each taking at most `maxWork`, that
+// overlap by `margin` rows so that no face of the scan is cut in two.
+void addStrips(std::vector<Task>& out, Task scan, cv::Size size, double work, double maxWork, int margin)
+{
+    const int parts = std::max(1, std::min(8, static_cast<int>(std::ceil(work / maxWork))));
+    for (int p = 0; p < parts; ++p) {
+        const int top = std::max(0, size.height * p / parts - margin / 2);
+        const int bottom = std::min(size.height, size.height * (p + 1) / parts + margin / 2);
+        scan.tile = cv::Rect(0, top, size.width, bottom - top);
+        scan.work = work * scan.tile.height / size.height;
+        out.push_back(scan);
+    }
+}
+
+// Milliseconds per million HOG pixels and per million cascade windows, as
+// measured over the process's recent tasks.
+std::atomic<double> hogRate{30.0};
+std::atomic<double> cascadeRate{150.0};
+
+// Milliseconds to fit the key points of one face.
+std::atomic<double> fitRate{2.0};
+
+double estimate(const Task& task)
+{
+    return task.work * (task.kind == Task::Cascade ? cascadeRate : hogRate).load(std::memory_order_relaxed);
+}
+
+void measured(const Task& task, double milliseconds)
+{
+    if (task.work <= 0)
+        return;
+    std::atomic<double>& rate = task.kind == Task::Cascade ? cascadeRate : hogRate;
+    const double old = rate.load(std::memory_order_relaxed);
+    rate.store(old + 0.2 * (milliseconds / task.work - old), std::memory_order_relaxed);
+}
+
+std::vector<Task> planSearch(cv::Size size)
+{
+    std::vector<Task> hog, cascade;
+    const double shorter = std::min(size.width, size.height);
+    const double hogSmallest = std::max(kHogWindow, kHogSmallestFraction * shorter);
+    // The larger pyramid levels one at a time, the rest together.
+    double scale = kHogWindow / hogSmallest;  // at most 1
+    for (int level = 0; level < 6 && shorter * scale >= kHogWindow; ++level, scale *= 5.0 / 6.0) {
+        Task t;
+        t.kind = Task::Hog;
+        t.scale = scale;
+        t.restOfPyramid = level == 5;
+        const double pixels = size.area() * scale * scale * 1e-6;
+        if (t.restOfPyramid) {
+            t.tile = cv::Rect(cv::Point(), size);
+            t.work = pixels * kPyramidSum;
+            hog.push_back(t);
+        } else {
+            addStrips(hog, t, size, pixels, kTaskHogPixels, static_cast<int>(1.25 * kHogWindow / scale));
+        }
+    }
+    // The cascade on octaves of face sizes up to a little over the HOG pass's
+    // smallest, each on the picture reduced so that the octave's smallest
+    // faces measure the cascade's window. The cascade steps through the
+    // octave by kCascadeStep with a stride of two pixels.
+    const double smallest = std::max(kSmallestFace, kSmallestFraction * shorter);
+    for (double low = smallest; low < 1.1 * hogSmallest; low *= 2) {
+        const double high = std::min(2 * low, 1.1 * hogSmallest);
+        Task t;
+        t.kind = Task::Cascade;
+        t.scale = kCascadeWindow / low;
+        t.smallest = static_cast<int>(kCascadeWindow);
+        t.largest = static_cast<int>(std::ceil(high * t.scale));
+        double windows = 0;
+        for (double s = 1; s * kCascadeWindow <= t.largest; s *= kCascadeStep)
+            windows += size.area() * t.scale * t.scale / (4 * s * s) * 1e-6;
+        addStrips(cascade, t, size, windows, kTaskCascadeWindows, static_cast<int>(std::ceil(1.1 * high)));
+    }
+    // Larger faces are the likelier and the cheaper to find: the coarse
+    // levels and octaves first, the cascade's parts woven in between.
+    std::reverse(hog.begin(), hog.end());
+    std::reverse(cascade.begin(), cascade.end());
+    std::vector<Task> plan;
+    for (size_t i = 0; i < std::max(hog.size(), cascade.size()); ++i) {
+        if (i < hog.size())
+            plan.push_back(hog[i]);
+        if (i < cascade.size())
+            plan.push_back(cascade[i]);
+    }
+    return plan;
+}
+
+// Candidates (Hog, Cascade) or a confirmed face (Confirm) of one task.
+std::vector<Detection> runTask(const Task& task, const cv::Mat& picture, Scanners& scanners)
+{
+    std::vector<Detection> out;
+    if (task.kind == Task::Confirm) {
+        Detection d;
+        if (searchNear(picture, task.box, kConfirmScore, scanners.hog, d))
+            out.push_back(d);
+        return out;
+    }
+    cv::Mat reduced;
+    const cv::Rect tile = task.tile & cv::Rect(0, 0, picture.cols, picture.rows);
+    if (tile.empty())
+        return out;
+    if (task.scale < 1.0)
+        cv::resize(picture(tile), reduced, cv::Size(), task.scale, task.scale, cv::INTER_AREA);
+    else
+        reduced = picture(tile);
+    if (task.kind == Task::Hog) {
+        std::vector<dlib::rect_detection> hits;
+        HogDetector& hog = task.restOfPyramid ? scanners.hog : scanners.hogLevel;
+        hog(dlib::cv_image<unsigned char>(reduced), hits, 0.0);
+        for (const dlib::rect_detection& hit : hits)
+            out.push_back({scaleRect(hit.rect, task.scale, tile.x, tile.y), hit.detection_confidence});
+    } else if (scanners.hasCascade) {
+        // Every window that passes the cascade, strongest first, one a face:
+        // grouping neighbours, as the cascade does by default, loses faces
+        // that only a window or two pass. The cascade runs inside a loop of
+        // OpenCV's own, which keeps it from spreading over all processors: the
+        // calling thread keeps the others.
+        std::vector<cv::Rect> hits;
+        std::vector<int> levels;
+        std::vector<double> weights;
+        cv::parallel_for_(cv::Range(0, 1), [&](const cv::Range&) {
+            scanners.cascade.detectMultiScale(reduced, hits, levels, weights, kCascadeStep, 0, 0,
+                                              cv::Size(task.smallest, task.smallest),
+                                              cv::Size(task.largest, task.largest), true);
+        });
+        std::vector<size_t> order(hits.size());
+        for (size_t i = 0; i < order.size(); ++i)
+            order[i] = i;
+        std::sort(order.begin(), order.end(), [&](size_t a, size_t b) { return weights[a] > weights[b]; });
+        for (size_t i : order) {
+            if (weights[i] < kCandidateWeight || out.size() >= kCandidatesPerTask)
+                break;
+            const dlib::rectangle box = scaleRect(toDlib(hits[i]), task.scale, tile.x, tile.y);
+            bool seen = false;
+            for (const Detection& d : out)
+                seen = seen || sameFace(d.box, box);
+            if (!seen)
+                out.push_back({box, weights[i]});
+        }
+    }
+    return out;
+}
 
 }  // namespace
 
@@ -319,167 +752,421 @@ struct Detection {
 // ---------------------------------------------------------------------------
 class FaceDetectorImpl {
 public:
+    FaceDetectorImpl();
+    ~FaceDetectorImpl();
+
     std::vector<FaceDetector::Face> faces;
 
     void run(const cv::Mat& image, bool searchWholePicture);
+    void forget();
 
 private:
+    // What the search shares between the threads, under `mutex`.
+    struct Found {
+        Detection detection;
+        PicturePtr picture;  // where it was confirmed
+    };
+    struct Shared {
+        std::vector<Task> plan;         // the tasks of a whole search of pictures of planSize
+        cv::Size planSize;
+        std::vector<uint64_t> takenFor; // the search each plan task was last taken for
+        size_t cursor = 0;              // the plan task to try first
+        std::deque<Task> confirms;      // candidates waiting
+        std::vector<dlib::rectangle> known;       // faces followed when the search began, and confirmed since
+        std::vector<dlib::rectangle> candidates;  // candidates taken in this search
+        std::vector<Found> found;       // confirmed faces not yet handed out
+        uint64_t search = 0;            // the latest search; 0 before the first
+        int running = 0;                // tasks at work
+        Clock::time_point workerEnds;   // when the detector's thread should end its task
+        PicturePtr latest;
+        bool stop = false;
+    };
+
     bool ensureModels();
-    bool pictureChanged(const cv::Mat& grey);
-    std::vector<Detection> searchWholePicture(const cv::Mat& grey);
-    bool followFaces(const cv::Mat& grey, std::vector<Detection>& found);
-    void addFace(const cv::Mat& grey, const Detection& detection);
+    void workLoop();
+    bool searching() const;  // with the lock held
+    const Task* nextTask(size_t& planIndex) const;
+    bool takeTask(Task& task, uint64_t& search);
+    void finishTask(const Task& task, uint64_t search, const PicturePtr& picture, const std::vector<Detection>& out,
+                    double milliseconds);
+    void startSearch(const std::vector<Detection>& followed, bool urgent);
+    void help(Clock::time_point start, bool finish, double reserve);
+    void merge(const PicturePtr& picture, std::vector<Detection>& followed, Clock::time_point start, bool all);
+    void output(const cv::Mat& grey, const std::vector<Detection>& detections);
 
     std::string modelPath = modelPathFromEnvironment();
     bool modelsTried = false;
-    std::unique_ptr<HogDetector> hog;
     std::shared_ptr<const Predictor> predictor;
     bool warnedInput = false;
 
-    cv::Mat grey;
-    cv::Mat reduced;
-    cv::Mat thumb;
-    cv::Mat lastThumb;
-    cv::Size lastPictureSize;
-    std::vector<dlib::rectangle> tracks;
-    int trackedRuns = 0;
+    // A face of the last call, and a small grey copy of its box as it was
+    // when the HOG detector last found it there.
+    struct Track {
+        Detection detection;
+        cv::Mat patch;
+        int unchecked = 0;  // calls since the HOG detector last found it
+    };
+    std::vector<Track> follow(const Picture& picture, bool& lost);
+
+    PicturePtr last;
+    std::vector<Track> tracks;
+    smoothing::FaceFilter filter;
+    int callsSinceSearch = 0;  // calls since the latest search began
+    bool urgent = false;       // the latest search must end by its kSearchCalls-th call
+    bool stillSinceSearch = false;
+
+    mutable std::mutex mutex;
+    std::condition_variable wake;
+    Shared shared;
+    std::thread worker;
 };
+
+FaceDetectorImpl::FaceDetectorImpl()
+{
+    if (ensureModels()) {
+        prepareScanners(2);
+        worker = std::thread([this] { workLoop(); });
+    }
+}
+
+FaceDetectorImpl::~FaceDetectorImpl()
+{
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        shared.stop = true;
+    }
+    wake.notify_all();
+    if (worker.joinable())
+        worker.join();
+}
 
 bool FaceDetectorImpl::ensureModels()
 {
     if (!modelsTried) {
         modelsTried = true;
         predictor = loadPredictor(modelPath);
-        if (predictor)
-            hog = std::make_unique<HogDetector>(copyHogDetector());
     }
-    return predictor && hog;
+    return predictor != nullptr;
 }
 
-// A 32 x 32 grid of small patch means stands for the picture; it costs a few
-// thousand pixel reads whatever the picture's size.
-bool FaceDetectorImpl::pictureChanged(const cv::Mat& picture)
+bool FaceDetectorImpl::searching() const
 {
-    thumb.create(kThumbSide, kThumbSide, CV_32F);
-    for (int gy = 0; gy < kThumbSide; ++gy) {
-        const int cy = std::min(picture.rows - kPatch, (2 * gy + 1) * picture.rows / (2 * kThumbSide));
-        for (int gx = 0; gx < kThumbSide; ++gx) {
-            const int cx = std::min(picture.cols - kPatch, (2 * gx + 1) * picture.cols / (2 * kThumbSide));
-            int sum = 0;
-            for (int y = std::max(0, cy); y < std::max(0, cy) + kPatch && y < picture.rows; ++y) {
-                const uchar* row = picture.ptr<uchar>(y);
-                for (int x = std::max(0, cx); x < std::max(0, cx) + kPatch && x < picture.cols; ++x)
-                    sum += row[x];
-            }
-            thumb.at<float>(gy, gx) = static_cast<float>(sum) / (kPatch * kPatch);
-        }
-    }
-    bool changed = true;
-    if (!lastThumb.empty() && lastPictureSize == picture.size())
-        changed = cv::norm(thumb, lastThumb, cv::NORM_L1) / (kThumbSide * kThumbSide) > kChangeThreshold;
-    std::swap(thumb, lastThumb);
-    lastPictureSize = picture.size();
-    return changed;
+    if (!shared.confirms.empty() || shared.running > 0)
+        return true;
+    for (uint64_t taken : shared.takenFor)
+        if (taken < shared.search)
+            return true;
+    return false;
 }
 
-std::vector<Detection> FaceDetectorImpl::searchWholePicture(const cv::Mat& picture)
+// Confirmations first, then the plan's next task not yet taken for the
+// latest search. The lock is held.
+const Task* FaceDetectorImpl::nextTask(size_t& planIndex) const
 {
-    const int shorter = std::min(picture.cols, picture.rows);
-    const double scale = std::min(1.0, kHogWindow / (kSmallestFaceFraction * shorter));
-    const cv::Mat* scanned = &picture;
-    if (scale < 1.0) {
-        cv::resize(picture, reduced, cv::Size(), scale, scale, cv::INTER_AREA);
-        scanned = &reduced;
+    planIndex = shared.plan.size();
+    if (!shared.confirms.empty())
+        return &shared.confirms.front();
+    for (size_t k = 0; k < shared.plan.size(); ++k) {
+        const size_t i = (shared.cursor + k) % shared.plan.size();
+        if (shared.takenFor[i] < shared.search) {
+            planIndex = i;
+            return &shared.plan[i];
+        }
     }
-    std::vector<dlib::rect_detection> hits;
-    (*hog)(dlib::cv_image<unsigned char>(*scanned), hits, kWholePictureThreshold);
-
-    std::vector<Detection> found;
-    for (const dlib::rect_detection& hit : hits)
-        found.push_back({scaleRect(hit.rect, scanned == &picture ? 1.0 : scale, 0, 0), hit.detection_confidence});
-    return found;
+    return nullptr;
 }
 
-// Searches each face of the previous call near its old place. False when one
-// of them is not found there, or two of them turn into one.
-bool FaceDetectorImpl::followFaces(const cv::Mat& picture, std::vector<Detection>& found)
+bool FaceDetectorImpl::takeTask(Task& task, uint64_t& search)
 {
-    found.clear();
-    const cv::Rect whole(0, 0, picture.cols, picture.rows);
-    for (const dlib::rectangle& track : tracks) {
-        const double w = static_cast<double>(track.width());
-        const double h = static_cast<double>(track.height());
-        const cv::Point2d centre(track.left() + w / 2.0, track.top() + h / 2.0);
-        const cv::Rect region = cv::Rect(cvRound(centre.x - w * kTrackRegion / 2), cvRound(centre.y - h * kTrackRegion / 2),
-                                         cvRound(w * kTrackRegion), cvRound(h * kTrackRegion))
-            & whole;
-        if (region.width < kHogWindow / 2 || region.height < kHogWindow / 2)
-            return false;
-
-        const double scale = std::min(1.0, kTrackFaceSize / std::max(w, h));
-        const cv::Mat* scanned;
-        cv::Mat view = picture(region);
-        if (scale < 1.0) {
-            cv::resize(view, reduced, cv::Size(), scale, scale, cv::INTER_AREA);
-            scanned = &reduced;
-        } else {
-            scanned = &view;
-        }
-        std::vector<dlib::rect_detection> hits;
-        (*hog)(dlib::cv_image<unsigned char>(*scanned), hits);
-
-        // The hit nearest the old centre, if it is near enough and of a
-        // similar size.
-        const Detection* best = nullptr;
-        Detection candidate;
-        double bestDistance = 0.5 * w;
-        for (const dlib::rect_detection& hit : hits) {
-            const dlib::rectangle box = scaleRect(hit.rect, scanned == &view ? 1.0 : scale, region.x, region.y);
-            const double bw = static_cast<double>(box.width());
-            const double dx = box.left() + bw / 2.0 - centre.x;
-            const double dy = box.top() + box.height() / 2.0 - centre.y;
-            const double distance = std::hypot(dx, dy);
-            if (distance <= bestDistance && bw > 0.6 * w && bw < 1.6 * w) {
-                bestDistance = distance;
-                candidate = {box, hit.detection_confidence};
-                best = &candidate;
-            }
-        }
-        if (!best)
-            return false;
-        for (const Detection& other : found)
-            if (overlap(other.box, best->box) > 0.5)
-                return false;
-        found.push_back(*best);
+    size_t i = 0;
+    const Task* next = nextTask(i);
+    if (!next)
+        return false;
+    task = *next;
+    search = shared.search;
+    ++shared.running;
+    if (i < shared.plan.size()) {
+        shared.takenFor[i] = shared.search;
+        shared.cursor = (i + 1) % shared.plan.size();
+    } else {
+        shared.confirms.pop_front();
     }
     return true;
 }
 
-void FaceDetectorImpl::addFace(const cv::Mat& picture, const Detection& detection)
+// The lock is held.
+void FaceDetectorImpl::finishTask(const Task& task, uint64_t search, const PicturePtr& picture,
+                                  const std::vector<Detection>& out, double milliseconds)
 {
-    const dlib::full_object_detection shape = (*predictor)(dlib::cv_image<unsigned char>(picture), detection.box);
-    if (shape.num_parts() != 68)
+    --shared.running;
+    measured(task, milliseconds);
+    if (picture->grey.size() != shared.planSize)
+        return;  // the picture's size changed meanwhile
+    if (task.kind == Task::Confirm) {
+        for (const Detection& d : out) {
+            shared.found.push_back({d, picture});
+            if (search == shared.search)
+                shared.known.push_back(d.box);
+        }
         return;
-
-    FaceDetector::Face face;
-    const std::vector<cv::Point2d> points = layout98(shape);
-    face.points.reserve(196);
-    for (const cv::Point2d& p : points) {
-        face.points.push_back(cvRound(p.x));
-        face.points.push_back(cvRound(p.y));
     }
-    face.box = {static_cast<int>(detection.box.left()), static_cast<int>(detection.box.top()),
-                static_cast<int>(detection.box.right() + 1), static_cast<int>(detection.box.bottom() + 1)};
-    const Pose pose = estimatePose(shape, picture.size());
-    face.triple = {static_cast<int>(std::lround(pose.pitch)), static_cast<int>(std::lround(pose.yaw)),
-                   static_cast<int>(std::lround(pose.roll))};
-    face.floatsA = {static_cast<float>(pose.pitch), static_cast<float>(pose.yaw), static_cast<float>(pose.roll)};
-    face.floatsC = {static_cast<float>(detection.score)};
-    faces.push_back(std::move(face));
+    // A candidate of a face already known is dropped, and so is one much like
+    // a candidate already taken; one that merely overlaps a candidate taken is
+    // confirmed on its own, as the two may place the face differently.
+    for (const Detection& candidate : out) {
+        bool seen = false;
+        for (const dlib::rectangle& k : shared.known)
+            seen = seen || sameFace(k, candidate.box);
+        for (const dlib::rectangle& k : shared.candidates)
+            seen = seen || smoothing::FaceFilter::overlap(toRect2d(k), toRect2d(candidate.box)) > 0.5;
+        if (seen)
+            continue;
+        shared.candidates.push_back(candidate.box);
+        Task confirm;
+        confirm.kind = Task::Confirm;
+        confirm.box = candidate.box;
+        const double side = kNearFace * kNearRegion;
+        confirm.work = side * side * kPyramidSum * 1e-6;
+        shared.confirms.push_back(confirm);
+    }
+}
+
+void FaceDetectorImpl::workLoop()
+{
+    std::unique_lock<std::mutex> lock(mutex);
+    bool warned = false;
+    for (;;) {
+        Task task;
+        uint64_t search = 0;
+        wake.wait(lock, [&] { return shared.stop || (shared.latest && takeTask(task, search)); });
+        if (shared.stop)
+            return;
+        const PicturePtr picture = shared.latest;
+        const Clock::time_point start = Clock::now();
+        shared.workerEnds = start
+            + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double, std::milli>(estimate(task)));
+        lock.unlock();
+        std::vector<Detection> out;
+        try {
+            ScannerLease scanners;
+            out = runTask(task, picture->grey, *scanners.operator->());
+        } catch (const std::exception& e) {
+            if (!warned)
+                std::fprintf(stderr, "kvodnnl: a search of the whole picture failed: %s\n", e.what());
+            warned = true;
+        }
+        const double spent = millisecondsSince(start);
+        lock.lock();
+        finishTask(task, search, picture, out, spent);
+        wake.notify_all();
+    }
+}
+
+// A new search: every task of the plan is to be done again, for the latest
+// picture. Faces followed now need no confirming. The lock is held.
+void FaceDetectorImpl::startSearch(const std::vector<Detection>& followed, bool mustEnd)
+{
+    ++shared.search;
+    shared.known.clear();
+    shared.candidates.clear();
+    for (const Detection& d : followed)
+        shared.known.push_back(d.box);
+    callsSinceSearch = 1;
+    urgent = mustEnd;
+}
+
+// Takes on tasks of the search while they fit into the call's budget, or,
+// when `finish`, until the search is done, waiting for the detector's thread
+// to end those it works on.
+void FaceDetectorImpl::help(Clock::time_point start, bool finish, double reserve)
+{
+    std::unique_lock<std::mutex> lock(mutex);
+    while (searching()) {
+        size_t index = 0;
+        const Task* next = nextTask(index);
+        if (!next) {
+            // All tasks taken: wait for the detector's thread if it should
+            // end its own within the budget.
+            if (finish) {
+                wake.wait(lock);
+                continue;
+            }
+            const Clock::time_point deadline = start
+                + std::chrono::duration_cast<Clock::duration>(
+                                                   std::chrono::duration<double, std::milli>(kHelpBudgetMs - reserve));
+            if (shared.workerEnds > deadline || wake.wait_until(lock, deadline) == std::cv_status::timeout)
+                return;
+            continue;
+        }
+        if (!finish && millisecondsSince(start) + estimate(*next) + reserve > kHelpBudgetMs)
+            return;
+        Task task;
+        uint64_t search = 0;
+        takeTask(task, search);
+        const PicturePtr picture = shared.latest;
+        lock.unlock();
+        std::vector<Detection> out;
+        const Clock::time_point taskStart = Clock::now();
+        try {
+            ScannerLease scanners;
+            out = runTask(task, picture->grey, *scanners.operator->());
+        } catch (...) {
+            lock.lock();
+            finishTask(task, search, picture, out, millisecondsSince(taskStart));
+            throw;
+        }
+        const double spent = millisecondsSince(taskStart);
+        lock.lock();
+        finishTask(task, search, picture, out, spent);
+    }
+}
+
+// Adds the faces that the search confirmed and that are not followed yet.
+// Those confirmed on another picture than this call's are searched for near
+// their place first. Unless `all`, faces beyond the call's budget wait for
+// the next call.
+void FaceDetectorImpl::merge(const PicturePtr& picture, std::vector<Detection>& followed, Clock::time_point start,
+                             bool all)
+{
+    std::vector<Found> found, later;
+    double confirmMilliseconds = 0;
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        found.swap(shared.found);
+        const double side = kNearFace * kNearRegion;
+        confirmMilliseconds = side * side * kPyramidSum * 1e-6 * hogRate.load(std::memory_order_relaxed);
+    }
+    if (found.empty())
+        return;
+    std::unique_ptr<ScannerLease> scanners;
+    for (const Found& f : found) {
+        const auto followedAlready = [&](const dlib::rectangle& box) {
+            for (const Detection& d : followed)
+                if (sameFace(d.box, box))
+                    return true;
+            return false;
+        };
+        if (followedAlready(f.detection.box))
+            continue;
+        const bool same = difference(*f.picture, *picture) <= kSameThreshold;
+        const double fit = fitRate.load(std::memory_order_relaxed);
+        if (!all
+            && millisecondsSince(start) + (same ? 0.0 : confirmMilliseconds) + fit * (followed.size() + 1)
+                > kMergeBudgetMs) {
+            later.push_back(f);
+            continue;
+        }
+        if (same) {
+            followed.push_back(f.detection);
+            continue;
+        }
+        if (!scanners)
+            scanners = std::make_unique<ScannerLease>();
+        Detection d;
+        if (searchNear(picture->grey, f.detection.box, 0.0, (*scanners)->hog, d) && !followedAlready(d.box))
+            followed.push_back(d);
+    }
+    if (!later.empty()) {
+        std::lock_guard<std::mutex> lock(mutex);
+        shared.found.insert(shared.found.end(), later.begin(), later.end());
+    }
+}
+
+// Fits the key points to each face, smooths them with those of the last
+// call and fills `faces`.
+void FaceDetectorImpl::output(const cv::Mat& grey, const std::vector<Detection>& detections)
+{
+    std::vector<smoothing::FaceFilter::Face> fitted;
+    std::vector<double> scores;
+    for (const Detection& detection : detections) {
+        const Clock::time_point fitStart = Clock::now();
+        const dlib::full_object_detection shape = (*predictor)(dlib::cv_image<unsigned char>(grey), detection.box);
+        const double old = fitRate.load(std::memory_order_relaxed);
+        fitRate.store(old + 0.2 * (millisecondsSince(fitStart) - old), std::memory_order_relaxed);
+        if (shape.num_parts() != 68)
+            continue;
+        smoothing::FaceFilter::Face face;
+        face.box = cv::Rect2d(detection.box.left(), detection.box.top(), detection.box.width(),
+                              detection.box.height());
+        face.points = layout98(shape);
+        face.eyeA = 96;
+        face.eyeB = 97;
+        fitted.push_back(std::move(face));
+        scores.push_back(detection.score);
+    }
+    filter.update(fitted);
+
+    for (size_t i = 0; i < fitted.size(); ++i) {
+        const smoothing::FaceFilter::Face& smoothed = fitted[i];
+        FaceDetector::Face face;
+        face.points.reserve(196);
+        for (const cv::Point2d& p : smoothed.points) {
+            face.points.push_back(cvRound(p.x));
+            face.points.push_back(cvRound(p.y));
+        }
+        face.box = {cvRound(smoothed.box.x), cvRound(smoothed.box.y), cvRound(smoothed.box.br().x),
+                    cvRound(smoothed.box.br().y)};
+        const Pose pose = estimatePose(smoothed.points, grey.size());
+        face.triple = {static_cast<int>(std::lround(pose.pitch)), static_cast<int>(std::lround(pose.yaw)),
+                       static_cast<int>(std::lround(pose.roll))};
+        face.floatsA = {static_cast<float>(pose.pitch), static_cast<float>(pose.yaw), static_cast<float>(pose.roll)};
+        face.floatsC = {static_cast<float>(scores[i])};
+        faces.push_back(std::move(face));
+    }
+}
+
+// The faces of the last call in a new picture. A face whose box looks as it
+// did when the HOG detector last found it there keeps its box for up to
+// kRecheckCalls calls; any other is searched for near its old place, and
+// `lost` is set when one of them is not found.
+std::vector<FaceDetectorImpl::Track> FaceDetectorImpl::follow(const Picture& picture, bool& lost)
+{
+    std::vector<Track> kept;
+    std::unique_ptr<ScannerLease> scanners;
+    for (const Track& track : tracks) {
+        Track next;
+        const cv::Mat patch = patchOf(picture.grey, track.detection.box);
+        if (track.unchecked + 1 < kRecheckCalls && !patch.empty() && patch.size() == track.patch.size()
+            && cv::norm(patch, track.patch, cv::NORM_L1) / patch.total() <= kStillPatch) {
+            next = track;
+            ++next.unchecked;
+        } else {
+            if (!scanners)
+                scanners = std::make_unique<ScannerLease>();
+            if (!searchNear(picture.grey, track.detection.box, 0.0, (*scanners)->hog, next.detection)) {
+                lost = true;
+                continue;
+            }
+            // A face found where it was keeps its box, so that its key points
+            // don't follow the box's steps between pyramid levels.
+            if (smoothing::FaceFilter::overlap(toRect2d(next.detection.box), toRect2d(track.detection.box))
+                >= kKeepBoxOverlap)
+                next.detection.box = track.detection.box;
+            next.patch = patchOf(picture.grey, next.detection.box);
+        }
+        bool twice = false;
+        for (const Track& other : kept)
+            twice = twice || sameFace(other.detection.box, next.detection.box);
+        if (!twice)
+            kept.push_back(next);
+    }
+    return kept;
+}
+
+// After a picture that can't be read: no face is followed into the next one.
+void FaceDetectorImpl::forget()
+{
+    tracks.clear();
+    filter.clear();
+    last.reset();
+    std::lock_guard<std::mutex> lock(mutex);
+    shared.found.clear();
+    shared.confirms.clear();
 }
 
 void FaceDetectorImpl::run(const cv::Mat& image, bool wholePicture)
 {
+    const Clock::time_point start = Clock::now();
     faces.clear();
     if (image.empty() || image.dims != 2 || image.depth() != CV_8U
         || (image.channels() != 3 && image.channels() != 4)) {
@@ -489,30 +1176,60 @@ void FaceDetectorImpl::run(const cv::Mat& image, bool wholePicture)
                                  "this one (type %d) gives no faces\n",
                          image.type());
         }
-        tracks.clear();
+        forget();
         return;
     }
     if (!ensureModels())
         return;
 
-    cv::cvtColor(image, grey, image.channels() == 4 ? cv::COLOR_RGBA2GRAY : cv::COLOR_RGB2GRAY);
-    const bool changed = pictureChanged(grey);
+    auto made = std::make_shared<Picture>();
+    cv::cvtColor(image, made->grey, image.channels() == 4 ? cv::COLOR_RGBA2GRAY : cv::COLOR_RGB2GRAY);
+    made->thumb = signature(made->grey);
+    const PicturePtr picture = made;
+    const bool changed = !last || newPicture(*last, *picture);
+    last = picture;
 
-    std::vector<Detection> found;
-    const bool followed = !wholePicture && !changed && !tracks.empty() && trackedRuns < kMaxTrackedRuns
-        && followFaces(grey, found);
-    if (followed) {
-        ++trackedRuns;
-    } else {
-        found = searchWholePicture(grey);
-        trackedRuns = 0;
-    }
+    bool lost = false;
+    std::vector<Track> kept = follow(*picture, lost);
+    std::vector<Detection> followed;
+    for (const Track& t : kept)
+        followed.push_back(t.detection);
 
-    tracks.clear();
-    for (const Detection& detection : found) {
-        tracks.push_back(detection.box);
-        addFace(grey, detection);
+    ++callsSinceSearch;
+    bool busy = false;
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        if (shared.planSize != picture->grey.size()) {
+            shared.planSize = picture->grey.size();
+            shared.plan = planSearch(shared.planSize);
+            shared.takenFor.assign(shared.plan.size(), 0);
+            shared.cursor = 0;
+            shared.confirms.clear();
+            shared.found.clear();
+            shared.search = 0;
+        }
+        shared.latest = picture;
+        const int period = followed.empty() ? kSearchPeriod : kFollowedSearchPeriod;
+        if (changed || (wholePicture && !(urgent && searching())))
+            startSearch(followed, true);
+        else if ((lost || callsSinceSearch >= period) && !searching())
+            startSearch(followed, false);
+        busy = searching();
     }
+    wake.notify_all();
+    // While faces are shown, a search asked for by a picture that keeps
+    // changing is left to the detector's thread: the calling thread joins in
+    // from the second call on the same picture.
+    const bool finish = urgent && callsSinceSearch >= kSearchCalls;
+    if (busy && (followed.empty() || (urgent && callsSinceSearch >= 2)))
+        help(start, finish, followed.size() * fitRate.load(std::memory_order_relaxed));
+    merge(picture, followed, start, finish);
+
+    // Faces added by the search start with a patch of their own.
+    for (size_t i = kept.size(); i < followed.size(); ++i)
+        kept.push_back({followed[i], patchOf(picture->grey, followed[i].box), 0});
+    tracks = std::move(kept);
+    output(picture->grey, followed);
 }
 
 // ---------------------------------------------------------------------------

@@ -41,7 +41,11 @@ std::vector<Face> faces(const QImage& picture)
     const QImage rgb = picture.convertToFormat(QImage::Format_RGB888);
     const cv::Mat mat(rgb.height(), rgb.width(), CV_8UC3, const_cast<uchar*>(rgb.constBits()), rgb.bytesPerLine());
     std::vector<Face> out;
-    for (const auto& f : detector.Run(mat.clone(), true, false, 1, 1, 50.0f)) {
+    // A new picture shows its faces by the fifth call.
+    const cv::Mat copy = mat.clone();
+    for (int call = 1; call < 5 && detector.Run(copy, call == 1, false, 1, 1, 50.0f).empty(); ++call) {
+    }
+    for (const auto& f : detector.Run(copy, false, false, 1, 1, 50.0f)) {
         auto at = [&](int k) { return QPointF(f.points[2 * k], f.points[2 * k + 1]); };
         double top = 1e9;
         for (int k = 33; k <= 50; ++k)

@@ -1,13 +1,49 @@
 #pragma once
 // kvodnnl: face detection with boxes and 98 key points per face.
 //
-// A FaceDetector finds frontal faces in a picture, fits 98 key points to each
-// and estimates the head pose. The landmark model is found by the library
-// itself: the file named by the environment variable KVODNNL_LANDMARK_MODEL
-// when set, otherwise /usr/share/dlib/shape_predictor_68_face_landmarks.dat.
-// The model is read once per process, on the first Run that needs it. Without
-// a readable model the library writes one warning to stderr and reports no
-// faces.
+// A FaceDetector finds frontal faces in a stream of pictures, fits 98 key
+// points to each and estimates the head pose. The landmark model is found by
+// the library itself: the file named by the environment variable
+// KVODNNL_LANDMARK_MODEL when set, otherwise
+// /usr/share/dlib/shape_predictor_68_face_landmarks.dat. The models (the
+// landmark model, dlib's HOG face detector and OpenCV's LBP face cascade from
+// /usr/share/opencv4/lbpcascades) are read once per process, when the first
+// detector is made; later detectors share them. Without a readable landmark
+// model the library writes one warning to stderr and reports no faces;
+// without the cascade it warns once and finds no faces narrower than about
+// 80 pixels.
+//
+// Over time, each call of Run:
+//   - follows the faces of the last call: a face whose box still looks as it
+//     did keeps its box, any other is searched for near its last place; a
+//     face not found there is dropped at once;
+//   - has the whole picture searched, in the background: on the first call,
+//     whenever the picture differs much from the last one, when `flagA` is
+//     true, when a followed face is lost, and otherwise every 15 calls (every
+//     10 while no face is shown). The search finds faces from about 40 pixels
+//     wide (the HOG detector for faces from a sixth of the picture's shorter
+//     side up, the cascade, each of whose finds the HOG detector confirms, for
+//     smaller ones down to 36 pixels or a twentieth of the shorter side). It
+//     is cut into tasks of a few milliseconds that run on a thread of the
+//     detector's own; the calling thread takes some on as well while its call
+//     stays within about 16 ms, when no face is shown or the search was asked
+//     for by a new picture or `flagA`. Faces that the search finds are shown
+//     from the call after they were found (after a new search near their place
+//     when the picture has changed since);
+//   - ends a search asked for by a new picture or by `flagA` by its fifth
+//     call at the latest, doing what is left itself on that call if need be:
+//     a still picture handed in repeatedly shows its faces by the fifth call
+//     (the first call of a new detector shows none of them yet). `flagA` true
+//     thus no longer means a search within the call; while such a search is
+//     under way, further `flagA` calls join it;
+//   - smooths each face's key points and box with those of the same face in
+//     the last call (matched by the overlap of their boxes): strongly while
+//     the face keeps still, hardly while it moves. A face new to a call, or
+//     back after a call without it, starts with its own unsmoothed values.
+// The search thread is started with the detector and ended, after the task
+// it is on (a few milliseconds), by its destruction; no thread of the library
+// outlives its detector. While a cascade task runs, OpenCV's parallel loops
+// elsewhere in the process run on one thread.
 //
 // Key point layout (point k is points[2k], points[2k + 1]; "left" and "right"
 // are the picture's, not the person's):
@@ -80,13 +116,13 @@ public:
     FaceDetector& operator=(const FaceDetector&) = delete;
 
     // Finds the faces of `image`: 8 bits a channel, 3 or 4 channels, red
-    // first. Any other picture gives no faces. While the faces of the previous
-    // call can be followed in a picture that has not changed much, they are
-    // searched near their last place; `flagA` true asks for a search of the
-    // whole picture instead. `flagB`, `a`, `b` and `c` are accepted for
-    // compatibility and not used. The returned list stays valid until the
-    // next Run or the detector's destruction. One thread at a time per
-    // detector.
+    // first, as described at the top of this file. Any other picture gives no
+    // faces and nothing is followed into the next one. `flagA` true asks for
+    // a search of the whole picture, ended by the fifth call from it. `flagB`,
+    // `a`, `b` and `c` are accepted for compatibility and not used. The
+    // returned list stays valid until the next Run or the detector's
+    // destruction. One thread at a time per detector; different detectors may
+    // run on different threads at once.
     const std::vector<Face>& Run(const cv::Mat& image, bool flagA, bool flagB, int a, int b, float c);
 
 private:

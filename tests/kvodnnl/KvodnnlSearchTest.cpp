@@ -1,0 +1,211 @@
+// The face detector over time: the smoothing of faces from call to call, the
+// search of the whole picture behind the calls, small faces and false ones.
+#include <algorithm>
+#include <cmath>
+#include <map>
+
+#include <QImage>
+#include <gtest/gtest.h>
+#include <kvodnnl/kvodnnl.h>
+
+#include "FaceFilter.h"
+#include "TestUtil.h"
+#include "LabelledPictures.h"
+
+namespace {
+
+using Face = KVOAI::FaceDetector::Face;
+using KVOAI::smoothing::FaceFilter;
+
+cv::Mat portraitRgb()
+{
+    const QImage image = QImage(testutil::testDataPath("astronaut.png")).convertToFormat(QImage::Format_RGB888);
+    return cv::Mat(image.height(), image.width(), CV_8UC3, const_cast<uchar*>(image.constBits()), image.bytesPerLine())
+        .clone();
+}
+
+cv::Rect boxOf(const Face& f) { return cv::Rect(f.box[0], f.box[1], f.box[2] - f.box[0], f.box[3] - f.box[1]); }
+
+// A synthetic face of 98 points round `centre`, 90 pixels between its eye
+// centres (96, 97), with noise of `noise` pixels.
+FaceFilter::Face synthetic(cv::Point2d centre, cv::RNG& rng, double noise)
+{
+    FaceFilter::Face f;
+    cv::RNG shape(5);  // the same layout for every face
+    for (int k = 0; k < 98; ++k)
+        f.points.push_back(centre + cv::Point2d(shape.uniform(-90.0, 90.0), shape.uniform(-90.0, 90.0)));
+    f.points[96] = centre + cv::Point2d(-45, -30);
+    f.points[97] = centre + cv::Point2d(45, -30);
+    for (cv::Point2d& p : f.points)
+        p += cv::Point2d(rng.gaussian(noise), rng.gaussian(noise));
+    f.box = cv::Rect2d(centre.x - 95 + rng.gaussian(noise), centre.y - 95 + rng.gaussian(noise), 190, 190);
+    f.eyeA = 96;
+    f.eyeB = 97;
+    return f;
+}
+
+cv::Point2d meanOf(const std::vector<cv::Point2d>& points)
+{
+    cv::Point2d sum;
+    for (const cv::Point2d& p : points)
+        sum += p;
+    return sum * (1.0 / points.size());
+}
+
+}  // namespace
+
+// Three synthetic faces over 120 calls, handed in in a changing order: A keeps
+// still, B swings left and right from call 20, leaves at call 100 and comes
+// back at call 105, C comes in at call 90.
+TEST(FaceFilter, StillFacesStillMovingFollowedNewAndLeavingStartAfresh)
+{
+    FaceFilter filter;
+    cv::RNG rng(11);
+    const double noise = 0.5;
+    const auto bAt = [](int call) {
+        return cv::Point2d(800 + (call < 20 ? 0.0 : 150 * std::sin(2 * CV_PI * (call - 20) / 60.0)), 300);
+    };
+    std::vector<std::vector<cv::Point2d>> stillOut;
+    double bLag = 0;
+    int bCalls = 0;
+    for (int call = 0; call < 120; ++call) {
+        std::vector<FaceFilter::Face> faces = {synthetic({300, 300}, rng, noise)};
+        const bool bIn = call < 100 || call >= 105, cIn = call >= 90;
+        if (bIn)
+            faces.push_back(synthetic(bAt(call), rng, noise));
+        if (cIn)
+            faces.push_back(synthetic({500, 600}, rng, noise));
+        if (call % 2)
+            std::reverse(faces.begin(), faces.end());
+        const std::vector<FaceFilter::Face> raw = faces;
+        filter.update(faces);
+        ASSERT_EQ(faces.size(), raw.size());
+        for (size_t i = 0; i < faces.size(); ++i) {
+            const cv::Point2d rawCentre = meanOf(raw[i].points);
+            SCOPED_TRACE("call " + std::to_string(call) + " face at " + std::to_string(rawCentre.x));
+            // Each face comes back in its place in the list, near its input.
+            EXPECT_LT(cv::norm(meanOf(faces[i].points) - rawCentre), 10.0);
+            const bool fresh = (rawCentre.x > 400 && rawCentre.x < 600 && call == 90) || (rawCentre.x > 600 && call == 105)
+                || call == 0;
+            if (fresh) {
+                // A face new to the filter keeps its values.
+                EXPECT_EQ(faces[i].points, raw[i].points);
+                EXPECT_EQ(faces[i].box, raw[i].box);
+            }
+            if (rawCentre.x < 400 && call >= 20)
+                stillOut.push_back(faces[i].points);
+            if (rawCentre.x > 600 && call >= 30 && call < 100) {
+                cv::RNG none;
+                bLag += cv::norm(meanOf(faces[i].points) - meanOf(synthetic(bAt(call), none, 0).points));
+                ++bCalls;
+            }
+        }
+    }
+    // The still face jitters far less than its input (half a pixel a
+    // coordinate).
+    std::vector<cv::Point2d> mean(98);
+    for (const auto& points : stillOut)
+        for (int k = 0; k < 98; ++k)
+            mean[k] += points[k] * (1.0 / stillOut.size());
+    double squares = 0;
+    for (const auto& points : stillOut)
+        for (int k = 0; k < 98; ++k)
+            squares += std::pow(cv::norm(points[k] - mean[k]), 2);
+    EXPECT_LT(std::sqrt(squares / (98.0 * stillOut.size())), 0.35 * noise * std::sqrt(2.0));
+    // The moving face, up to 15 pixels a call, is followed within 2% of its
+    // eye distance on average.
+    EXPECT_LT(bLag / bCalls, 0.02 * 90);
+}
+
+// Pictures with faces 40 to 80 pixels wide and pictures without anyone, each
+// handed in five times to one detector: half the faces or more are shown at
+// the fifth call, and no call shows a face where there is none.
+TEST(KvodnnlSearch, SmallFacesAreFoundAndNoFalseOnes)
+{
+    const cv::Mat portrait = portraitRgb();
+    KVOAI::FaceDetector detector(KVOAI::DEFAULT, 1, 1);
+    std::map<int, std::pair<int, int>> foundOf;  // width: found, labelled
+    std::vector<labelled::Picture> pictures = labelled::withFaces(portrait, {40, 56, 72});
+    for (const labelled::Picture& p : labelled::withoutFaces(portrait))
+        pictures.push_back(p);
+    for (const labelled::Picture& p : pictures) {
+        SCOPED_TRACE(p.name);
+        for (int call = 1; call <= 5; ++call) {
+            const std::vector<Face> faces = detector.Run(p.rgb, false, false, 1, 1, 50.f);
+            for (const Face& f : faces) {
+                bool labelledFace = false;
+                for (const cv::Rect& label : p.faces)
+                    labelledFace = labelledFace || labelled::overlap(boxOf(f), label) > 0.1;
+                EXPECT_TRUE(labelledFace) << "a false face at call " << call << ": " << boxOf(f);
+            }
+            for (const cv::Rect& label : p.faces) {
+                bool found = false;
+                for (const Face& f : faces)
+                    found = found || labelled::overlap(boxOf(f), label) > 0.3;
+                if (call == 5) {
+                    foundOf[label.width].first += found;
+                    foundOf[label.width].second += 1;
+                }
+            }
+        }
+    }
+    ASSERT_EQ(foundOf.size(), 3u);
+    for (const auto& [width, counts] : foundOf)
+        EXPECT_GE(counts.first, counts.second / 2) << counts.first << " of " << counts.second << " faces " << width
+                                                    << " px wide";
+}
+
+// A still picture shows all its faces by the fifth call of a new detector,
+// whether or not the call asks for a search of the whole picture, and a new
+// picture by its fifth call too, never keeping the old picture's faces; a
+// detector can be destroyed while its search is at work.
+TEST(KvodnnlSearch, StillPicturesShowTheirFacesByTheFifthCall)
+{
+    const cv::Mat portrait = portraitRgb();
+    const auto canvas = [&](std::vector<std::pair<cv::Point, double>> placings, int grey) {
+        labelled::Picture p{"", cv::Mat(720, 1280, CV_8UC3, cv::Scalar::all(grey)), {}};
+        for (const auto& [at, scale] : placings) {
+            labelled::paste(p.rgb, portrait, 0, scale, at);
+            const cv::Point2d face = cv::Point2d(at) + (cv::Point2d(227.5, 125.5) - cv::Point2d(256, 256)) * scale;
+            p.faces.push_back(cv::Rect(cvRound(face.x - 46.5 * scale), cvRound(face.y - 46.5 * scale),
+                                       cvRound(93 * scale), cvRound(93 * scale)));
+        }
+        return p;
+    };
+    const labelled::Picture pictures[] = {
+        canvas({{{640, 420}, 2.0}}, 90),                      // one face 186 px wide
+        canvas({{{300, 360}, 1.0}, {{950, 300}, 1.0}}, 150),  // two 93 px wide
+        canvas({{{400, 300}, 0.6}, {{900, 450}, 0.75}}, 60),  // two of 56 and 70 px
+    };
+    for (bool wholePicture : {false, true}) {
+        KVOAI::FaceDetector detector(KVOAI::DEFAULT, 1, 1);
+        for (const labelled::Picture& p : pictures) {
+            SCOPED_TRACE(std::to_string(p.faces.size()) + " faces of " + std::to_string(p.faces[0].width)
+                         + " px, flagA " + std::to_string(wholePicture));
+            std::vector<Face> faces;
+            for (int call = 1; call <= 5; ++call) {
+                faces = detector.Run(p.rgb, wholePicture, false, 1, 1, 50.f);
+                for (const Face& f : faces) {
+                    double best = 0;
+                    for (const cv::Rect& label : p.faces)
+                        best = std::max(best, labelled::overlap(boxOf(f), label));
+                    EXPECT_GT(best, 0.3) << "call " << call << ": a face at " << boxOf(f);
+                }
+            }
+            EXPECT_EQ(faces.size(), p.faces.size());
+        }
+    }
+    // Destroyed with a search of a large textured picture at work; the
+    // scanners it borrowed serve the next detector.
+    cv::Mat textured(1080, 1920, CV_8UC3);
+    cv::RNG(4).fill(textured, cv::RNG::UNIFORM, cv::Scalar::all(0), cv::Scalar::all(255));
+    for (int i = 0; i < 3; ++i) {
+        KVOAI::FaceDetector detector(KVOAI::DEFAULT, 1, 1);
+        EXPECT_TRUE(detector.Run(textured, false, false, 1, 1, 50.f).empty());
+    }
+    KVOAI::FaceDetector detector(KVOAI::DEFAULT, 1, 1);
+    std::vector<Face> faces;
+    for (int call = 1; call <= 5; ++call)
+        faces = detector.Run(pictures[0].rgb, false, false, 1, 1, 50.f);
+    EXPECT_EQ(faces.size(), 1u);
+}
