@@ -38,6 +38,7 @@ struct Setup {
             painter.drawEllipse(200 + 100 * i, 100, 600, 500);
             painter.end();
             buffer->setImage(picture);
+            pictures.push_back(picture);
             buffers[i + 1] = buffer;
             QRect rect((i % 2) * 960, (i / 2) * 540, 960, 540);
             _channel_merge_param param;
@@ -49,7 +50,14 @@ struct Setup {
         merged = QImage(kWidth, kHeight, QImage::Format_BGR888);
     }
 
-    void merge() { merger.mergeImages(params, kWidth, kHeight, QColor(245, 246, 247), QImage()); }
+    // Each channel hands over a picture, as it does once a frame, and the
+    // scene merges them.
+    void merge()
+    {
+        for (auto& [id, buffer] : buffers)
+            buffer->setImage(pictures[id - 1]);
+        merger.mergeImages(params, kWidth, kHeight, QColor(245, 246, 247), QImage());
+    }
 
     // Waits until the GL work issued so far is done, so that a timing covers it.
     void finish()
@@ -65,6 +73,7 @@ struct Setup {
 
     OpenglFileMerger merger{kScene};
     OpenglFileMerger::BufferMap buffers;
+    std::vector<QImage> pictures;
     QList<_channel_merge_param> params;
     QImage merged;
 };

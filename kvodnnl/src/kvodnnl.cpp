@@ -17,6 +17,10 @@
 #include <string>
 #include <thread>
 
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
 #include <dlib/image_processing/frontal_face_detector.h>
 #include <dlib/image_processing/shape_predictor.h>
 #include <dlib/opencv/cv_image.h>
@@ -81,6 +85,8 @@ constexpr int kFollowedSearchPeriod = 15;
 // finished, by the calling thread if need be, on the kSearchCalls-th call
 // since it began.
 constexpr int kSearchCalls = 5;
+// Niceness of the search thread (see setpriority(2)).
+constexpr int kSearchNice = 10;
 // A call takes on a part of a whole-picture search only while its estimated
 // end, the key points of its faces included, stays within this many
 // milliseconds of the call's start, and adds new faces only within
@@ -503,15 +509,16 @@ double difference(const Picture& a, const Picture& b)
     return cv::norm(a.thumb, b.thumb, cv::NORM_L1) / (kThumbSide * kThumbSide);
 }
 
-// Whether `b` is a new picture after `a`: different on the whole, or in a
-// few places by much (a face come or gone).
-bool newPicture(const Picture& a, const Picture& b)
+// How `b` differs from `a`: on the whole (a new picture), in a few places by
+// much (a face come or gone, or anything else that moves), or hardly.
+enum class Change { None, Local, Whole };
+Change pictureChange(const Picture& a, const Picture& b)
 {
     if (difference(a, b) > kChangeThreshold)
-        return true;
+        return Change::Whole;
     cv::Mat changed;
     cv::absdiff(a.thumb, b.thumb, changed);
-    return cv::countNonZero(changed > kChangedPatch) >= kChangedPatches;
+    return cv::countNonZero(changed > kChangedPatch) >= kChangedPatches ? Change::Local : Change::None;
 }
 
 // The box's part of the picture reduced to kPatchSide x kPatchSide; empty when
@@ -933,6 +940,9 @@ void FaceDetectorImpl::finishTask(const Task& task, uint64_t search, const Pictu
 
 void FaceDetectorImpl::workLoop()
 {
+    // The search uses what the caller's own work leaves of the processors:
+    // it runs at a lower priority than the thread that made the detector.
+    setpriority(PRIO_PROCESS, static_cast<id_t>(syscall(SYS_gettid)), kSearchNice);
     std::unique_lock<std::mutex> lock(mutex);
     bool warned = false;
     for (;;) {
@@ -1186,7 +1196,8 @@ void FaceDetectorImpl::run(const cv::Mat& image, bool wholePicture)
     cv::cvtColor(image, made->grey, image.channels() == 4 ? cv::COLOR_RGBA2GRAY : cv::COLOR_RGB2GRAY);
     made->thumb = signature(made->grey);
     const PicturePtr picture = made;
-    const bool changed = !last || newPicture(*last, *picture);
+    const Change change = last ? pictureChange(*last, *picture) : Change::Whole;
+    const bool changed = change == Change::Whole;
     last = picture;
 
     bool lost = false;
@@ -1210,9 +1221,14 @@ void FaceDetectorImpl::run(const cv::Mat& image, bool wholePicture)
         }
         shared.latest = picture;
         const int period = followed.empty() ? kSearchPeriod : kFollowedSearchPeriod;
+        // A change in a few places (in a video, most pictures have one) asks
+        // for a search in the background while no face is shown, at most
+        // every kSearchCalls calls: restarted on every such picture, the
+        // search would never rest. Faces shown keep the regular period.
+        const bool local = change == Change::Local && followed.empty() && callsSinceSearch >= kSearchCalls;
         if (changed || (wholePicture && !(urgent && searching())))
             startSearch(followed, true);
-        else if ((lost || callsSinceSearch >= period) && !searching())
+        else if ((lost || local || callsSinceSearch >= period) && !searching())
             startSearch(followed, false);
         busy = searching();
     }

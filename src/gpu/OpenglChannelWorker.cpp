@@ -315,7 +315,13 @@ bool OpenglChannelWorker::uploadInto(QOpenGLFramebufferObject* target, const QIm
 
 void OpenglChannelWorker::passThrough(QImage& image, bool useShareTexture)
 {
-    if (doPreWork(frameData(image), image.width(), image.height()))
+    // Premultiplying an opaque picture changes nothing: its bytes go into
+    // fbo as they are, over nothing that needs clearing.
+    const bool opaque = regionPasses && !useShareTexture && allOpaque(image);
+    clearSkipped = opaque;
+    const bool ready = doPreWork(frameData(image), image.width(), image.height());
+    clearSkipped = false;
+    if (ready && (!opaque || !uploadInto(fbo, image)))
         drawInput(fbo, image, useShareTexture, true);
     doneCurrent();
 }
