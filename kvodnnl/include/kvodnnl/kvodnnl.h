@@ -18,9 +18,10 @@
 //     did keeps its box, any other is searched for near its last place; a
 //     face not found there is dropped at once;
 //   - has the whole picture searched, in the background: on the first call,
-//     whenever the picture differs much from the last one, when `flagA` is
-//     true, when a followed face is lost, and otherwise every 15 calls (every
-//     10 while no face is shown). The search finds faces from about 40 pixels
+//     whenever the picture differs much from the last one on the whole, when
+//     `flagA` is true, when a followed face is lost, and otherwise every 15
+//     calls (every 10 while no face is shown, or every 5 while none is shown
+//     and the picture changes in a few places). The search finds faces from about 40 pixels
 //     wide (the HOG detector for faces from a sixth of the picture's shorter
 //     side up, the cascade, each of whose finds the HOG detector confirms, for
 //     smaller ones down to 36 pixels or a twentieth of the shorter side). It
@@ -40,6 +41,8 @@
 //     the last call (matched by the overlap of their boxes): strongly while
 //     the face keeps still, hardly while it moves. A face new to a call, or
 //     back after a call without it, starts with its own unsmoothed values.
+// The search thread runs at a lower priority (niceness 10) than the threads
+// that call, so that it takes what their work leaves of the processors.
 // The search thread is started with the detector and ended, after the task
 // it is on (a few milliseconds), by its destruction; no thread of the library
 // outlives its detector. While a cascade task runs, OpenCV's parallel loops
