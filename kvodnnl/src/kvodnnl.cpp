@@ -62,6 +62,11 @@ constexpr size_t kCandidatesPerTask = 6;
 // scaled so that the face measures about kNearFace pixels.
 constexpr double kNearRegion = 2.0;
 constexpr double kNearFace = 90.0;
+// A followed face is looked for on this many levels of the HOG pyramid
+// there: faces from about 0.9 to 1.3 times its last size (a pyramid step is
+// 5/6). Larger steps between two calls are left to the whole-picture search
+// that a lost face starts.
+constexpr unsigned long kNearLevels = 3;
 // HOG score that a candidate of a whole-picture search must reach near its
 // place to count as a face. Textures such as badges, folds and a turned
 // mission patch reach about 0.3 in the whole picture's pass but stay below 0
@@ -180,6 +185,7 @@ using Predictor = dlib::shape_predictor;
 struct Scanners {
     HogDetector hog;       // the whole pyramid
     HogDetector hogLevel;  // one level of it
+    HogDetector hogNear;   // the first kNearLevels levels
     cv::CascadeClassifier cascade;
     bool hasCascade = false;
 };
@@ -188,6 +194,7 @@ struct ModelStore {
     std::mutex mutex;
     std::unique_ptr<HogDetector> hog;
     std::unique_ptr<HogDetector> hogLevel;
+    std::unique_ptr<HogDetector> hogNear;
     bool cascadeTried = false;
     std::string cascadeText;  // empty when the cascade can't be read
     std::vector<std::unique_ptr<Scanners>> idle;
@@ -205,13 +212,17 @@ void loadScannerModels(ModelStore& store)
 {
     if (!store.hog) {
         store.hog = std::make_unique<HogDetector>(dlib::get_frontal_face_detector());
-        HogDetector::image_scanner_type scanner;
-        scanner.copy_configuration(store.hog->get_scanner());
-        scanner.set_max_pyramid_levels(1);
         std::vector<HogDetector::feature_vector_type> weights;
         for (unsigned long i = 0; i < store.hog->num_detectors(); ++i)
             weights.push_back(store.hog->get_w(i));
-        store.hogLevel = std::make_unique<HogDetector>(scanner, store.hog->get_overlap_tester(), weights);
+        const auto levels = [&](unsigned long count) {
+            HogDetector::image_scanner_type scanner;
+            scanner.copy_configuration(store.hog->get_scanner());
+            scanner.set_max_pyramid_levels(count);
+            return std::make_unique<HogDetector>(scanner, store.hog->get_overlap_tester(), weights);
+        };
+        store.hogLevel = levels(1);
+        store.hogNear = levels(kNearLevels);
     }
     if (!store.cascadeTried) {
         store.cascadeTried = true;
@@ -228,7 +239,7 @@ void loadScannerModels(ModelStore& store)
 
 std::unique_ptr<Scanners> makeScanners(ModelStore& store)
 {
-    auto made = std::make_unique<Scanners>(Scanners{*store.hog, *store.hogLevel, cv::CascadeClassifier(), false});
+    auto made = std::make_unique<Scanners>(Scanners{*store.hog, *store.hogLevel, *store.hogNear, cv::CascadeClassifier(), false});
     if (!store.cascadeText.empty()) {
         // read() reports whether the cascade was understood; empty() stays
         // true for a cascade read this way.
@@ -1143,7 +1154,7 @@ std::vector<FaceDetectorImpl::Track> FaceDetectorImpl::follow(const Picture& pic
         } else {
             if (!scanners)
                 scanners = std::make_unique<ScannerLease>();
-            if (!searchNear(picture.grey, track.detection.box, 0.0, (*scanners)->hog, next.detection)) {
+            if (!searchNear(picture.grey, track.detection.box, 0.0, (*scanners)->hogNear, next.detection)) {
                 lost = true;
                 continue;
             }
