@@ -18,6 +18,7 @@
 #include "channel/ImageFilters.h"
 #include "face/DnnFaceDetector.h"
 #include "filters/BeautyFilterBase.h"
+#include "../examples/OpenglCheck.h"
 
 namespace {
 
@@ -188,6 +189,8 @@ int main(int argc, char** argv)
         qputenv("QT_QPA_PLATFORM", "offscreen");
     qputenv("QT_LOGGING_RULES", "*.info=false;*.debug=false");
     QGuiApplication app(argc, argv);
+    if (!openglAvailable(argv[0]))
+        return 1;
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();

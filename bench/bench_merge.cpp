@@ -18,6 +18,7 @@
 #include "gpu/OpenglChannelWorker.h"
 #include "merge/OpenglFileMerger.h"
 #include "scene/TextureBuffer.h"
+#include "../examples/OpenglCheck.h"
 
 namespace {
 
@@ -247,6 +248,8 @@ int main(int argc, char** argv)
     // Keep the engine's info lines out of the timings' output.
     qputenv("QT_LOGGING_RULES", "*.info=false;*.debug=false");
     QGuiApplication app(argc, argv);
+    if (!openglAvailable(argv[0]))
+        return 1;
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();

@@ -32,6 +32,7 @@
 #include <QPainter>
 
 #include <lumen_fx/OpenglImageManager.h>
+#include "../examples/OpenglCheck.h"
 
 namespace {
 
@@ -117,6 +118,8 @@ int main(int argc, char** argv)
         qputenv("QT_QPA_PLATFORM", "offscreen");
     qputenv("QT_LOGGING_RULES", "*.info=false;*.debug=false");
     QGuiApplication app(argc, argv);
+    if (!openglAvailable(argv[0]))
+        return 1;
     const double seconds = argc > 1 ? std::max(2.0, std::atof(argv[1])) : 20.0;
     const int channelCount = argc > 2 ? std::max(1, std::min(9, std::atoi(argv[2]))) : 4;
     const double rate = argc > 3 ? std::max(1.0, std::atof(argv[3])) : 15.0;

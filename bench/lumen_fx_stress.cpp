@@ -35,6 +35,7 @@
 #include <QThread>
 
 #include <lumen_fx/OpenglImageManager.h>
+#include "../examples/OpenglCheck.h"
 
 namespace {
 
@@ -343,6 +344,8 @@ double growthPerMinute(const std::vector<std::pair<double, double>>& samples)
 int main(int argc, char** argv)
 {
     QGuiApplication app(argc, argv);
+    if (!openglAvailable(argv[0]))
+        return 1;
     int seconds = 20;
     int threads = 5;
     std::FILE* samplesFile = nullptr;

@@ -12,6 +12,7 @@
 #include <QThread>
 
 #include <lumen_fx/OpenglImageManager.h>
+#include "OpenglCheck.h"
 
 namespace {
 
@@ -201,6 +202,8 @@ int main(int argc, char** argv)
     Options options;
     if (!parseOptions(app, options))
         return 2;
+    if (!openglAvailable(argv[0]))
+        return 1;
 
     OpenglImageManager* manager = OpenglImageManager::instance();
     const int scene = manager->genSceneFilters();
