@@ -9,8 +9,8 @@
 // new merged pictures a second, the frames of each channel seen a second, the
 // process's CPU time, and the share of that time each group of threads took:
 // the host (this program's own thread), the channels, the scene, the
-// rasteriser's threads (the drawing of channels and scene alike) and any
-// other thread (such as the face detector's own).
+// rasteriser's threads (the drawing of channels and scene alike), the face
+// detectors' search threads and any other thread.
 //
 //   lumen_fx_classroom [seconds, 20] [channels, 4] [frames a second, 15] [last merged picture.png]
 #include <algorithm>
@@ -98,6 +98,8 @@ std::string groupOf(const std::string& name, bool isHost)
         return "channels";
     if (name.rfind("lumen-scene", 0) == 0)
         return "scene";
+    if (name.rfind("kvodnnl-search", 0) == 0)
+        return "face search";
     if (name.rfind("llvmpipe", 0) == 0)
         return "rasteriser";
     return "other (" + name + ")";

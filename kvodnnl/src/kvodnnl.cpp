@@ -17,6 +17,7 @@
 #include <string>
 #include <thread>
 
+#include <pthread.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -831,7 +832,7 @@ private:
     smoothing::FaceFilter filter;
     int callsSinceSearch = 0;  // calls since the latest search began
     bool urgent = false;       // the latest search must end by its kSearchCalls-th call
-    bool stillSinceSearch = false;
+    bool settling = false;     // the last picture changed in a few places, with no face shown
 
     mutable std::mutex mutex;
     std::condition_variable wake;
@@ -954,6 +955,7 @@ void FaceDetectorImpl::workLoop()
     // The search uses what the caller's own work leaves of the processors:
     // it runs at a lower priority than the thread that made the detector.
     setpriority(PRIO_PROCESS, static_cast<id_t>(syscall(SYS_gettid)), kSearchNice);
+    pthread_setname_np(pthread_self(), "kvodnnl-search");
     std::unique_lock<std::mutex> lock(mutex);
     bool warned = false;
     for (;;) {
@@ -1237,9 +1239,16 @@ void FaceDetectorImpl::run(const cv::Mat& image, bool wholePicture)
         // every kSearchCalls calls: restarted on every such picture, the
         // search would never rest. Faces shown keep the regular period.
         const bool local = change == Change::Local && followed.empty() && callsSinceSearch >= kSearchCalls;
-        if (changed || (wholePicture && !(urgent && searching())))
+        // A picture changed in a few places that then holds still, with no
+        // face shown, is searched as a new one: its faces show by its fifth
+        // call, the call that brought the change counting as its first.
+        const bool settled = settling && change == Change::None && followed.empty();
+        settling = change == Change::Local && followed.empty();
+        if (changed || (wholePicture && !(urgent && searching())) || settled) {
             startSearch(followed, true);
-        else if ((lost || local || callsSinceSearch >= period) && !searching())
+            if (settled)
+                callsSinceSearch = 2;
+        } else if ((lost || local || callsSinceSearch >= period) && !searching())
             startSearch(followed, false);
         busy = searching();
     }

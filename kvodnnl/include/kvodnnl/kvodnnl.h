@@ -34,15 +34,19 @@
 //   - ends a search asked for by a new picture or by `flagA` by its fifth
 //     call at the latest, doing what is left itself on that call if need be:
 //     a still picture handed in repeatedly shows its faces by the fifth call
-//     (the first call of a new detector shows none of them yet). `flagA` true
+//     (the first call of a new detector shows none of them yet). While no
+//     face is shown, a picture that changed in a few places and then holds
+//     still is searched the same way, from the call after the change, and
+//     shows its faces by the fifth call counted from the change. `flagA` true
 //     thus no longer means a search within the call; while such a search is
 //     under way, further `flagA` calls join it;
 //   - smooths each face's key points and box with those of the same face in
 //     the last call (matched by the overlap of their boxes): strongly while
 //     the face keeps still, hardly while it moves. A face new to a call, or
 //     back after a call without it, starts with its own unsmoothed values.
-// The search thread runs at a lower priority (niceness 10) than the threads
-// that call, so that it takes what their work leaves of the processors.
+// The search thread, named "kvodnnl-search", runs at a lower priority
+// (niceness 10) than the threads that call, so that it takes what their work
+// leaves of the processors.
 // The search thread is started with the detector and ended, after the task
 // it is on (a few milliseconds), by its destruction; no thread of the library
 // outlives its detector. While a cascade task runs, OpenCV's parallel loops
