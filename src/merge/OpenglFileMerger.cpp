@@ -482,6 +482,7 @@ void OpenglFileMerger::readFramebuffer(QOpenGLFramebufferObject* source, QOpenGL
                                        QOpenGLBuffer* single, bool& firstRead, uchar* target, int width, int height,
                                        bool withAlpha, bool synchronous)
 {
+    readWrote = false;
     if (!glInited || !source || !target)
         return;
     if (!makeCurrent()) {
@@ -514,6 +515,7 @@ void OpenglFileMerger::readFramebuffer(QOpenGLFramebufferObject* source, QOpenGL
         }
         std::swap(ring[0], ring[1]);
     }
+    readWrote = true;
     QOpenGLFramebufferObject::bindDefault();
     doneCurrent();
 }

@@ -42,6 +42,10 @@ public:
     virtual void readLastFboByAlpha(uchar* target, int width, int height, bool withAlpha, bool synchronous);
     // The same for the frame with overlay.
     void readFinalImage(uchar* target, int width, int height, bool withAlpha, bool synchronous);
+    // Whether the last of these reads wrote its target (it writes nothing
+    // before the first frame is drawn, or when the context can't be made
+    // current).
+    bool lastReadWrote() const { return readWrote; }
 
     void releaseTextures() override;
     bool createShaders() override;
@@ -89,6 +93,7 @@ protected:
     // One per read path: the first read after a size change takes the buffer
     // that it has just filled. [0] merged frame, [1] final frame.
     bool firstReadFlags[4] = {true, true, true, true};
+    bool readWrote = false;
     bool recordPictures = false;
     QList<_channel_merge_param> recordedParams;
     bool useSharedTextures = true;

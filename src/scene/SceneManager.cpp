@@ -235,10 +235,15 @@ void SceneManager::mergeAndRead(const MergeRequest& request)
         graffiti = graffitiSource;
         hasGraffiti = !graffiti.isNull();
     }
-    if (!mergedImage || mergedImage->width() != width || mergedImage->height() != height)
+    // The picture published last: it stays the merged one should this merge
+    // not be read back into the buffer taken for it.
+    QImage published;
+    if (!mergedImage || mergedImage->width() != width || mergedImage->height() != height) {
         remakeGrey(mergedImage, mergedBits, width, height);
-    else
+    } else {
+        published = *mergedImage;
         takeUnsharedBuffer();
+    }
     if (!finalImage || finalImage->width() != width || finalImage->height() != height)
         remakeGrey(finalImage, finalBits, width, height);
 
@@ -252,6 +257,10 @@ void SceneManager::mergeAndRead(const MergeRequest& request)
     if (!request.params.isEmpty()) {
         QReadLocker locker(&sharedTextureLock());
         merger->readLastFboByAlpha(mergedBits, width, height, false, false);
+        if (!merger->lastReadWrote() && !published.isNull() && published.constBits() != mergedImage->constBits()) {
+            mergedImage->swap(published);
+            mergedBits = nullptr;  // taken again before the next read-back
+        }
         hadChannels = true;
     } else if (hadChannels) {
         // The last channel has left: draw once more and go back to grey.
@@ -278,8 +287,12 @@ void SceneManager::takeUnsharedBuffer()
     // read-back writes straight into the buffer's bytes: it goes into a
     // buffer that only this scene holds. Buffers come round again once the
     // host lets them go; a few wait for that, the rest are let go.
-    if (!mergedImage || mergedImage->isDetached())
+    if (!mergedImage)
         return;
+    if (mergedImage->isDetached()) {
+        mergedBits = mergedImage->bits();
+        return;
+    }
     for (QImage& spare : unsharedBuffers) {
         if (spare.size() == mergedImage->size() && spare.format() == mergedImage->format() && spare.isDetached()) {
             mergedImage->swap(spare);

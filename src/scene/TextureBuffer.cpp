@@ -34,7 +34,6 @@ void TextureBuffer::makeTexture(QOpenGLContext* context, unsigned int& name, int
 
 void TextureBuffer::createTextures(QOpenGLContext* context, int width, int height)
 {
-    ++changes;
     QWriteLocker writeLock(&sharedTextureLock());
     QMutexLocker locker(&textureMutex);
     QOpenGLFunctions* f = context->functions();
@@ -49,6 +48,7 @@ void TextureBuffer::createTextures(QOpenGLContext* context, int width, int heigh
     readWidth = width;
     readHeight = height;
     texturesReady = true;
+    ++changes;
 }
 
 void TextureBuffer::copyInto(QOpenGLContext* context, unsigned int& name, int& storedWidth, int& storedHeight,
@@ -75,8 +75,12 @@ void TextureBuffer::copyInto(QOpenGLContext* context, unsigned int& name, int& s
 
 void TextureBuffer::copyToReadTexture(QOpenGLContext* context, int width, int height)
 {
-    ++changes;
     copyInto(context, readTexture, readWidth, readHeight, width, height);
+    // A scene that sees the new count draws the copy from its own context:
+    // the copy is handed to the GPU first. A scene that read the count
+    // before this sees it change and draws again at its next merge.
+    context->functions()->glFlush();
+    ++changes;
 }
 
 void TextureBuffer::copyToWriteTexture(QOpenGLContext* context, int width, int height)
@@ -119,9 +123,11 @@ bool TextureBuffer::getImage(QImage& out)
 
 void TextureBuffer::setImage(const QImage& in)
 {
+    {
+        QMutexLocker locker(&imageMutex);
+        image = in;
+    }
     ++changes;
-    QMutexLocker locker(&imageMutex);
-    image = in;
 }
 
 bool TextureBuffer::isImageMode()
@@ -133,9 +139,10 @@ bool TextureBuffer::isImageMode()
 void TextureBuffer::setImageMode(bool mode)
 {
     QMutexLocker locker(&flagMutex);
-    if (imageMode != mode)
-        ++changes;
+    const bool changed = imageMode != mode;
     imageMode = mode;
+    if (changed)
+        ++changes;
 }
 
 bool TextureBuffer::isPremulAlpha()
@@ -147,9 +154,10 @@ bool TextureBuffer::isPremulAlpha()
 void TextureBuffer::setPremulAlpha(bool premul)
 {
     QMutexLocker locker(&flagMutex);
-    if (premulAlpha != premul)
-        ++changes;
+    const bool changed = premulAlpha != premul;
     premulAlpha = premul;
+    if (changed)
+        ++changes;
 }
 
 void TextureBuffer::getSize(int* width, int* height)
@@ -198,7 +206,6 @@ void TextureBuffer::unbindAndClearReady(QOpenGLContext* context)
 
 void TextureBuffer::deleteTextures(QOpenGLContext* context)
 {
-    ++changes;
     {
         // A scene may be drawing the read texture under the read lock.
         QWriteLocker writeLock(&sharedTextureLock());
@@ -215,6 +222,7 @@ void TextureBuffer::deleteTextures(QOpenGLContext* context)
     readHeight = 0;
     writeWidth = 0;
     writeHeight = 0;
+    ++changes;
 }
 
 bool TextureBuffer::texturesAreReady()

@@ -53,7 +53,9 @@ public:
 
     bool texturesAreReady();
     // Counts the changes of what a scene draws from this buffer: its picture,
-    // its read texture and their modes.
+    // its read texture and their modes. The count moves once a change is
+    // complete, so a scene that reads it before drawing never keeps a frame
+    // drawn from a change half made.
     quint64 generation() const { return changes.load(); }
     unsigned int readTextureId();
     unsigned int writeTextureId();

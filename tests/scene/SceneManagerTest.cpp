@@ -5,6 +5,7 @@
 
 #include "channel/ImageFilters.h"
 #include "scene/SceneManager.h"
+#include "scene/TextureBuffer.h"
 
 namespace {
 
@@ -12,6 +13,7 @@ namespace {
 class SceneHarness : public SceneManager {
 public:
     SceneHarness() : SceneManager(0, NoThreadStart{}) {}
+    using SceneManager::tick;
     // Asks for an empty merge of the size, runs one tick and gives the size of the picture then held.
     QSize merge(int width, int height)
     {
@@ -84,4 +86,25 @@ TEST(SceneManagerPause, APausedSceneKeepsItsPictureAndDropsRequests)
     EXPECT_EQ(scene.merge(320, 180), QSize(160, 90));
     scene.onDoPauseWork(false);
     EXPECT_EQ(scene.merge(320, 180), QSize(320, 180));
+}
+
+// A merge that can't be drawn yet (the channel's textures aren't shared with
+// the scene) leaves the picture published before, grey, also while the host
+// holds that picture and the scene reads into a buffer of its own.
+TEST(SceneManagerRequests, AMergeNotDrawnLeavesThePicturePublishedBefore)
+{
+    SceneHarness scene;
+    scene.addChannel(7, std::make_shared<TextureBuffer>());
+    const _channel_merge_param param{7, QRect(0, 0, 160, 90), 0, {}};
+    std::vector<QImage> held(4);
+    for (QImage& picture : held) {
+        scene.mergeImages({param}, 160, 90, Qt::black, QImage(), QImage());
+        scene.tick();
+        ASSERT_TRUE(scene.getMergeImg(picture));
+        int other = 0;
+        for (int y = 0; y < picture.height(); ++y)
+            for (int x = 0; x < picture.width(); ++x)
+                other += picture.pixel(x, y) != qRgb(53, 53, 53);
+        EXPECT_EQ(other, 0) << &picture - held.data();
+    }
 }
