@@ -832,7 +832,6 @@ private:
     smoothing::FaceFilter filter;
     int callsSinceSearch = 0;  // calls since the latest search began
     bool urgent = false;       // the latest search must end by its kSearchCalls-th call
-    bool settling = false;     // the last picture changed in a few places, with no face shown
 
     mutable std::mutex mutex;
     std::condition_variable wake;
@@ -1239,16 +1238,9 @@ void FaceDetectorImpl::run(const cv::Mat& image, bool wholePicture)
         // every kSearchCalls calls: restarted on every such picture, the
         // search would never rest. Faces shown keep the regular period.
         const bool local = change == Change::Local && followed.empty() && callsSinceSearch >= kSearchCalls;
-        // A picture changed in a few places that then holds still, with no
-        // face shown, is searched as a new one: its faces show by its fifth
-        // call, the call that brought the change counting as its first.
-        const bool settled = settling && change == Change::None && followed.empty();
-        settling = change == Change::Local && followed.empty();
-        if (changed || (wholePicture && !(urgent && searching())) || settled) {
+        if (changed || (wholePicture && !(urgent && searching())))
             startSearch(followed, true);
-            if (settled)
-                callsSinceSearch = 2;
-        } else if ((lost || local || callsSinceSearch >= period) && !searching())
+        else if ((lost || local || callsSinceSearch >= period) && !searching())
             startSearch(followed, false);
         busy = searching();
     }

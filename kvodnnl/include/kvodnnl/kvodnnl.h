@@ -34,10 +34,7 @@
 //   - ends a search asked for by a new picture or by `flagA` by its fifth
 //     call at the latest, doing what is left itself on that call if need be:
 //     a still picture handed in repeatedly shows its faces by the fifth call
-//     (the first call of a new detector shows none of them yet). While no
-//     face is shown, a picture that changed in a few places and then holds
-//     still is searched the same way, from the call after the change, and
-//     shows its faces by the fifth call counted from the change. `flagA` true
+//     (the first call of a new detector shows none of them yet). `flagA` true
 //     thus no longer means a search within the call; while such a search is
 //     under way, further `flagA` calls join it;
 //   - smooths each face's key points and box with those of the same face in
