@@ -722,9 +722,12 @@ std::vector<Detection> runTask(const Task& task, const cv::Mat& picture, Scanner
     const cv::Rect tile = task.tile & cv::Rect(0, 0, picture.cols, picture.rows);
     if (tile.empty())
         return out;
-    if (task.scale < 1.0)
+    if (task.scale < 1.0) {
+        // A sliver of a tile at the picture's edge may reduce to nothing.
+        if (cvRound(tile.width * task.scale) < 1 || cvRound(tile.height * task.scale) < 1)
+            return out;
         cv::resize(picture(tile), reduced, cv::Size(), task.scale, task.scale, cv::INTER_AREA);
-    else
+    } else
         reduced = picture(tile);
     if (task.kind == Task::Hog) {
         std::vector<dlib::rect_detection> hits;

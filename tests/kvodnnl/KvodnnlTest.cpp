@@ -214,3 +214,17 @@ TEST(KvodnnlModel, BrokenModelWarnsOnceAndFindsNothing)
     KVOAI::FaceDetector detector(KVOAI::DEFAULT, 1, 1);
     EXPECT_EQ(settled(detector, rgb).size(), 1u) << "the default model serves later detectors";
 }
+
+// Pictures of a few pixels a side, or slivers, have their whole-picture
+// search cut into tiles that reduce to nothing: no face, no failure.
+TEST(Kvodnnl, SliversAndTinyPicturesGiveNoFacesAndNoFailure)
+{
+    KVOAI::FaceDetector detector(KVOAI::DEFAULT, 1, 1);
+    testing::internal::CaptureStderr();
+    for (const cv::Size size : {cv::Size(1, 1), cv::Size(2, 900), cv::Size(900, 2), cv::Size(7, 5),
+                                cv::Size(33, 17), cv::Size(1280, 3), cv::Size(3, 720), cv::Size(1920, 1)})
+        for (int call = 0; call < 6; ++call)
+            EXPECT_TRUE(run(detector, cv::Mat(size, CV_8UC3, cv::Scalar(100, 120, 140)), call == 0).empty()) << size;
+    const std::string printed = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(printed.find("failed"), std::string::npos) << printed;
+}
