@@ -80,6 +80,12 @@ constexpr double kConfirmScore = 0.3;
 constexpr int kPatchSide = 16;
 constexpr double kStillPatch = 2.0;
 constexpr int kRecheckCalls = 10;
+// A face whose box is the one its key points were fitted on, and whose look
+// there differs by at most kSameLook grey levels in every cell of the
+// kPatchSide x kPatchSide reduction, keeps those key points: sensor noise
+// moves a cell by a level or two, an eye that closes or a mouth that opens by
+// far more.
+constexpr double kSameLook = 4.0;
 // A followed face found again with a box that overlaps its old one by this
 // much (intersection over union) keeps the old box.
 constexpr double kKeepBoxOverlap = 0.8;
@@ -814,7 +820,6 @@ private:
     void startSearch(const std::vector<Detection>& followed, bool urgent);
     void help(Clock::time_point start, bool finish, double reserve);
     void merge(const PicturePtr& picture, std::vector<Detection>& followed, Clock::time_point start, bool all);
-    void output(const cv::Mat& grey, const std::vector<Detection>& detections);
 
     std::string modelPath = modelPathFromEnvironment();
     bool modelsTried = false;
@@ -827,7 +832,13 @@ private:
         Detection detection;
         cv::Mat patch;
         int unchecked = 0;  // calls since the HOG detector last found it
+        // The key points last fitted, with the box and the look they were
+        // fitted on.
+        std::vector<cv::Point2d> fitted;
+        dlib::rectangle fitBox;
+        cv::Mat fitLook;
     };
+    void output(const cv::Mat& grey, std::vector<Track>& shown);
     std::vector<Track> follow(const Picture& picture, bool& lost);
 
     PicturePtr last;
@@ -1099,21 +1110,32 @@ void FaceDetectorImpl::merge(const PicturePtr& picture, std::vector<Detection>& 
 
 // Fits the key points to each face, smooths them with those of the last
 // call and fills `faces`.
-void FaceDetectorImpl::output(const cv::Mat& grey, const std::vector<Detection>& detections)
+void FaceDetectorImpl::output(const cv::Mat& grey, std::vector<Track>& shown)
 {
     std::vector<smoothing::FaceFilter::Face> fitted;
     std::vector<double> scores;
-    for (const Detection& detection : detections) {
-        const Clock::time_point fitStart = Clock::now();
-        const dlib::full_object_detection shape = (*predictor)(dlib::cv_image<unsigned char>(grey), detection.box);
-        const double old = fitRate.load(std::memory_order_relaxed);
-        fitRate.store(old + 0.2 * (millisecondsSince(fitStart) - old), std::memory_order_relaxed);
-        if (shape.num_parts() != 68)
-            continue;
+    for (Track& track : shown) {
+        const Detection& detection = track.detection;
+        const cv::Mat look = patchOf(grey, detection.box);
+        const bool sameLook = !track.fitted.empty() && track.fitBox == detection.box && !look.empty()
+            && look.size() == track.fitLook.size() && cv::norm(look, track.fitLook, cv::NORM_INF) <= kSameLook;
+        if (!sameLook) {
+            const Clock::time_point fitStart = Clock::now();
+            const dlib::full_object_detection shape
+                = (*predictor)(dlib::cv_image<unsigned char>(grey), detection.box);
+            const double old = fitRate.load(std::memory_order_relaxed);
+            fitRate.store(old + 0.2 * (millisecondsSince(fitStart) - old), std::memory_order_relaxed);
+            track.fitted.clear();
+            if (shape.num_parts() != 68)
+                continue;
+            track.fitted = layout98(shape);
+            track.fitBox = detection.box;
+            track.fitLook = look;
+        }
         smoothing::FaceFilter::Face face;
         face.box = cv::Rect2d(detection.box.left(), detection.box.top(), detection.box.width(),
                               detection.box.height());
-        face.points = layout98(shape);
+        face.points = track.fitted;
         face.eyeA = 96;
         face.eyeB = 97;
         fitted.push_back(std::move(face));
@@ -1165,8 +1187,12 @@ std::vector<FaceDetectorImpl::Track> FaceDetectorImpl::follow(const Picture& pic
             // A face found where it was keeps its box, so that its key points
             // don't follow the box's steps between pyramid levels.
             if (smoothing::FaceFilter::overlap(toRect2d(next.detection.box), toRect2d(track.detection.box))
-                >= kKeepBoxOverlap)
+                >= kKeepBoxOverlap) {
                 next.detection.box = track.detection.box;
+                next.fitted = track.fitted;
+                next.fitBox = track.fitBox;
+                next.fitLook = track.fitLook;
+            }
             next.patch = patchOf(picture.grey, next.detection.box);
         }
         bool twice = false;
@@ -1258,9 +1284,9 @@ void FaceDetectorImpl::run(const cv::Mat& image, bool wholePicture)
 
     // Faces added by the search start with a patch of their own.
     for (size_t i = kept.size(); i < followed.size(); ++i)
-        kept.push_back({followed[i], patchOf(picture->grey, followed[i].box), 0});
+        kept.push_back({followed[i], patchOf(picture->grey, followed[i].box), 0, {}, {}, {}});
     tracks = std::move(kept);
-    output(picture->grey, followed);
+    output(picture->grey, tracks);
 }
 
 // ---------------------------------------------------------------------------

@@ -228,3 +228,31 @@ TEST(Kvodnnl, SliversAndTinyPicturesGiveNoFacesAndNoFailure)
     const std::string printed = testing::internal::GetCapturedStderr();
     EXPECT_EQ(printed.find("failed"), std::string::npos) << printed;
 }
+
+// A still face keeps its key points while its look holds, under sensor noise
+// too (fitting them again moves them by about a pixel); a mouth that opens in
+// a still face shows in the next call.
+TEST(Kvodnnl, StillFaceKeepsItsPointsUntilItsLookChanges)
+{
+    KVOAI::FaceDetector detector(KVOAI::DEFAULT, 1, 1);
+    const cv::Mat rgb = toRgb(portrait());
+    const std::vector<Face> before = settled(detector, rgb);
+    ASSERT_EQ(before.size(), 1u);
+    cv::Mat noisy = rgb.clone(), noise(rgb.size(), CV_16SC3);
+    cv::randn(noise, 0, 2);
+    noisy.convertTo(noisy, CV_16SC3);
+    cv::Mat(noisy + noise).convertTo(noisy, CV_8UC3);
+    std::vector<Face> still;
+    for (int call = 0; call < 3; ++call)
+        still = run(detector, noisy);
+    ASSERT_EQ(still.size(), 1u);
+    EXPECT_EQ(still[0].points, before[0].points);
+    // The band from the inner lip line down moved 10 pixels lower.
+    const QPointF lipLeft = pt(before[0], 88), lipRight = pt(before[0], 92);
+    const cv::Rect band(int(lipLeft.x()) - 10, int(lipLeft.y()), int(lipRight.x() - lipLeft.x()) + 20, 40);
+    cv::Mat open = rgb.clone();
+    rgb(band).copyTo(open(band + cv::Point(0, 10)));
+    const std::vector<Face> opened = run(detector, open);
+    ASSERT_EQ(opened.size(), 1u);
+    EXPECT_GT(distance(pt(opened[0], 94), pt(before[0], 94)), 3.0);
+}
