@@ -276,8 +276,8 @@ int main(int argc, char** argv)
                                 break;
                             }
                 }
-                std::this_thread::sleep_until(
-                    start + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double, std::milli>(interval)));
+                const std::chrono::duration<double, std::milli> pause(interval);
+                std::this_thread::sleep_until(start + std::chrono::duration_cast<Clock::duration>(pause));
             }
         };
         for (const labelled::Picture& p : labelled::withFaces(portrait, {40, 48, 56, 64, 72, 80}))

@@ -246,7 +246,8 @@ void loadScannerModels(ModelStore& store)
 
 std::unique_ptr<Scanners> makeScanners(ModelStore& store)
 {
-    auto made = std::make_unique<Scanners>(Scanners{*store.hog, *store.hogLevel, *store.hogNear, cv::CascadeClassifier(), false});
+    auto made = std::make_unique<Scanners>(
+        Scanners{*store.hog, *store.hogLevel, *store.hogNear, cv::CascadeClassifier(), false});
     if (!store.cascadeText.empty()) {
         // read() reports whether the cascade was understood; empty() stays
         // true for a cascade read this way.

@@ -1224,10 +1224,8 @@ bool OpenglChannelWorker::readFromGPU(TextureBuffer* buffer)
         source->bind();
         buffer->copyToReadTexture(context, width, height);
     }
+    // The copy is handed to the GPU by the buffer, for the scene's context.
     QOpenGLFramebufferObject::bindDefault();
-    // The scene draws the texture from its own context: hand the copy to the
-    // GPU before letting go of the context.
-    glFlush();
     doneCurrent();
     return true;
 }
