@@ -968,8 +968,8 @@ void OpenglChannelWorker::drawBasicImage(const QImage& image, BeautyFilterBase* 
     const bool fromShare = useShareTexture && textureBuffer;
     if (fromShare)
         textureBuffer->bindWriteTexture(context);
-    else
-        bindQtTexture(image);
+    else  // the smaller levels only where the picture can shrink
+        bindQtTexture(image, !isClip && (s < 1.0f || rx != 0.0f || ry != 0.0f));
     basicProgram->setUniformFloat("inXbias", bias);
     basicProgram->setUniformFloat("inYbias", bias);
     basicProgram->setUniformFloat("xRadius", xRadius);

@@ -93,7 +93,8 @@ public:
     virtual void uploadTexture(uchar* data, bool hasAlpha);
     virtual void uploadTextureByPbo(int unit, const QImage& image);
     // The picture into the input texture on unit 0, left bound there; with
-    // `mipmaps` its smaller levels are made again from it.
+    // `mipmaps` its smaller levels are made again from it for the draw to
+    // read, without them the draw reads level 0 only.
     virtual void bindQtTexture(const QImage& image, bool mipmaps = true);
     virtual GLuint createMipmapTexture(const QImage& image);
     virtual void resize(int width, int height);

@@ -101,6 +101,39 @@ TEST(PicturePass, AMirroredTiltTurnsTheSameWayOnScreen)
     EXPECT_TRUE(c.size() == QSize(32, 48) && qAlpha(c.pixel(31, 0)) == 0 && qAlpha(c.pixel(16, 24)) == 255);
 }
 
+// A picture shrunk to a third reads the smaller levels made from this frame:
+// a checkerboard of single pixels turns grey, where level 0 alone would show
+// black and white; one at its own size keeps its pixels.
+TEST(PicturePass, AShrunkPictureIsFilteredAndAnUnshrunkOneIsNot)
+{
+    PictureChannel channel;
+    auto board = [](QRgb a, QRgb b) {
+        QImage out(96, 48, QImage::Format_RGBA8888);
+        for (int y = 0; y < 48; ++y)
+            for (int x = 0; x < 96; ++x)
+                out.setPixel(x, y, (x + y) % 2 ? a : b);
+        return out;
+    };
+    const QImage blackWhite = board(qRgb(0, 0, 0), qRgb(255, 255, 255));
+    const struct { double scale; bool grey; } cases[] = {{-50.0 / 3, true}, {0, false}};
+    for (const auto& c : cases) {
+        // A frame of another picture first, so that levels from an earlier
+        // frame would show.
+        const auto record = picture::settings([&](auto& p) { p.scale = c.scale; });
+        channel.frame(board(qRgb(255, 0, 0), qRgb(255, 0, 0)), record);
+        const QImage out = channel.frame(blackWhite, record);
+        int grey = 0, extreme = 0;
+        for (int y = 20; y < 28; ++y)
+            for (int x = 44; x < 52; ++x) {
+                const QColor v = out.pixelColor(x, y);
+                grey += v.red() > 60 && v.red() < 195 && v.green() == v.red() && v.alpha() == 255;
+                extreme += (v.red() < 20 || v.red() > 235) && v.green() == v.red() && v.alpha() == 255;
+            }
+        EXPECT_EQ(grey, c.grey ? 64 : 0) << c.scale;
+        EXPECT_EQ(extreme, c.grey ? 0 : 64) << c.scale;
+    }
+}
+
 // The page gate: an offset outside [0, 1] is left out, and so is the first
 // frame back inside; the next is drawn. The pass reads the offset that the
 // last frame's uniforms wrote, so its part of the gate is a frame late. A
