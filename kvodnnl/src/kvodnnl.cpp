@@ -89,6 +89,9 @@ constexpr double kSameLook = 4.0;
 // A followed face found again with a box that overlaps its old one by this
 // much (intersection over union) keeps the old box.
 constexpr double kKeepBoxOverlap = 0.8;
+// In a picture that differs from the last on the whole, the followed faces
+// are given up once this many searched for near their places are all lost.
+constexpr int kCutLosses = 2;
 // Calls between the starts of two searches of the whole picture while nothing
 // else asks for one, when no face is followed and when some are.
 constexpr int kSearchPeriod = 10;
@@ -104,7 +107,23 @@ constexpr int kSearchNice = 10;
 // milliseconds of the call's start, and adds new faces only within
 // kMergeBudgetMs.
 constexpr double kHelpBudgetMs = 18.0;
+// A search that must end by its kSearchCalls-th call takes up to this many
+// milliseconds of each call before that one, so that little is left for it.
+constexpr double kUrgentHelpBudgetMs = 22.0;
 constexpr double kMergeBudgetMs = 22.0;
+// Key points are fitted while the call's estimated end stays within this
+// many milliseconds of its start.
+constexpr double kFitBudgetMs = 24.0;
+// Side to which the part of a picture round a face is reduced to measure how
+// far the face moved.
+constexpr double kMotionSide = 96.0;
+// A face that moved by at most this fraction of its width since its key points
+// were fitted, and whose look there is the one they were fitted on (within
+// kMovedLook), keeps them, moved along.
+constexpr double kMotionReach = 0.25;
+// The look of a face that moved is compared at the nearest whole pixel: the
+// rest of the step changes its cells by a few grey levels more.
+constexpr double kMovedLook = 8.0;
 // A picture counts as a new one when the mean absolute difference of its 32 x
 // 32 grey signature from the last picture's passes kChangeThreshold, or when
 // kChangedPatches of the signature's patch means differ by more than
@@ -591,6 +610,30 @@ bool searchNear(const cv::Mat& picture, const dlib::rectangle& box, double thres
     return found;
 }
 
+// How far the picture moved from `before` to `after` round `box`: phase
+// correlation of the box and a margin of a quarter of it all round, reduced
+// to at most kMotionSide pixels a side. Zero when the two differ in size or
+// the part is too small.
+cv::Point2d motion(const cv::Mat& before, const cv::Mat& after, const dlib::rectangle& box)
+{
+    const double w = static_cast<double>(box.width());
+    const double h = static_cast<double>(box.height());
+    const cv::Rect region = cv::Rect(cvRound(box.left() - w / 4), cvRound(box.top() - h / 4), cvRound(w * 1.5),
+                                     cvRound(h * 1.5))
+        & cv::Rect(0, 0, before.cols, before.rows);
+    if (before.size() != after.size() || region.width < kPatchSide || region.height < kPatchSide)
+        return {};
+    const double scale = std::min(1.0, kMotionSide / std::max(region.width, region.height));
+    cv::Mat a, b;
+    cv::resize(before(region), a, cv::Size(), scale, scale, cv::INTER_AREA);
+    cv::resize(after(region), b, cv::Size(), scale, scale, cv::INTER_AREA);
+    a.convertTo(a, CV_32F);
+    b.convertTo(b, CV_32F);
+    cv::Mat window;
+    cv::createHanningWindow(window, a.size(), CV_32F);
+    return cv::phaseCorrelate(a, b, window) / scale;
+}
+
 // ---------------------------------------------------------------------------
 // Search of the whole picture
 //
@@ -603,7 +646,8 @@ bool searchNear(const cv::Mat& picture, const dlib::rectangle& box, double thres
 //   Cascade  the cascade on a band of face sizes, over a part of the picture
 //            reduced so that the band's smallest faces measure its window
 //   Confirm  a candidate of the other two, searched for with the HOG
-//            detector near its place at kNearFace pixels
+//            detector near its place at kNearFace pixels, on kNearLevels
+//            levels as a followed face is
 // Every task scans the latest picture handed in when it starts. A new search
 // marks all the plan's tasks to do again and goes on from where the last one
 // stood, so that a picture that changes at every call is still searched
@@ -622,6 +666,10 @@ struct Task {
 // Millions of pixels that a HOG pyramid scans, for a base level of `pixels`:
 // each level is 5/6 of the one before on each side.
 constexpr double kPyramidSum = 1.0 / (1.0 - 25.0 / 36.0);
+// ...and for its first kNearLevels levels: the millions of pixels of a
+// search near a place, per million of its base level.
+constexpr double kNearSum = (1.0 - 25.0 / 36.0 * 25.0 / 36.0 * 25.0 / 36.0) / (1.0 - 25.0 / 36.0);
+static_assert(kNearLevels == 3, "kNearSum counts three levels");
 // Most work for one task of the plan, in millions of HOG pixels and of
 // cascade windows: a few milliseconds each.
 constexpr double kTaskHogPixels = 0.25;
@@ -721,7 +769,7 @@ std::vector<Detection> runTask(const Task& task, const cv::Mat& picture, Scanner
     std::vector<Detection> out;
     if (task.kind == Task::Confirm) {
         Detection d;
-        if (searchNear(picture, task.box, kConfirmScore, scanners.hog, d))
+        if (searchNear(picture, task.box, kConfirmScore, scanners.hogNear, d))
             out.push_back(d);
         return out;
     }
@@ -819,7 +867,7 @@ private:
     void finishTask(const Task& task, uint64_t search, const PicturePtr& picture, const std::vector<Detection>& out,
                     double milliseconds);
     void startSearch(const std::vector<Detection>& followed, bool urgent);
-    void help(Clock::time_point start, bool finish, double reserve);
+    void help(Clock::time_point start, bool finish, double budget, double reserve);
     void merge(const PicturePtr& picture, std::vector<Detection>& followed, Clock::time_point start, bool all);
 
     std::string modelPath = modelPathFromEnvironment();
@@ -838,9 +886,11 @@ private:
         std::vector<cv::Point2d> fitted;
         dlib::rectangle fitBox;
         cv::Mat fitLook;
+        PicturePtr fitPicture;
+        int fitAge = 0;  // calls since, in which it needed a fit and got none
     };
-    void output(const cv::Mat& grey, std::vector<Track>& shown);
-    std::vector<Track> follow(const Picture& picture, bool& lost);
+    void output(const PicturePtr& picture, std::vector<Track>& shown, Clock::time_point start, bool all);
+    std::vector<Track> follow(const Picture& picture, bool cut, bool& lost);
 
     PicturePtr last;
     std::vector<Track> tracks;
@@ -959,7 +1009,7 @@ void FaceDetectorImpl::finishTask(const Task& task, uint64_t search, const Pictu
         confirm.kind = Task::Confirm;
         confirm.box = candidate.box;
         const double side = kNearFace * kNearRegion;
-        confirm.work = side * side * kPyramidSum * 1e-6;
+        confirm.work = side * side * kNearSum * 1e-6;
         shared.confirms.push_back(confirm);
     }
 }
@@ -1012,10 +1062,10 @@ void FaceDetectorImpl::startSearch(const std::vector<Detection>& followed, bool 
     urgent = mustEnd;
 }
 
-// Takes on tasks of the search while they fit into the call's budget, or,
-// when `finish`, until the search is done, waiting for the detector's thread
-// to end those it works on.
-void FaceDetectorImpl::help(Clock::time_point start, bool finish, double reserve)
+// Takes on tasks of the search while they fit into `budget` milliseconds from
+// the call's start less `reserve`, or, when `finish`, until the search is
+// done, waiting for the detector's thread to end those it works on.
+void FaceDetectorImpl::help(Clock::time_point start, bool finish, double budget, double reserve)
 {
     std::unique_lock<std::mutex> lock(mutex);
     while (searching()) {
@@ -1030,12 +1080,12 @@ void FaceDetectorImpl::help(Clock::time_point start, bool finish, double reserve
             }
             const Clock::time_point deadline = start
                 + std::chrono::duration_cast<Clock::duration>(
-                                                   std::chrono::duration<double, std::milli>(kHelpBudgetMs - reserve));
+                                                   std::chrono::duration<double, std::milli>(budget - reserve));
             if (shared.workerEnds > deadline || wake.wait_until(lock, deadline) == std::cv_status::timeout)
                 return;
             continue;
         }
-        if (!finish && millisecondsSince(start) + estimate(*next) + reserve > kHelpBudgetMs)
+        if (!finish && millisecondsSince(start) + estimate(*next) + reserve > budget)
             return;
         Task task;
         uint64_t search = 0;
@@ -1061,7 +1111,7 @@ void FaceDetectorImpl::help(Clock::time_point start, bool finish, double reserve
 // Adds the faces that the search confirmed and that are not followed yet.
 // Those confirmed on another picture than this call's are searched for near
 // their place first. Unless `all`, faces beyond the call's budget wait for
-// the next call.
+// the next call, except a first face on a call that shows none.
 void FaceDetectorImpl::merge(const PicturePtr& picture, std::vector<Detection>& followed, Clock::time_point start,
                              bool all)
 {
@@ -1071,7 +1121,7 @@ void FaceDetectorImpl::merge(const PicturePtr& picture, std::vector<Detection>& 
         std::lock_guard<std::mutex> lock(mutex);
         found.swap(shared.found);
         const double side = kNearFace * kNearRegion;
-        confirmMilliseconds = side * side * kPyramidSum * 1e-6 * hogRate.load(std::memory_order_relaxed);
+        confirmMilliseconds = side * side * kNearSum * 1e-6 * hogRate.load(std::memory_order_relaxed);
     }
     if (found.empty())
         return;
@@ -1087,7 +1137,11 @@ void FaceDetectorImpl::merge(const PicturePtr& picture, std::vector<Detection>& 
             continue;
         const bool same = difference(*f.picture, *picture) <= kSameThreshold;
         const double fit = fitRate.load(std::memory_order_relaxed);
-        if (!all
+        // While no face is shown, one found on this very picture is added
+        // whatever the call has taken: the search may have used the budget,
+        // and would again on every call of a picture handed in repeatedly.
+        const bool first = same && followed.empty();
+        if (!all && !first
             && millisecondsSince(start) + (same ? 0.0 : confirmMilliseconds) + fit * (followed.size() + 1)
                 > kMergeBudgetMs) {
             later.push_back(f);
@@ -1100,7 +1154,7 @@ void FaceDetectorImpl::merge(const PicturePtr& picture, std::vector<Detection>& 
         if (!scanners)
             scanners = std::make_unique<ScannerLease>();
         Detection d;
-        if (searchNear(picture->grey, f.detection.box, 0.0, (*scanners)->hog, d) && !followedAlready(d.box))
+        if (searchNear(picture->grey, f.detection.box, 0.0, (*scanners)->hogNear, d) && !followedAlready(d.box))
             followed.push_back(d);
     }
     if (!later.empty()) {
@@ -1110,33 +1164,97 @@ void FaceDetectorImpl::merge(const PicturePtr& picture, std::vector<Detection>& 
 }
 
 // Fits the key points to each face, smooths them with those of the last
-// call and fills `faces`.
-void FaceDetectorImpl::output(const cv::Mat& grey, std::vector<Track>& shown)
+// call and fills `faces`. A face keeps the points fitted before while it
+// looks as it did then, where it was (a still face) or where it moved to
+// (see kMotionReach; the points move with it). Unless `all`, once the call
+// has taken kFitBudgetMs, any other face keeps them too, moved as its part of
+// the picture moved since (see `motion`), and is fitted again on a later
+// call: the faces whose points are the oldest are fitted first. A face
+// without points yet is always fitted, and so is the first face that needs a
+// fit.
+void FaceDetectorImpl::output(const PicturePtr& picture, std::vector<Track>& shown, Clock::time_point start,
+                              bool all)
 {
+    const cv::Mat& grey = picture->grey;
+    std::vector<size_t> order;  // the faces that need a fit, the oldest fits first
+    std::vector<cv::Mat> looks(shown.size());
+    std::vector<std::vector<cv::Point2d>> points(shown.size());
+    const auto sameLook = [&](const Track& track, const cv::Mat& look, double within = kSameLook) {
+        return !look.empty() && look.size() == track.fitLook.size()
+            && cv::norm(look, track.fitLook, cv::NORM_INF) <= within;
+    };
+    for (size_t i = 0; i < shown.size(); ++i) {
+        Track& track = shown[i];
+        points[i] = track.fitted;
+        looks[i] = patchOf(grey, track.detection.box);
+        if (track.fitted.empty() || !track.fitPicture || track.fitPicture->grey.size() != grey.size()) {
+            order.push_back(i);
+            continue;
+        }
+        if (track.fitBox == track.detection.box && sameLook(track, looks[i]))
+            continue;
+        // Found with another box, or moved a little: a face that looks as it
+        // did where its points were fitted keeps them, moved with it.
+        if (track.fitBox != track.detection.box && sameLook(track, patchOf(grey, track.fitBox)))
+            continue;
+        const cv::Point2d moved = motion(track.fitPicture->grey, grey, track.fitBox);
+        const dlib::rectangle there
+            = dlib::translate_rect(track.fitBox, dlib::point(cvRound(moved.x), cvRound(moved.y)));
+        if (std::hypot(moved.x, moved.y) <= kMotionReach * static_cast<double>(track.fitBox.width())
+            && sameLook(track, patchOf(grey, there), kMovedLook)) {
+            for (cv::Point2d& p : points[i])
+                p += moved;
+            continue;
+        }
+        order.push_back(i);
+    }
+    std::stable_sort(order.begin(), order.end(), [&](size_t a, size_t b) {
+        if (shown[a].fitted.empty() != shown[b].fitted.empty())
+            return shown[a].fitted.empty();
+        return shown[a].fitAge > shown[b].fitAge;
+    });
+    bool fittedOne = false;
+    for (size_t i : order) {
+        Track& track = shown[i];
+        const bool inBudget = all || !fittedOne || track.fitted.empty() || !track.fitPicture
+            || track.fitPicture->grey.size() != grey.size()
+            || millisecondsSince(start) + fitRate.load(std::memory_order_relaxed) <= kFitBudgetMs;
+        if (!inBudget) {
+            const cv::Point2d moved = motion(track.fitPicture->grey, grey, track.fitBox);
+            for (cv::Point2d& p : points[i])
+                p += moved;
+            ++track.fitAge;
+            continue;
+        }
+        fittedOne = true;
+        const Clock::time_point fitStart = Clock::now();
+        const dlib::full_object_detection shape
+            = (*predictor)(dlib::cv_image<unsigned char>(grey), track.detection.box);
+        // Slow fits raise the estimate at once, quick ones lower it slowly:
+        // the budgets of a call rest on it.
+        const double old = fitRate.load(std::memory_order_relaxed);
+        const double spent = millisecondsSince(fitStart);
+        fitRate.store(old + (spent > old ? 0.5 : 0.1) * (spent - old), std::memory_order_relaxed);
+        track.fitted.clear();
+        if (shape.num_parts() == 68)
+            track.fitted = layout98(shape);
+        track.fitBox = track.detection.box;
+        track.fitLook = looks[i];
+        track.fitPicture = picture;
+        track.fitAge = 0;
+        points[i] = track.fitted;
+    }
+
     std::vector<smoothing::FaceFilter::Face> fitted;
     std::vector<double> scores;
-    for (Track& track : shown) {
-        const Detection& detection = track.detection;
-        const cv::Mat look = patchOf(grey, detection.box);
-        const bool sameLook = !track.fitted.empty() && track.fitBox == detection.box && !look.empty()
-            && look.size() == track.fitLook.size() && cv::norm(look, track.fitLook, cv::NORM_INF) <= kSameLook;
-        if (!sameLook) {
-            const Clock::time_point fitStart = Clock::now();
-            const dlib::full_object_detection shape
-                = (*predictor)(dlib::cv_image<unsigned char>(grey), detection.box);
-            const double old = fitRate.load(std::memory_order_relaxed);
-            fitRate.store(old + 0.2 * (millisecondsSince(fitStart) - old), std::memory_order_relaxed);
-            track.fitted.clear();
-            if (shape.num_parts() != 68)
-                continue;
-            track.fitted = layout98(shape);
-            track.fitBox = detection.box;
-            track.fitLook = look;
-        }
+    for (size_t i = 0; i < shown.size(); ++i) {
+        if (points[i].empty())
+            continue;
+        const Detection& detection = shown[i].detection;
         smoothing::FaceFilter::Face face;
         face.box = cv::Rect2d(detection.box.left(), detection.box.top(), detection.box.width(),
                               detection.box.height());
-        face.points = track.fitted;
+        face.points = std::move(points[i]);
         face.eyeA = 96;
         face.eyeB = 97;
         fitted.push_back(std::move(face));
@@ -1166,12 +1284,20 @@ void FaceDetectorImpl::output(const cv::Mat& grey, std::vector<Track>& shown)
 // The faces of the last call in a new picture. A face whose box looks as it
 // did when the HOG detector last found it there keeps its box for up to
 // kRecheckCalls calls; any other is searched for near its old place, and
-// `lost` is set when one of them is not found.
-std::vector<FaceDetectorImpl::Track> FaceDetectorImpl::follow(const Picture& picture, bool& lost)
+// `lost` is set when one of them is not found. In a picture that differs on
+// the whole (`cut`), once the first kCutLosses searched for are all lost, the
+// rest are taken for lost too: the picture is another scene, and the search
+// of the whole picture that it starts has the time instead.
+std::vector<FaceDetectorImpl::Track> FaceDetectorImpl::follow(const Picture& picture, bool cut, bool& lost)
 {
     std::vector<Track> kept;
     std::unique_ptr<ScannerLease> scanners;
+    int searched = 0, found = 0;
     for (const Track& track : tracks) {
+        if (cut && searched >= kCutLosses && found == 0) {
+            lost = true;
+            break;
+        }
         Track next;
         const cv::Mat patch = patchOf(picture.grey, track.detection.box);
         if (track.unchecked + 1 < kRecheckCalls && !patch.empty() && patch.size() == track.patch.size()
@@ -1181,19 +1307,22 @@ std::vector<FaceDetectorImpl::Track> FaceDetectorImpl::follow(const Picture& pic
         } else {
             if (!scanners)
                 scanners = std::make_unique<ScannerLease>();
+            ++searched;
             if (!searchNear(picture.grey, track.detection.box, 0.0, (*scanners)->hogNear, next.detection)) {
                 lost = true;
                 continue;
             }
+            ++found;
             // A face found where it was keeps its box, so that its key points
             // don't follow the box's steps between pyramid levels.
             if (smoothing::FaceFilter::overlap(toRect2d(next.detection.box), toRect2d(track.detection.box))
-                >= kKeepBoxOverlap) {
+                >= kKeepBoxOverlap)
                 next.detection.box = track.detection.box;
-                next.fitted = track.fitted;
-                next.fitBox = track.fitBox;
-                next.fitLook = track.fitLook;
-            }
+            next.fitted = track.fitted;
+            next.fitBox = track.fitBox;
+            next.fitLook = track.fitLook;
+            next.fitPicture = track.fitPicture;
+            next.fitAge = track.fitAge;
             next.patch = patchOf(picture.grey, next.detection.box);
         }
         bool twice = false;
@@ -1243,7 +1372,7 @@ void FaceDetectorImpl::run(const cv::Mat& image, bool wholePicture)
     last = picture;
 
     bool lost = false;
-    std::vector<Track> kept = follow(*picture, lost);
+    std::vector<Track> kept = follow(*picture, changed, lost);
     std::vector<Detection> followed;
     for (const Track& t : kept)
         followed.push_back(t.detection);
@@ -1279,15 +1408,21 @@ void FaceDetectorImpl::run(const cv::Mat& image, bool wholePicture)
     // changing is left to the detector's thread: the calling thread joins in
     // from the second call on the same picture.
     const bool finish = urgent && callsSinceSearch >= kSearchCalls;
-    if (busy && (followed.empty() || (urgent && callsSinceSearch >= 2)))
-        help(start, finish, followed.size() * fitRate.load(std::memory_order_relaxed));
+    if (busy && (followed.empty() || (urgent && callsSinceSearch >= 2))) {
+        // Key points are fitted again only on faces whose box moved.
+        size_t refits = 0;
+        for (const Track& t : kept)
+            refits += t.fitted.empty() || t.fitBox != t.detection.box;
+        help(start, finish, urgent ? kUrgentHelpBudgetMs : kHelpBudgetMs,
+             refits * fitRate.load(std::memory_order_relaxed));
+    }
     merge(picture, followed, start, finish);
 
     // Faces added by the search start with a patch of their own.
     for (size_t i = kept.size(); i < followed.size(); ++i)
-        kept.push_back({followed[i], patchOf(picture->grey, followed[i].box), 0, {}, {}, {}});
+        kept.push_back({followed[i], patchOf(picture->grey, followed[i].box), 0, {}, {}, {}, {}, 0});
     tracks = std::move(kept);
-    output(picture->grey, tracks);
+    output(picture, tracks, start, finish);
 }
 
 // ---------------------------------------------------------------------------

@@ -41,10 +41,11 @@ std::vector<Face> faces(const QImage& picture)
     const QImage rgb = picture.convertToFormat(QImage::Format_RGB888);
     const cv::Mat mat(rgb.height(), rgb.width(), CV_8UC3, const_cast<uchar*>(rgb.constBits()), rgb.bytesPerLine());
     std::vector<Face> out;
-    // A new picture shows its faces by the fifth call.
+    // A new picture shows all its faces by the fifth call (some may show
+    // earlier than others).
     const cv::Mat copy = mat.clone();
-    for (int call = 1; call < 5 && detector.Run(copy, call == 1, false, 1, 1, 50.0f).empty(); ++call) {
-    }
+    for (int call = 1; call < 5; ++call)
+        detector.Run(copy, call == 1, false, 1, 1, 50.0f);
     for (const auto& f : detector.Run(copy, false, false, 1, 1, 50.0f)) {
         auto at = [&](int k) { return QPointF(f.points[2 * k], f.points[2 * k + 1]); };
         double top = 1e9;

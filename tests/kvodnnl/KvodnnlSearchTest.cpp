@@ -209,3 +209,44 @@ TEST(KvodnnlSearch, StillPicturesShowTheirFacesByTheFifthCall)
         faces = detector.Run(pictures[0].rgb, false, false, 1, 1, 50.f);
     EXPECT_EQ(faces.size(), 1u);
 }
+
+// Eight faces that move together six pixels a call: a call has no time to fit
+// all of them again, and those it leaves carry their points along as their
+// part of the picture moved; every call shows all eight with their eyes
+// where the motion took them.
+TEST(KvodnnlSearch, ManyMovingFacesKeepTheirPointsOnTheirFaces)
+{
+    const cv::Mat portrait = portraitRgb();
+    std::vector<cv::Point> placings;
+    for (int y : {230, 560})
+        for (int x : {160, 480, 800, 1120})
+            placings.emplace_back(x, y);
+    const auto picture = [&](cv::Point2d offset) {
+        cv::Mat canvas(720, 1280, CV_8UC3, cv::Scalar::all(110));
+        for (const cv::Point& at : placings)
+            labelled::paste(canvas, portrait, 0, 0.65, cv::Point2d(at) + offset);
+        return canvas;
+    };
+    const auto eyes = [](const Face& f) {
+        return cv::Point2d(f.points[192] + f.points[194], f.points[193] + f.points[195]) * 0.5;
+    };
+    KVOAI::FaceDetector detector(KVOAI::DEFAULT, 1, 1);
+    std::vector<Face> faces;
+    for (int call = 1; call <= 5; ++call)
+        faces = detector.Run(picture({0, 0}), false, false, 1, 1, 50.f);
+    ASSERT_EQ(faces.size(), placings.size());
+    std::vector<cv::Point2d> start;
+    for (const Face& f : faces)
+        start.push_back(eyes(f));
+    for (int call = 1; call <= 20; ++call) {
+        const cv::Point2d offset(5.0 * call, 3.0 * call);
+        faces = detector.Run(picture(offset), false, false, 1, 1, 50.f);
+        EXPECT_EQ(faces.size(), placings.size()) << "call " << call;
+        for (const cv::Point2d& s : start) {
+            double nearest = 1e9;
+            for (const Face& f : faces)
+                nearest = std::min(nearest, cv::norm(eyes(f) - (s + offset)));
+            EXPECT_LE(nearest, 3.0) << "call " << call << ", the face whose eyes were at " << s;
+        }
+    }
+}

@@ -255,4 +255,30 @@ TEST(Kvodnnl, StillFaceKeepsItsPointsUntilItsLookChanges)
     const std::vector<Face> opened = run(detector, open);
     ASSERT_EQ(opened.size(), 1u);
     EXPECT_GT(distance(pt(opened[0], 94), pt(before[0], 94)), 3.0);
+
+    // Moved 4 pixels right and 3 down, the face keeps its points, moved as
+    // far; moved with the mouth open, the lip shows.
+    const auto moved = [](const cv::Mat& m) {
+        cv::Mat out;
+        const cv::Mat shift = (cv::Mat_<double>(2, 3) << 1, 0, 4, 0, 1, 3);
+        cv::warpAffine(m, out, shift, m.size(), cv::INTER_NEAREST, cv::BORDER_REPLICATE);
+        return out;
+    };
+    const QPointF step(4, 3);
+    for (bool mouthOpen : {false, true}) {
+        KVOAI::FaceDetector fresh(KVOAI::DEFAULT, 1, 1);
+        const std::vector<Face> at = settled(fresh, rgb);
+        ASSERT_EQ(at.size(), 1u);
+        std::vector<Face> after;
+        for (int call = 0; call < 3; ++call)
+            after = run(fresh, moved(mouthOpen ? open : rgb));
+        ASSERT_EQ(after.size(), 1u);
+        double worst = 0;
+        for (int k = 0; k < 98; ++k)
+            worst = std::max(worst, distance(pt(after[0], k), pt(at[0], k) + step));
+        if (mouthOpen)
+            EXPECT_GT(distance(pt(after[0], 94), pt(at[0], 94) + step), 3.0);
+        else
+            EXPECT_LE(worst, 1.5);
+    }
 }

@@ -16,27 +16,36 @@
 // Over time, each call of Run:
 //   - follows the faces of the last call: a face whose box still looks as it
 //     did keeps its box, any other is searched for near its last place; a
-//     face not found there is dropped at once;
+//     face not found there is dropped at once. In a picture that differs much
+//     from the last one on the whole, once the first two faces searched for
+//     are not found, the rest are dropped too (the picture is another scene);
 //   - has the whole picture searched, in the background: on the first call,
 //     whenever the picture differs much from the last one on the whole, when
 //     `flagA` is true, when a followed face is lost, and otherwise every 15
 //     calls (every 10 while no face is shown, or every 5 while none is shown
-//     and the picture changes in a few places). The search finds faces from about 40 pixels
-//     wide (the HOG detector for faces from a sixth of the picture's shorter
-//     side up, the cascade, each of whose finds the HOG detector confirms, for
-//     smaller ones down to 36 pixels or a twentieth of the shorter side). It
-//     is cut into tasks of a few milliseconds that run on a thread of the
-//     detector's own; the calling thread takes some on as well while its call
-//     stays within about 16 ms, when no face is shown or the search was asked
-//     for by a new picture or `flagA`. Faces that the search finds are shown
-//     from the call after they were found (after a new search near their place
-//     when the picture has changed since);
+//     and the picture changes in a few places). The search finds faces from
+//     about 40 pixels wide (the HOG detector for faces from a sixth of the
+//     picture's shorter side up, the cascade, each of whose finds the HOG
+//     detector confirms, for smaller ones down to 36 pixels or a twentieth of
+//     the shorter side). It is cut into tasks of a few milliseconds that run on
+//     a thread of the detector's own; the calling thread takes some on as well
+//     while its call stays within about 18 ms (22 ms for a search asked for by
+//     a new picture or `flagA`), when no face is shown or the search was asked
+//     for so. Faces that the search finds are shown from the call after they
+//     were found (after a new search near their place when the picture has
+//     changed since);
 //   - ends a search asked for by a new picture or by `flagA` by its fifth
 //     call at the latest, doing what is left itself on that call if need be:
 //     a still picture handed in repeatedly shows its faces by the fifth call
 //     (the first call of a new detector shows none of them yet). `flagA` true
 //     thus no longer means a search within the call; while such a search is
 //     under way, further `flagA` calls join it;
+//   - fits key points to a face only when its look changed: a face that
+//     looks as it did where its points were fitted keeps them, moved along
+//     when it moved by up to a quarter of its width. Once a call has taken
+//     about 24 ms, a face that needs a new fit keeps its points too, moved as
+//     its part of the picture moved, and is fitted on a later call (those
+//     waiting longest first); a face without points yet is always fitted;
 //   - smooths each face's key points and box with those of the same face in
 //     the last call (matched by the overlap of their boxes): strongly while
 //     the face keeps still, hardly while it moves. A face new to a call, or
