@@ -987,7 +987,15 @@ void FaceDetectorImpl::finishTask(const Task& task, uint64_t search, const Pictu
         return;  // the picture's size changed meanwhile
     if (task.kind == Task::Confirm) {
         for (const Detection& d : out) {
-            shared.found.push_back({d, picture});
+            // A face found again while it waits to be shown replaces its
+            // older find: the list holds each face once, however many
+            // searches end before the calls find time to show it.
+            const auto again = std::find_if(shared.found.begin(), shared.found.end(),
+                                            [&](const Found& f) { return sameFace(f.detection.box, d.box); });
+            if (again != shared.found.end())
+                *again = {d, picture};
+            else
+                shared.found.push_back({d, picture});
             if (search == shared.search)
                 shared.known.push_back(d.box);
         }
@@ -1158,8 +1166,12 @@ void FaceDetectorImpl::merge(const PicturePtr& picture, std::vector<Detection>& 
             followed.push_back(d);
     }
     if (!later.empty()) {
+        // Those found again meanwhile keep the newer find.
         std::lock_guard<std::mutex> lock(mutex);
-        shared.found.insert(shared.found.end(), later.begin(), later.end());
+        for (const Found& f : later)
+            if (std::none_of(shared.found.begin(), shared.found.end(),
+                             [&](const Found& g) { return sameFace(g.detection.box, f.detection.box); }))
+                shared.found.push_back(f);
     }
 }
 
