@@ -1,5 +1,6 @@
 #include "channel/ImageFilters.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 
@@ -1016,6 +1017,16 @@ void ImageFilters::fitToWidth(QImage& image, int width, int height)
 {
     if (image.width() == width)
         return;
+    const double fitted = image.height() * (static_cast<double>(width) / image.width());
+    if (fitted > kPageLimit) {
+        // Taller than any page: straight to the size that the page limit
+        // would shrink it to. A sliver fitted to a wide page first would be
+        // hundreds of thousands of rows high, gigabytes of pixels.
+        const int narrowed = std::max(1, static_cast<int>(kPageLimit * width / fitted));
+        image = image.scaled(narrowed, kPageLimit, Qt::IgnoreAspectRatio, Qt::SmoothTransformation)
+                    .convertToFormat(QImage::Format_RGBA8888);
+        return;
+    }
     const int newHeight =
         static_cast<int>(image.height() * (static_cast<float>(width) / static_cast<float>(image.width())));
     image = image.scaled(width, newHeight, Qt::IgnoreAspectRatio, Qt::SmoothTransformation)

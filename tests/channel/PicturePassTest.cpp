@@ -154,6 +154,13 @@ TEST(PicturePass, PageGateAndPages)
     page.fill(Qt::red);
     channel.fitPage(page, 0, 2, 1e9f, 480);  // no such page: left as it is
     EXPECT_EQ(page.size(), QSize(320, 120));
+    // A sliver fitted to a wide page would be far taller than any page: it
+    // ends at the page limit's height, not as a null picture of terabytes.
+    QImage sliver(1, 7680, QImage::Format_RGBA8888);
+    sliver.fill(Qt::blue);
+    channel.fitPage(sliver, 0, 2, 7680, 480);
+    EXPECT_EQ(sliver.size(), QSize(1, 7680));
+    EXPECT_EQ(sliver.pixelColor(0, 3000), QColor(Qt::blue));
     channel.fitPage(page, 0, 2, 640, 480);
     const QColor bar(245, 246, 247);
     EXPECT_TRUE(page.size() == QSize(640, 480) && page.pixelColor(5, 119) == bar && page.pixelColor(5, 120) == Qt::red &&
