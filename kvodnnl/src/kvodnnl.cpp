@@ -13,6 +13,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -1191,6 +1192,9 @@ void FaceDetectorImpl::output(const PicturePtr& picture, std::vector<Track>& sho
     std::vector<size_t> order;  // the faces that need a fit, the oldest fits first
     std::vector<cv::Mat> looks(shown.size());
     std::vector<std::vector<cv::Point2d>> points(shown.size());
+    // How far each face that needs a fit moved since its last one; none for a
+    // face without points that fit this picture, which is always fitted.
+    std::vector<std::optional<cv::Point2d>> moves(shown.size());
     const auto sameLook = [&](const Track& track, const cv::Mat& look, double within = kSameLook) {
         return !look.empty() && look.size() == track.fitLook.size()
             && cv::norm(look, track.fitLook, cv::NORM_INF) <= within;
@@ -1218,6 +1222,7 @@ void FaceDetectorImpl::output(const PicturePtr& picture, std::vector<Track>& sho
                 p += moved;
             continue;
         }
+        moves[i] = moved;
         order.push_back(i);
     }
     std::stable_sort(order.begin(), order.end(), [&](size_t a, size_t b) {
@@ -1228,13 +1233,11 @@ void FaceDetectorImpl::output(const PicturePtr& picture, std::vector<Track>& sho
     bool fittedOne = false;
     for (size_t i : order) {
         Track& track = shown[i];
-        const bool inBudget = all || !fittedOne || track.fitted.empty() || !track.fitPicture
-            || track.fitPicture->grey.size() != grey.size()
+        const bool inBudget = all || !fittedOne || !moves[i]
             || millisecondsSince(start) + fitRate.load(std::memory_order_relaxed) <= kFitBudgetMs;
         if (!inBudget) {
-            const cv::Point2d moved = motion(track.fitPicture->grey, grey, track.fitBox);
             for (cv::Point2d& p : points[i])
-                p += moved;
+                p += *moves[i];
             ++track.fitAge;
             continue;
         }
