@@ -31,13 +31,15 @@
 //     a thread of the detector's own; the calling thread takes some on as well
 //     while its call stays within about 18 ms (22 ms for a search asked for by
 //     a new picture or `flagA`), when no face is shown or the search was asked
-//     for so. Faces that the search finds are shown from the call after they
-//     were found (after a new search near their place when the picture has
+//     for so. Faces that the search finds are shown from the first call that
+//     ends after they were found, the call whose own tasks found them
+//     included (after a new search near their place when the picture has
 //     changed since);
 //   - ends a search asked for by a new picture or by `flagA` by its fifth
 //     call at the latest, doing what is left itself on that call if need be:
 //     a still picture handed in repeatedly shows its faces by the fifth call
-//     (the first call of a new detector shows none of them yet). `flagA` true
+//     (the first call of a new detector shows those that the tasks it took on
+//     found, often none). `flagA` true
 //     thus no longer means a search within the call; while such a search is
 //     under way, further `flagA` calls join it;
 //   - fits key points to a face only when its look changed: a face that
