@@ -12,6 +12,7 @@
 #include <QThread>
 
 #include <lumen_fx/OpenglImageManager.h>
+#include "EffectOptions.h"
 #include "OpenglCheck.h"
 
 namespace {
@@ -22,129 +23,32 @@ struct Options {
     int width = 1280;
     int height = 720;
     QColor background = QColor(20, 40, 80);
-    // Face effects and their strengths; a negative strength leaves the effect off.
-    double smooth = -1;
-    double redLips = -1;
-    double whitening = -1;
-    double slimFace = -1;
-    // Picture colour and geometry: the record as the host sends it, and whether any option set it.
-    _basic_image_param basic = defaultBasic();
-    bool picture = false;
-    // A face sticker: a file, or the name of one of the project's own stickers.
-    std::string sticker;
-    bool effects() const
-    {
-        return smooth >= 0 || redLips >= 0 || whitening >= 0 || slimFace >= 0 || picture || !sticker.empty();
-    }
-
-    static _basic_image_param defaultBasic()
-    {
-        _basic_image_param p{};
-        p.alpha = 1.0;
-        p.centerXOffset = 0.5;
-        p.centerYOffset = 0.5;
-        return p;
-    }
-};
-
-// The picture options: name, help, and the field of the record each sets.
-struct PictureOption {
-    const char* name;
-    const char* help;
-    double _basic_image_param::*real;
-    int32_t _basic_image_param::*integer;
-};
-const PictureOption kPictureOptions[] = {
-    {"brightness", "Brightness, -100 to 100 (100 adds half of full white).", &_basic_image_param::brightness, nullptr},
-    {"contrast", "Contrast, -100 (flat grey) to 100.", &_basic_image_param::contrast, nullptr},
-    {"saturation", "Saturation, -50 (grey) to 50.", &_basic_image_param::saturation, nullptr},
-    {"opacity", "Opacity, 0 to 1 (default 1).", &_basic_image_param::alpha, nullptr},
-    {"scale", "Scale strength: 25 doubles the size, -12.5 halves it.", &_basic_image_param::scale, nullptr},
-    {"rotate-x", "Tilt about the horizontal axis, degrees.", &_basic_image_param::rotationX, nullptr},
-    {"rotate-y", "Tilt about the vertical axis, degrees.", &_basic_image_param::rotationY, nullptr},
-    {"rotate-z", "Turn in the picture plane, degrees (90, 180, 270).", &_basic_image_param::rotationZ, nullptr},
-    {"corner-radius", "Rounded corners, radius in pixels.", nullptr, &_basic_image_param::cornerRadius},
-    {"mirror", "1 mirrors left and right.", nullptr, &_basic_image_param::isMirrored},
-    {"round-camera", "1 shows the round picture of the shorter side.", nullptr, &_basic_image_param::isRoundCamera},
-    {"clip-width", "Channel box width: with clip-height, cuts the picture to that shape.",
-     &_basic_image_param::channelWidth, nullptr},
-    {"clip-height", "Channel box height.", &_basic_image_param::channelHeight, nullptr},
-    {"center-x", "Horizontal place of the clip in the picture, 0 to 1 (default 0.5).",
-     &_basic_image_param::centerXOffset, nullptr},
-    {"center-y", "Vertical place of the clip in the picture, 0 to 1 (default 0.5).",
-     &_basic_image_param::centerYOffset, nullptr},
+    EffectSettings effects;
 };
 
 bool parseOptions(const QCoreApplication& app, Options& options)
 {
     QCommandLineParser parser;
-    parser.setApplicationDescription("Merges channels of sample pictures with lumen_fx and writes a PNG.");
+    parser.setApplicationDescription("Merges channels of sample pictures with lumen_fx and writes a PNG. With "
+                                     "effects, every channel but the first gets them: before (left), after (right).");
     parser.addHelpOption();
     parser.addPositionalArgument("pictures", "Input pictures, one channel each (default: the bundled portrait, twice).");
     QCommandLineOption outOption({"o", "output"}, "Output PNG path.", "path", options.output);
     QCommandLineOption sizeOption({"s", "size"}, "Merged size, WIDTHxHEIGHT.", "size", "1280x720");
     QCommandLineOption bgOption({"b", "background"}, "Background colour (#rrggbb or a colour name).", "colour",
                                 options.background.name());
-    QCommandLineOption smoothOption("smooth", "Skin smoothing with this strength (e.g. 80).", "strength");
-    QCommandLineOption lipsOption("redlips", "Red lips with this strength (e.g. 100).", "strength");
-    QCommandLineOption whiteningOption("whitening", "Whitening with this strength (e.g. 60).", "strength");
-    QCommandLineOption slimOption("slimface", "Slim face with this strength (e.g. 100).", "strength");
     parser.addOption(outOption);
     parser.addOption(sizeOption);
     parser.addOption(bgOption);
-    parser.addOption(smoothOption);
-    parser.addOption(lipsOption);
-    parser.addOption(whiteningOption);
-    parser.addOption(slimOption);
-    QCommandLineOption stickerOption("sticker",
-                                     "A face sticker: a PNG file, or one of the project's own by name (glasses01, "
-                                     "cuteglasses, beret, bear, rabbit, faceplates, medal). The pictures go into "
-                                     "1280x720 frames, as a camera gives them.",
-                                     "name");
-    parser.addOption(stickerOption);
-    QList<QCommandLineOption> pictureOptions;
-    for (const PictureOption& o : kPictureOptions) {
-        pictureOptions << QCommandLineOption(o.name, o.help, "value");
-        parser.addOption(pictureOptions.last());
-    }
+    EffectOptions effectOptions;
+    effectOptions.addTo(parser);
     parser.process(app);
 
-    auto strength = [&](const QCommandLineOption& o, double& out) {
-        if (!parser.isSet(o))
-            return true;
-        bool ok = false;
-        out = parser.value(o).toDouble(&ok);
-        if (!ok) {
-            std::fprintf(stderr, "bad strength '%s'\n", qPrintable(parser.value(o)));
-            return false;
-        }
-        return true;
-    };
-    if (!strength(smoothOption, options.smooth) || !strength(lipsOption, options.redLips)
-        || !strength(whiteningOption, options.whitening) || !strength(slimOption, options.slimFace))
+    QString error;
+    if (!effectOptions.read(parser, options.effects, error)) {
+        std::fprintf(stderr, "%s\n", qPrintable(error));
         return false;
-    for (int i = 0; i < pictureOptions.size(); ++i) {
-        double value = 0;
-        if (!parser.isSet(pictureOptions[i]))
-            continue;
-        if (!strength(pictureOptions[i], value))
-            return false;
-        const PictureOption& o = kPictureOptions[i];
-        if (o.real)
-            options.basic.*o.real = value;
-        else
-            options.basic.*o.integer = static_cast<int32_t>(value);
-        options.picture = true;
     }
-    if (parser.isSet(stickerOption)) {
-        const QString name = parser.value(stickerOption);
-        options.sticker = (name.contains('/') || name.endsWith(".png") ? name
-                                                                       : QString(LUMEN_STICKER_DIR "/%1.png").arg(name))
-                              .toStdString();
-    }
-    // A channel box cuts the picture to its shape.
-    options.basic.isClip = options.basic.channelWidth > 0 && options.basic.channelHeight > 0;
-
     options.inputs = parser.positionalArguments();
     if (options.inputs.isEmpty())
         options.inputs << LUMEN_SAMPLE_PICTURE << LUMEN_SAMPLE_PICTURE;
@@ -215,7 +119,7 @@ int main(int argc, char** argv)
             std::fprintf(stderr, "cannot read picture '%s'\n", qPrintable(path));
             return 1;
         }
-        if (!options.sticker.empty())
+        if (!options.effects.sticker.empty())
             picture = cameraFrame(picture);
         pictures << picture.convertToFormat(QImage::Format_RGBA8888);
         channels << manager->genChannelFilters(scene, true);
@@ -225,41 +129,16 @@ int main(int argc, char** argv)
 
     // With effects, every channel but the first gets them: the merged picture
     // then shows the plain picture (before) beside the filtered ones (after).
-    if (options.effects()) {
-        for (int i = 1; i < channels.size(); ++i) {
-            if (options.smooth >= 0) {
-                _strength_param p{options.smooth, true};
-                manager->addChannelImageFilter(scene, channels[i], SMOOTH, &p);
-            }
-            if (options.redLips >= 0) {
-                _strength_param p{options.redLips, true};
-                manager->addChannelImageFilter(scene, channels[i], REDLIPS, &p);
-            }
-            if (options.whitening >= 0) {
-                _strength_param p{options.whitening, true};
-                manager->addChannelImageFilter(scene, channels[i], WHITENING, &p);
-            }
-            if (options.slimFace >= 0) {
-                _slim_face_param p{options.slimFace};
-                manager->addChannelImageFilter(scene, channels[i], SLIMFACE, &p);
-            }
-            if (options.picture)
-                manager->addChannelImageFilter(scene, channels[i], BASICIMAGE, &options.basic);
-            if (!options.sticker.empty())
-                manager->addChannelImageFilter(scene, channels[i], STICKER, &options.sticker);
-        }
-        std::printf("effects on channels after the first: smooth %g, red lips %g, whitening %g, slim face %g "
-                    "(negative: off)\n",
-                    options.smooth, options.redLips, options.whitening, options.slimFace);
-        if (options.picture)
-            std::printf("picture settings on the same channels\n");
-        if (!options.sticker.empty())
-            std::printf("sticker %s on the same channels\n", options.sticker.c_str());
+    EffectSettings& effects = options.effects;
+    if (effects.any()) {
+        for (int i = 1; i < channels.size(); ++i)
+            applyEffects(manager, scene, channels[i], effects);
+        std::printf("effects on channels after the first: %s\n", qPrintable(effects.describe()));
         // Let the channels take their filters before the first frame.
         QThread::msleep(200);
     }
     // Effects need the channel's GPU path; plain channels are handed over directly.
-    const bool direct = !options.effects();
+    const bool direct = !effects.any();
     const QList<_channel_merge_param> params = layout(channels, options.width, options.height);
     QImage merged;
     QElapsedTimer timer;
@@ -284,7 +163,7 @@ int main(int argc, char** argv)
     }
     std::printf("merged %d channel(s) into %dx%d over %s in %d rounds\n", int(channels.size()), merged.width(),
                 merged.height(), qPrintable(options.background.name()), rounds);
-    if (options.effects())
+    if (effects.any())
         std::printf("before (left) and after (right): ");
     std::printf("wrote %s\n", qPrintable(options.output));
     // The engine stops its scenes and channels when the application goes.
