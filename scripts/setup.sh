@@ -7,7 +7,7 @@ PACKAGES=(
   cmake g++ make pkg-config
   qtbase5-dev libqt5svg5-dev
   libopencv-dev
-  libavutil-dev libswscale-dev
+  libavutil-dev libswscale-dev libavformat-dev libavcodec-dev
   libdlib-dev libdlib-data libblas-dev liblapack-dev opencv-data
   libgtest-dev libgmock-dev libbenchmark-dev
   xvfb xauth libgl1-mesa-dri
