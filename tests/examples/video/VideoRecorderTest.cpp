@@ -1,0 +1,233 @@
+// The recorder as a user runs it: clips made here go in, and the video that
+// comes out is read back: its length and frames at the output rate, its size,
+// its sound, the effects on the face and nowhere else, a grid of inputs of
+// mixed sizes and rates, damaged inputs, an interrupted recording.
+#include <csignal>
+#include <cmath>
+
+#include <QDir>
+#include <QFile>
+#include <QProcess>
+#include <QThread>
+#include <gtest/gtest.h>
+
+#include "ClipMaker.h"
+#include "GridLayout.h"
+#include "SampleFootage.h"
+#include "TestUtil.h"
+#include "VideoCheck.h"
+
+using namespace videocheck;
+
+namespace {
+
+// The recorder's clock keeps each picture's time within a frame or two of the
+// input's; sanitized builds run the engine several times slower.
+#if defined(__SANITIZE_ADDRESS__)
+const double kTimeSlack = 0.3;
+#else
+const double kTimeSlack = 0.15;
+#endif
+
+// Redness of an area: red over the mean of green and blue.
+double redness(const QImage& picture, const QRect& area)
+{
+    const Mean m = meanOf(picture, area);
+    return m.red - (m.green + m.blue) / 2;
+}
+
+QRect mapped(const SampleFootage& footage, const QRectF& portraitArea, double t, const QRect& cell, double scale)
+{
+    const QPointF a = footage.toFrame(portraitArea.topLeft(), t) * scale;
+    const QPointF b = footage.toFrame(portraitArea.bottomRight(), t) * scale;
+    return QRectF(a, b).normalized().toRect().translated(cell.topLeft());
+}
+
+}  // namespace
+
+TEST(VideoRecorder, BeforeAndAfterShowTheEffectsOnTheFaceOnlyWithTheSoundKept)
+{
+    const QString dir = scratch("compare");
+    const QString clip = dir + "/face.mp4", out = dir + "/out.mp4";
+    ASSERT_TRUE(writeFaceClip(clip, QSize(1280, 720), 25, 3));
+    const RunResult run = record({"--compare", "--redlips", "300", "--smooth", "100", clip, "-o", out});
+    ASSERT_TRUE(run.finished && !run.crashed) << run.err.toStdString();
+    ASSERT_EQ(run.status, 0) << run.err.toStdString();
+    EXPECT_TRUE(run.out.contains("read 75 (face.mp4); recorded 75 frames")) << run.out.toStdString();
+
+    const Probe p = probe(out);
+    ASSERT_TRUE(p.ok);
+    EXPECT_EQ(QSize(p.width, p.height), QSize(1920, 540));
+    EXPECT_NEAR(p.frames, 75, 1);
+    EXPECT_NEAR(p.videoSeconds, 3.0, 0.04);
+    ASSERT_TRUE(p.sound);
+    EXPECT_NEAR(p.soundSeconds, p.videoSeconds, 0.05);
+
+    // At 1.5 s the camera holds still on the face, zoomed in.
+    const std::vector<QImage> at = picturesAt(out, {1.5});
+    ASSERT_EQ(at.size(), 1u);
+    const SampleFootage footage(QImage(testutil::testDataPath("astronaut.png")), QSize(1280, 720), 3);
+    const QRect before(0, 0, 960, 540), after(960, 0, 960, 540);
+    const QRectF mouth(205, 140, 40, 15);
+    const double plainLips = redness(at[0], mapped(footage, mouth, 1.5, before, 0.75));
+    const double redLips = redness(at[0], mapped(footage, mouth, 1.5, after, 0.75));
+    EXPECT_GT(redLips, plainLips + 6) << "lips " << redLips << " against " << plainLips;
+    // Far from the face, after is before: the wall at the left and the desk at the bottom.
+    for (const QRect& far : {QRect(10, 10, 60, 200), QRect(20, 480, 200, 50), QRect(880, 20, 70, 120)}) {
+        const Mean a = meanOf(at[0], far), b = meanOf(at[0], far.translated(960, 0));
+        EXPECT_NEAR(a.red, b.red, 3) << far.x() << "," << far.y();
+        EXPECT_NEAR(a.green, b.green, 3) << far.x() << "," << far.y();
+        EXPECT_NEAR(a.blue, b.blue, 3) << far.x() << "," << far.y();
+    }
+    QFile::remove(testutil::outputPath("video-compare.png"));
+    at[0].save(testutil::outputPath("video-compare.png"));
+}
+
+TEST(VideoRecorder, GridOfMixedSizesAndRatesPlaysEachInputAtItsOwnTimes)
+{
+    const QString dir = scratch("grid");
+    struct Input {
+        const char* name;
+        QSize size;
+        double fps, seconds;
+        int channel;  // 0 red, 1 green, 2 blue
+        const char* encoder;
+    } inputs[] = {{"a.mp4", QSize(640, 360), 25, 2, 0, ""},
+                  {"b.mkv", QSize(853, 479), 30, 3, 1, "ffv1"},
+                  {"c.mp4", QSize(320, 240), 15, 1, 2, ""}};
+    QStringList args;
+    QList<QSize> sizes;
+    for (const Input& in : inputs) {
+        const auto colour = [&](int level) {
+            int c[3] = {40, 40, 40};
+            c[in.channel] = level;
+            return QColor(c[0], c[1], c[2]);
+        };
+        ASSERT_TRUE(writeRampClip(dir + "/" + in.name, in.size, in.fps, in.seconds, colour, in.encoder)) << in.name;
+        args << dir + "/" + in.name;
+        sizes << in.size;
+    }
+    const QString out = dir + "/grid.mp4";
+    const RunResult run = record(args + QStringList{"-o", out});
+    ASSERT_TRUE(run.finished && !run.crashed) << run.err.toStdString();
+    ASSERT_EQ(run.status, 0) << run.err.toStdString();
+    EXPECT_TRUE(run.out.contains("read 50 (a.mp4), 90 (b.mkv), 15 (c.mp4); recorded 75 frames"))
+        << run.out.toStdString();
+    const Probe p = probe(out);
+    EXPECT_EQ(QSize(p.width, p.height), QSize(1920, 1080));
+    EXPECT_NEAR(p.frames, 75, 1);  // as long as the longest input, at the first one's rate
+    EXPECT_FALSE(p.sound);
+
+    const GridLayout grid = layoutGrid(sizes, false, QSize(1920, 1080));
+    ASSERT_EQ(grid.cells.size(), 3);
+    const std::vector<double> times = {0.5, 1.5, 2.5};
+    const std::vector<QImage> pictures = picturesAt(out, times);
+    ASSERT_EQ(pictures.size(), times.size());
+    for (size_t k = 0; k < times.size(); ++k) {
+        for (int i = 0; i < 3; ++i) {
+            const QRect cell = grid.cells[i].rect;
+            const Mean m = meanOf(pictures[k], QRect(cell.center() - QPoint(40, 40), QSize(80, 80)));
+            const double level[3] = {m.red, m.green, m.blue};
+            // An input that ended holds its last picture.
+            const double last = inputs[i].seconds - 1 / inputs[i].fps;
+            const double lo = rampLevel(std::min(times[k] - kTimeSlack, last), inputs[i].seconds);
+            const double hi = rampLevel(std::min(times[k] + kTimeSlack, last), inputs[i].seconds);
+            EXPECT_GE(level[inputs[i].channel], lo - 6) << inputs[i].name << " at " << times[k];
+            EXPECT_LE(level[inputs[i].channel], hi + 6) << inputs[i].name << " at " << times[k];
+            EXPECT_NEAR(level[(inputs[i].channel + 1) % 3], 40, 8) << inputs[i].name << " at " << times[k];
+        }
+        // The 4:3 input is fitted into its cell: the background beside it.
+        const QRect c = grid.cells[2].rect;
+        EXPECT_LT(meanOf(pictures[k], QRect(c.x() + 10, c.center().y() - 40, 60, 80)).grey(), 8);
+    }
+}
+
+// A damaged input plays as far as it decodes: a warning, status 0, a video that plays.
+struct Damage {
+    const char* name;
+    const char* file;
+    double keep;  // share of the bytes left as they are
+    bool cut;     // cut off there, or the next tenth overwritten
+};
+
+class DamagedInput : public ::testing::TestWithParam<Damage> {};
+
+TEST_P(DamagedInput, PlaysAsFarAsItDecodesWithAWarning)
+{
+    const Damage& d = GetParam();
+    const QString dir = scratch(d.name);
+    const QString clip = dir + "/" + d.file, out = dir + "/out.mp4";
+    ASSERT_TRUE(writeFaceClip(clip, QSize(640, 360), 25, 3, true));
+    QFile file(clip);
+    ASSERT_TRUE(file.open(QIODevice::ReadWrite));
+    const qint64 at = static_cast<qint64>(file.size() * d.keep);
+    if (d.cut) {
+        file.resize(at);
+    } else {
+        file.seek(at);
+        file.write(QByteArray(static_cast<int>(file.size() / 10), char(0x5a)));
+    }
+    file.close();
+    const RunResult run = record({clip, "-o", out});
+    ASSERT_TRUE(run.finished && !run.crashed) << run.err.toStdString();
+    EXPECT_EQ(run.status, 0) << run.err.toStdString();
+    EXPECT_TRUE(run.err.contains("warning: '" + clip + "'")) << run.err.toStdString();
+    const Probe p = probe(out);
+    ASSERT_TRUE(p.ok);
+    EXPECT_GT(p.frames, 10);
+    EXPECT_EQ(picturesAt(out, {0.2}).size(), 1u);
+}
+
+INSTANTIATE_TEST_SUITE_P(Video, DamagedInput,
+                         ::testing::Values(Damage{"CutOffMp4", "cut.mp4", 0.5, true},
+                                           Damage{"CutOffMatroska", "cut.mkv", 0.5, true},
+                                           Damage{"OverwrittenMatroska", "hole.mkv", 0.4, false}),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+// A flash in the pictures and a beep in the sound at the same moment stay
+// together in the output, whether the channel hands its pictures on as they
+// are or runs its face effects first.
+struct Sync {
+    const char* name;
+    QStringList effects;
+};
+
+class PicturesAndSound : public ::testing::TestWithParam<Sync> {};
+
+TEST_P(PicturesAndSound, StayTogether)
+{
+    const QString dir = scratch(GetParam().name);
+    const QString clip = dir + "/flash.mp4", out = dir + "/out.mp4";
+    const auto lit = [](double t) { return t >= 2.0 && t < 2.2; };
+    ClipSpec spec{QSize(640, 360), 25, 4, QString()};
+    QString error;
+    ASSERT_TRUE(writeClip(
+        clip, spec,
+        [&](double t) {
+            QImage picture(spec.size, QImage::Format_RGB888);
+            picture.fill(lit(t) ? QColor(Qt::white) : QColor(20, 20, 20));
+            return picture;
+        },
+        [&](double t) { return lit(t) ? static_cast<float>(0.5 * std::sin(2 * M_PI * 1000 * t)) : 0.0f; }, error))
+        << error.toStdString();
+    const RunResult run = record(GetParam().effects + QStringList{clip, "-o", out});
+    ASSERT_EQ(run.status, 0) << run.err.toStdString();
+
+    std::vector<double> times;
+    for (int i = 0; i < 100; ++i)
+        times.push_back(i / 25.0);
+    const std::vector<QImage> pictures = picturesAt(out, times);
+    ASSERT_EQ(pictures.size(), times.size());
+    double flash = -1;
+    for (size_t i = 0; i < pictures.size() && flash < 0; ++i)
+        if (meanOf(pictures[i], pictures[i].rect()).grey() > 128)
+            flash = times[i];
+    const double beep = firstLoudSound(out);
+    EXPECT_NEAR(beep, 2.0, 0.03) << "the sound is copied as it is";
+    EXPECT_NEAR(flash, beep, 2.0 / 25 + (kTimeSlack - 0.15)) << "flash at " << flash;
+}
+
+INSTANTIATE_TEST_SUITE_P(Video, PicturesAndSound,
+                         ::testing::Values(Sync{"HandedOn", {}}, Sync{"FaceEffects", {"--smooth", "60"}},
+                                           Sync{"PicturePass", {"--brightness", "0"}}),
+                         [](const auto& info) { return std::string(info.param.name); });
