@@ -53,13 +53,15 @@ AVPixelFormat bytesOf(const QImage& picture)
 }
 
 // 4:2:0 where the encoder takes it and the size allows it (even sides), as
-// players expect; else 4:4:4, else the encoder's nearest to RGB.
+// players expect (JPEG's own full range for Motion JPEG); else 4:4:4, else
+// the encoder's nearest to RGB.
 AVPixelFormat pictureFormatFor(const AVCodec* codec, const QSize& size)
 {
     const bool even = size.width() % 2 == 0 && size.height() % 2 == 0;
     if (!codec->pix_fmts)
         return even ? AV_PIX_FMT_YUV420P : AV_PIX_FMT_YUV444P;
-    for (AVPixelFormat wanted : {even ? AV_PIX_FMT_YUV420P : AV_PIX_FMT_NONE, AV_PIX_FMT_YUV444P})
+    const AVPixelFormat subsampled = codec->id == AV_CODEC_ID_MJPEG ? AV_PIX_FMT_YUVJ420P : AV_PIX_FMT_YUV420P;
+    for (AVPixelFormat wanted : {even ? subsampled : AV_PIX_FMT_NONE, AV_PIX_FMT_YUV444P})
         for (const AVPixelFormat* f = codec->pix_fmts; *f != AV_PIX_FMT_NONE; ++f)
             if (*f == wanted)
                 return *f;
@@ -147,9 +149,10 @@ bool VideoWriter::openEncoder(const QString& name, QString& error)
         c->framerate = AVRational{format_.rateNum, format_.rateDen};
         c->pix_fmt = pictureFormatFor(codec, QSize(format_.width, format_.height));
         c->gop_size = qMax(1, 2 * format_.rateNum / format_.rateDen);  // a key frame every two seconds
+        // BT.601's matrix, as readers assume where a container can't say (AVI)
         c->color_primaries = AVCOL_PRI_BT709;
-        c->color_trc = AVCOL_TRC_BT709;
-        c->colorspace = AVCOL_SPC_BT709;
+        c->color_trc = AVCOL_TRC_IEC61966_2_1;
+        c->colorspace = AVCOL_SPC_SMPTE170M;
         const AVPixelFormat jpeg[] = {AV_PIX_FMT_YUVJ420P, AV_PIX_FMT_YUVJ422P, AV_PIX_FMT_YUVJ444P};
         c->color_range = std::count(std::begin(jpeg), std::end(jpeg), c->pix_fmt) ? AVCOL_RANGE_JPEG : AVCOL_RANGE_MPEG;
         if (out_->oformat->flags & AVFMT_GLOBALHEADER)
@@ -157,6 +160,10 @@ bool VideoWriter::openEncoder(const QString& name, QString& error)
         if (QByteArray(codec->name) == "libx264") {
             av_opt_set(c->priv_data, "preset", "veryfast", 0);
             av_opt_set(c->priv_data, "crf", "20", 0);
+        } else if (QByteArray(codec->name).startsWith("libvpx")) {
+            av_opt_set(c->priv_data, "deadline", "realtime", 0);
+            av_opt_set(c->priv_data, "cpu-used", "8", 0);
+            av_opt_set(c->priv_data, "crf", "30", 0);
         } else if (codec->id == AV_CODEC_ID_MPEG4) {
             c->flags |= AV_CODEC_FLAG_QSCALE;
             c->global_quality = FF_QP2LAMBDA * 3;
@@ -232,7 +239,7 @@ bool VideoWriter::convert(const QImage& picture, QString& error)
     setting.dstWidth = c->width;
     setting.dstHeight = c->height;
     setting.dstFormat = c->pix_fmt;
-    setting.bt709 = true;
+    setting.bt709 = false;
     setting.fullRange = c->color_range == AVCOL_RANGE_JPEG;
     SwsContext* scaler = codec_->scaler.get(setting);
     if (!scaler) {
