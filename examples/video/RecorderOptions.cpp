@@ -85,7 +85,8 @@ ParseResult parseRecorderOptions(const QStringList& arguments, RecorderOptions& 
     const QCommandLineOption fps("fps", "Output frame rate (default: the first input's).", "rate");
     const QCommandLineOption duration("duration", "Record at most this many seconds.", "seconds");
     const QCommandLineOption compare("compare", "Each input twice, side by side: plain (before), with the effects.");
-    const QCommandLineOption encoder({"c", "encoder"}, "FFmpeg's video encoder (default libx264, else mpeg4).",
+    const QCommandLineOption encoder({"c", "encoder"},
+                                     "FFmpeg's video encoder (default libx264 at its superfast preset, else mpeg4).",
                                      "name");
     const QCommandLineOption png("png", "Also write the recorded frame at --png-at as a PNG.", "file");
     const QCommandLineOption pngAt("png-at", "Time of that frame, seconds (default: the middle).", "seconds");

@@ -158,7 +158,7 @@ bool VideoWriter::openEncoder(const QString& name, QString& error)
         if (out_->oformat->flags & AVFMT_GLOBALHEADER)
             c->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
         if (QByteArray(codec->name) == "libx264") {
-            av_opt_set(c->priv_data, "preset", "veryfast", 0);
+            av_opt_set(c->priv_data, "preset", "superfast", 0);  // a live recorder: speed first
             av_opt_set(c->priv_data, "crf", "20", 0);
         } else if (QByteArray(codec->name).startsWith("libvpx")) {
             av_opt_set(c->priv_data, "deadline", "realtime", 0);

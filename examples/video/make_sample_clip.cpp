@@ -10,6 +10,10 @@
 #include <QGuiApplication>
 #include <QImage>
 
+extern "C" {
+#include <libavutil/log.h>
+}
+
 #include "ClipMaker.h"
 #include "SampleFootage.h"
 
@@ -32,6 +36,7 @@ int main(int argc, char** argv)
     if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
         qputenv("QT_QPA_PLATFORM", "offscreen");
     QGuiApplication app(argc, argv);
+    av_log_set_level(AV_LOG_ERROR);
     if (argc < 3) {
         std::fprintf(stderr, "usage: %s PORTRAIT OUTPUT [seconds] [WIDTHxHEIGHT] [fps]\n", argv[0]);
         return 2;

@@ -21,6 +21,8 @@ namespace videocheck {
 
 QString scratch(const char* name)
 {
+    av_log_set_level(AV_LOG_ERROR);  // not the encoders' reports of each clip
+
     const QString dir = testutil::outputPath("video") + "/" + name;
     QDir(dir).removeRecursively();
     QDir().mkpath(dir);
