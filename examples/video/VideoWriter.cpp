@@ -68,6 +68,22 @@ AVPixelFormat pictureFormatFor(const AVCodec* codec, const QSize& size)
     return avcodec_find_best_pix_fmt_of_list(codec->pix_fmts, AV_PIX_FMT_RGB24, 0, nullptr);
 }
 
+// The encoders' settings for a recorder that runs in real time: speed first, then quality.
+void tune(AVCodecContext* c, const AVCodec* codec)
+{
+    if (QByteArray(codec->name) == "libx264") {
+        av_opt_set(c->priv_data, "preset", "superfast", 0);
+        av_opt_set(c->priv_data, "crf", "20", 0);
+    } else if (QByteArray(codec->name).startsWith("libvpx")) {
+        av_opt_set(c->priv_data, "deadline", "realtime", 0);
+        av_opt_set(c->priv_data, "cpu-used", "8", 0);
+        av_opt_set(c->priv_data, "crf", "30", 0);
+    } else if (codec->id == AV_CODEC_ID_MPEG4) {
+        c->flags |= AV_CODEC_FLAG_QSCALE;
+        c->global_quality = FF_QP2LAMBDA * 3;
+    }
+}
+
 QString temporaryName(const QString& path)
 {
     return QString("%1.%2.part").arg(path).arg(QCoreApplication::applicationPid());
@@ -157,17 +173,7 @@ bool VideoWriter::openEncoder(const QString& name, QString& error)
         c->color_range = std::count(std::begin(jpeg), std::end(jpeg), c->pix_fmt) ? AVCOL_RANGE_JPEG : AVCOL_RANGE_MPEG;
         if (out_->oformat->flags & AVFMT_GLOBALHEADER)
             c->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
-        if (QByteArray(codec->name) == "libx264") {
-            av_opt_set(c->priv_data, "preset", "superfast", 0);  // a live recorder: speed first
-            av_opt_set(c->priv_data, "crf", "20", 0);
-        } else if (QByteArray(codec->name).startsWith("libvpx")) {
-            av_opt_set(c->priv_data, "deadline", "realtime", 0);
-            av_opt_set(c->priv_data, "cpu-used", "8", 0);
-            av_opt_set(c->priv_data, "crf", "30", 0);
-        } else if (codec->id == AV_CODEC_ID_MPEG4) {
-            c->flags |= AV_CODEC_FLAG_QSCALE;
-            c->global_quality = FF_QP2LAMBDA * 3;
-        }
+        tune(c, codec);
         const int rc = avcodec_open2(c, codec, nullptr);
         if (rc < 0) {
             last = QString("%1: %2").arg(codec->name, mediaError(rc));
