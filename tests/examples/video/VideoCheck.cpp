@@ -29,13 +29,14 @@ QString scratch(const char* name)
     return dir;
 }
 
-bool writeFaceClip(const QString& path, const QSize& size, double fps, double seconds, bool sound)
+bool writeFaceClip(const QString& path, const QSize& size, double fps, double seconds, bool sound,
+                   const std::function<double(double)>& footageTime)
 {
     const SampleFootage footage(QImage(testutil::testDataPath("astronaut.png")), size, seconds);
     ClipSpec spec{size, fps, seconds, QString()};
     QString error;
     const auto tone = [](double t) { return static_cast<float>(0.3 * std::sin(2 * M_PI * 440 * t)); };
-    return writeClip(path, spec, [&](double t) { return footage.frame(t); },
+    return writeClip(path, spec, [&](double t) { return footage.frame(footageTime ? footageTime(t) : t); },
                      sound ? std::function<float(double)>(tone) : nullptr, error);
 }
 

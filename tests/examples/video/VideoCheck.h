@@ -14,8 +14,10 @@ namespace videocheck {
 // A folder of the test's own under the test output, emptied.
 QString scratch(const char* name);
 
-// The bundled portrait as camera footage (SampleFootage) with a sine tone.
-bool writeFaceClip(const QString& path, const QSize& size, double fps, double seconds, bool sound = true);
+// The bundled portrait as camera footage (SampleFootage) with a sine tone;
+// frame i shows the footage at footageTime(i / fps).
+bool writeFaceClip(const QString& path, const QSize& size, double fps, double seconds, bool sound = true,
+                   const std::function<double(double)>& footageTime = nullptr);
 // Pictures of one colour whose level climbs from 60 to 220 over the clip:
 // `colour(level)` gives the picture's colour.
 bool writeRampClip(const QString& path, const QSize& size, double fps, double seconds,
