@@ -72,7 +72,7 @@ bool makeClips(const QTemporaryDir& dir, double seconds, QStringList& clips)
         const SampleFootage footage(portrait, QSize(1280, 720), seconds, i);
         const QString path = dir.filePath(QString("camera%1.mp4").arg(i));
         QString error;
-        if (!writeClip(path, ClipSpec{QSize(1280, 720), 25, seconds, QString()},
+        if (!writeClip(path, ClipFormat{QSize(1280, 720), 25, seconds, QString()},
                        [&](double t) { return footage.frame(t); }, nullptr, error)) {
             std::fprintf(stderr, "cannot make %s: %s\n", qPrintable(path), qPrintable(error));
             return false;

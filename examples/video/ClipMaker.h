@@ -7,7 +7,7 @@
 #include <QSize>
 #include <QString>
 
-struct ClipSpec {
+struct ClipFormat {
     QSize size{1280, 720};
     double fps = 25;
     double seconds = 6;
@@ -16,5 +16,5 @@ struct ClipSpec {
 
 // Frame i shows picture(i / fps); with a `wave`, the clip has a sound track
 // of its samples (-1 to 1) as long as the pictures. False, with a message, on failure.
-bool writeClip(const QString& path, const ClipSpec& spec, const std::function<QImage(double)>& picture,
+bool writeClip(const QString& path, const ClipFormat& clip, const std::function<QImage(double)>& picture,
                const std::function<float(double)>& wave, QString& error);

@@ -46,21 +46,21 @@ int main(int argc, char** argv)
         std::fprintf(stderr, "%s: cannot read '%s'\n", argv[0], argv[1]);
         return 1;
     }
-    ClipSpec spec;
-    spec.seconds = argc > 3 ? std::atof(argv[3]) : 8;
+    ClipFormat clip;
+    clip.seconds = argc > 3 ? std::atof(argv[3]) : 8;
     if (argc > 4) {
         const QStringList size = QString(argv[4]).split('x');
-        spec.size = QSize(size.value(0).toInt(), size.value(1).toInt());
+        clip.size = QSize(size.value(0).toInt(), size.value(1).toInt());
     }
-    spec.fps = argc > 5 ? std::atof(argv[5]) : 25;
-    if (!(spec.seconds > 0) || spec.size.isEmpty() || !(spec.fps > 0)) {
+    clip.fps = argc > 5 ? std::atof(argv[5]) : 25;
+    if (!(clip.seconds > 0) || clip.size.isEmpty() || !(clip.fps > 0)) {
         std::fprintf(stderr, "%s: bad length, size or rate\n", argv[0]);
         return 2;
     }
-    const SampleFootage footage(portrait, spec.size, spec.seconds);
+    const SampleFootage footage(portrait, clip.size, clip.seconds);
     QString error;
-    const double seconds = spec.seconds;
-    if (!writeClip(argv[2], spec, [&](double t) { return footage.frame(t); },
+    const double seconds = clip.seconds;
+    if (!writeClip(argv[2], clip, [&](double t) { return footage.frame(t); },
                    [seconds](double t) { return chord(t, seconds); }, error)) {
         std::fprintf(stderr, "%s: %s\n", argv[0], qPrintable(error));
         return 1;

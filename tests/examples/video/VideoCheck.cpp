@@ -33,10 +33,10 @@ bool writeFaceClip(const QString& path, const QSize& size, double fps, double se
                    const std::function<double(double)>& footageTime)
 {
     const SampleFootage footage(QImage(testutil::testDataPath("astronaut.png")), size, seconds);
-    ClipSpec spec{size, fps, seconds, QString()};
+    ClipFormat clip{size, fps, seconds, QString()};
     QString error;
     const auto tone = [](double t) { return static_cast<float>(0.3 * std::sin(2 * M_PI * 440 * t)); };
-    return writeClip(path, spec, [&](double t) { return footage.frame(footageTime ? footageTime(t) : t); },
+    return writeClip(path, clip, [&](double t) { return footage.frame(footageTime ? footageTime(t) : t); },
                      sound ? std::function<float(double)>(tone) : nullptr, error);
 }
 
@@ -45,9 +45,9 @@ int rampLevel(double t, double seconds) { return 60 + static_cast<int>(160 * std
 bool writeRampClip(const QString& path, const QSize& size, double fps, double seconds,
                    const std::function<QColor(int)>& colour, const QString& encoder)
 {
-    ClipSpec spec{size, fps, seconds, encoder};
+    ClipFormat clip{size, fps, seconds, encoder};
     QString error;
-    return writeClip(path, spec,
+    return writeClip(path, clip,
                      [&](double t) {
                          QImage picture(size, QImage::Format_RGB888);
                          picture.fill(colour(rampLevel(t, seconds)));

@@ -202,12 +202,12 @@ TEST_P(PicturesAndSound, StayTogether)
     const QString dir = scratch(GetParam().name);
     const QString clip = dir + "/flash.mp4", out = dir + "/out.mp4";
     const auto lit = [](double t) { return t >= 2.0 && t < 2.2; };
-    ClipSpec spec{QSize(640, 360), 25, 4, QString()};
+    const ClipFormat format{QSize(640, 360), 25, 4, QString()};
     QString error;
     ASSERT_TRUE(writeClip(
-        clip, spec,
+        clip, format,
         [&](double t) {
-            QImage picture(spec.size, QImage::Format_RGB888);
+            QImage picture(format.size, QImage::Format_RGB888);
             picture.fill(lit(t) ? QColor(Qt::white) : QColor(20, 20, 20));
             return picture;
         },
