@@ -85,6 +85,23 @@ TEST(VideoRecorder, BeforeAndAfterShowTheEffectsOnTheFaceOnlyWithTheSoundKept)
     at[0].save(testutil::outputPath("video-compare.png"));
 }
 
+// Another output rate, and a length shorter than the input: frames and sound
+// end together at the length asked for.
+TEST(VideoRecorder, RateAndLengthAsAsked)
+{
+    const QString dir = scratch("rate");
+    const QString clip = dir + "/face.mp4", out = dir + "/out.mkv";
+    ASSERT_TRUE(writeFaceClip(clip, QSize(640, 360), 25, 2.5));
+    const RunResult run = record({"--fps", "10", "--duration", "1.2", "-s", "853x479", clip, "-o", out});
+    ASSERT_EQ(run.status, 0) << run.err.toStdString();
+    EXPECT_TRUE(run.out.contains("recorded 12 frames (1.20 s at 10 fps)")) << run.out.toStdString();
+    const Probe p = probe(out);
+    EXPECT_EQ(QSize(p.width, p.height), QSize(854, 480)) << "odd sides rounded up";
+    EXPECT_EQ(p.frames, 12);
+    EXPECT_NEAR(p.videoSeconds, 1.2, 0.01);
+    EXPECT_NEAR(p.soundSeconds, 1.2, 0.05);
+}
+
 // MPEG-4 Part 2 in AVI, VP9 in Matroska at an odd size, an animated GIF.
 TEST(VideoRecorder, GridOfMixedKindsSizesAndRatesPlaysEachInputAtItsOwnTimes)
 {
