@@ -219,7 +219,7 @@ void Recorder::play()
         const double nap = std::clamp(wake - clock(), 0.0, 0.02);
         std::this_thread::sleep_for(std::chrono::duration<double>(nap));
         QCoreApplication::processEvents();
-        showProgress(false);
+        showProgress();
     }
 }
 
@@ -332,9 +332,9 @@ bool Recorder::finish()
     return true;
 }
 
-void Recorder::showProgress(bool force)
+void Recorder::showProgress()
 {
-    if (!progress_ || (!force && secondsSince(lastProgress_) < 0.25))
+    if (!progress_ || secondsSince(lastProgress_) < 0.25)
         return;
     lastProgress_ = Clock::now();
     std::fprintf(stderr, "\r%s\033[K", qPrintable(progressLine(figures_, terminalWidth() - 1)));

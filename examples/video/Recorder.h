@@ -46,7 +46,8 @@ private:
     bool finish();
     double clock() const;
     void chooseEnd();
-    void showProgress(bool force);
+    // The progress line, four times a second, on a terminal.
+    void showProgress();
 
     RecorderOptions options_;
     std::vector<Feed> feeds_;

@@ -232,6 +232,7 @@ void VideoInput::run()
         std::unique_lock<std::mutex> lock(mutex_);
         if (!more || stopping_) {
             ended_ = true;
+            readToEnd_ = !more;
             changed_.notify_all();
             return;
         }
@@ -308,7 +309,7 @@ QString VideoInput::damage() const
         return QString("'%1': damaged in %2 place(s), skipped or shown as they decoded")
             .arg(path_)
             .arg(badPackets_ + loggedErrors_);
-    if (ended_ && statedDuration_ > 0 && endTime_ < statedDuration_ - std::max(0.5, 2 / frameRate_))
+    if (readToEnd_ && statedDuration_ > 0 && endTime_ < statedDuration_ - std::max(0.5, 2 / frameRate_))
         return QString("'%1': its pictures end at %2 s of the %3 s it states (cut off?); played as far as it decodes")
             .arg(path_)
             .arg(endTime_, 0, 'f', 2)

@@ -80,6 +80,7 @@ private:
     std::deque<DecodedFrame> queue_;
     int depth_ = 6;
     bool ended_ = false;
+    bool readToEnd_ = false;  // the decoder ended at the end of what decodes, not stopped before
     bool stopping_ = false;
     int framesRead_ = 0;
     double endTime_ = 0;

@@ -64,6 +64,7 @@ TEST(VideoRecorder, BeforeAndAfterShowTheEffectsOnTheFaceOnlyWithTheSoundKept)
     ASSERT_EQ(run.status, 0) << run.err.toStdString();
     EXPECT_TRUE(run.out.contains(QString("read %1 (face.mp4); recorded %1 frames").arg(frames)))
         << run.out.toStdString();
+    EXPECT_FALSE(run.err.contains("warning")) << run.err.toStdString();
 
     const Probe p = probe(out);
     ASSERT_TRUE(p.ok);
@@ -101,6 +102,8 @@ TEST(VideoRecorder, RateAndLengthAsAsked)
     ASSERT_TRUE(writeFaceClip(clip, QSize(640, 360), 25, 2.5));
     const RunResult run = record({"--fps", "10", "--duration", "1.2", "-s", "853x479", clip, "-o", out});
     ASSERT_EQ(run.status, 0) << run.err.toStdString();
+    EXPECT_FALSE(run.err.contains("warning")) << "an input left before its end is not cut off\n"
+                                              << run.err.toStdString();
     EXPECT_TRUE(run.out.contains("recorded 12 frames (1.20 s at 10 fps)")) << run.out.toStdString();
     const Probe p = probe(out);
     EXPECT_EQ(QSize(p.width, p.height), QSize(854, 480)) << "odd sides rounded up";
