@@ -16,6 +16,7 @@
 #include <QObject>
 #include <QSemaphore>
 
+#include "channel/FilterInbox.h"
 #include "face/FaceDetectResult.h"
 #include "lumen_fx/ImageFilterTypes.h"
 
@@ -24,8 +25,6 @@ class DnnFaceDetector;
 class OpenglChannelWorker;
 class QThread;
 class TextureBuffer;
-
-using FilterParaMap = std::map<std::string, double>;
 
 // Placeholder record of the frame list; nothing fills it.
 struct FrameRecord {
@@ -165,6 +164,9 @@ private:
     void dropPictures();
 
 protected:
+    // The ticks that a channel keeps filtering after a new picture or call.
+    static constexpr int kIdleRefreshFrames = 20;
+
     bool isSceneChannel;
     QMutex srcMutex;
     QMutex dstMutex;
@@ -216,20 +218,8 @@ protected:
     QImage spareImageB;
     int pauseMode = -1;
 
-    // What the host's calls left for the queued ones still waiting (see postAdd).
-    struct Inbox {
-        struct BgImg {
-            std::string path;
-            bool isBgBlured = false;
-            bool isBgTransparent = false;
-            bool isGreenScreen = false;
-        };
-        std::set<int> adds;
-        std::map<int, FilterParaMap> parameters;
-        std::map<int, BgImg> bgImgs;
-    };
-    QMutex inboxMutex;
-    Inbox inbox;
+    // The queued calls still waiting, which newer ones leave their values with.
+    FilterInbox inbox;
     bool exitHookArmed = false;
 };
 

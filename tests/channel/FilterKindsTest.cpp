@@ -1,0 +1,65 @@
+// The channel's table of filter types and its reading of the host's records,
+// without a channel: each row sits at its type, and each kind of record asks
+// for what it should.
+#include <cmath>
+#include <limits>
+#include <string>
+
+#include <map>
+
+#include <gtest/gtest.h>
+
+#include "channel/FilterKinds.h"
+
+TEST(FilterKinds, EachRowSitsAtItsTypeWithItsFeatureBits)
+{
+    // The bits that each type ORs into a channel's features; 0: no filter object.
+    const std::map<int, uint32_t> bits = {{SLIMFACE, 3},  {SMOOTH, 1},     {REDLIPS, 1},          {WHITENING, 2},
+                                          {STICKER, 7},   {BASICIMAGE, 9}, {SMOOTHWHITENING, 10}};
+    for (int type = SLIMFACE; type <= SMOOTHWHITENING; ++type) {
+        const FilterKind* kind = filterKind(type);
+        ASSERT_NE(kind, nullptr) << type;
+        EXPECT_EQ(kind->type, type);
+        const auto expected = bits.find(type);
+        EXPECT_EQ(kind->features, expected == bits.end() ? 0u : expected->second) << type;
+    }
+    for (int notAType : {int(NOFILTER), 15, -1})
+        EXPECT_EQ(filterKind(notAType), nullptr) << notAType;
+    EXPECT_TRUE(paraTypeBelongs(STICKER, STICKERPARA));
+    EXPECT_FALSE(paraTypeBelongs(STICKER, SMOOTHPARA));
+    EXPECT_FALSE(paraTypeBelongs(HSVBACKGROUND, BASICIMAGEPARA));
+}
+
+TEST(FilterKinds, RecordsAskForTheFilterItsPictureAndItsParameters)
+{
+    _hsv_background_param hsv{10, 20, 30, "room.png"};
+    _green_screen_param blurred{"", true, false, false, 1, 2, 3};
+    std::string second = "wall.png";
+    _basic_image_param notFinite{};
+    notFinite.brightness = std::numeric_limits<double>::quiet_NaN();
+    const struct {
+        const char* what;
+        ImageFilterType type;
+        const void* para;
+        bool add, hasPicture, sendsParameters;
+        size_t parameters;
+        const char* notFinite;
+    } cases[] = {
+        {"a background by colour, with its picture", HSVBACKGROUND, &hsv, true, true, true, 3, ""},
+        {"a green screen without a picture, blurred", GREENSCREEN, &blurred, true, true, true, 3, ""},
+        {"the second image background sends no parameters", IMAGEBACKGROUND2, &second, true, true, false, 0, ""},
+        {"a picture record with NaN asks for nothing", BASICIMAGE, &notFinite, false, false, true, 21,
+         "brightness_strength"},
+        {"the type without a case reads nothing", UNUSEDFILTER, nullptr, false, false, true, 0, ""},
+    };
+    for (const auto& c : cases) {
+        const RecordReading r = readFilterRecord(c.type, c.para, false);
+        EXPECT_EQ(r.add, c.add) << c.what;
+        EXPECT_EQ(r.hasPicture, c.hasPicture) << c.what;
+        EXPECT_EQ(r.sendsParameters, c.sendsParameters) << c.what;
+        EXPECT_EQ(r.parameters.size(), c.parameters) << c.what;
+        EXPECT_EQ(r.notFinite, c.notFinite) << c.what;
+    }
+    EXPECT_EQ(readFilterRecord(HSVBACKGROUND, &hsv, false).picture.path, "room.png");
+    EXPECT_TRUE(readFilterRecord(GREENSCREEN, &blurred, false).picture.isBgBlured);
+}
