@@ -27,6 +27,13 @@ inline bool waitFor(const std::function<bool()>& condition, int timeoutMs = 5000
 
 inline QString testDataPath(const char* name) { return QString(LUMEN_TESTDATA_DIR) + "/" + name; }
 
+// The bundled portrait (512x512, one frontal face), in the format asked for.
+inline QImage portrait(QImage::Format format = QImage::Format_RGBA8888)
+{
+    static const QImage loaded(testDataPath("astronaut.png"));
+    return loaded.convertToFormat(format);
+}
+
 // Where tests write the pictures that a person should look at.
 inline QString outputPath(const char* name)
 {

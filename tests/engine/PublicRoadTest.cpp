@@ -51,7 +51,7 @@ struct Road {
     OpenglImageManager* m = OpenglImageManager::instance();
     int scene = m->genSceneFilters();
     int channel = m->genChannelFilters(scene, true);
-    QImage portrait = QImage(testutil::testDataPath("astronaut.png")).convertToFormat(QImage::Format_RGBA8888);
+    QImage portrait = testutil::portrait();
     QList<QImage> frames = {portrait};  // sent in turn
 
     // Sends changed frames and merges at the portrait's size until `settled` holds, or gives up.

@@ -25,7 +25,7 @@ QImage frame(const QTransform& at = {}, const std::vector<QRect>& places = {{280
     p.setRenderHint(QPainter::SmoothPixmapTransform);
     p.setTransform(at);
     for (const QRect& r : places)
-        p.drawImage(r, QImage(testutil::testDataPath("astronaut.png")));
+        p.drawImage(r, testutil::portrait());
     return f;
 }
 

@@ -117,10 +117,14 @@ TEST(FilterFaceInfo, OneFaceGivesAreaPointsAndParameters)
     // them and keeps the last area.
     f.updateFaceInfo(makeResult({{100, 100, 100, 100}}, false), 640, 480);
     ASSERT_EQ(f.facePoints().size(), 1u);
-    EXPECT_TRUE(f.facePoints()[0].empty() && f.mouthPoints()[0].empty() && f.contourPoints()[0].empty());
+    EXPECT_TRUE(f.facePoints()[0].empty());
+    EXPECT_TRUE(f.mouthPoints()[0].empty());
+    EXPECT_TRUE(f.contourPoints()[0].empty());
     f.updateFaceInfo(FaceDetectResult(), 640, 480);
-    EXPECT_TRUE(f.faceParas().empty() && f.mouthPoints().empty() && f.contourPoints().empty() &&
-                f.facePoints().empty());
+    EXPECT_TRUE(f.faceParas().empty());
+    EXPECT_TRUE(f.mouthPoints().empty());
+    EXPECT_TRUE(f.contourPoints().empty());
+    EXPECT_TRUE(f.facePoints().empty());
     EXPECT_EQ(rectOf(f.paras()), cv::Rect(50, 80, 200, 140));
     EXPECT_EQ(rectOf(f.paras(), true), cv::Rect(100, 100, 100, 100));
 }
@@ -172,7 +176,8 @@ TEST(FilterSetParas, RegisteredKeysAndThePageFittedToTheChannel)
     OpenglWhiteningFilter whitening;
     const size_t keys = whitening.paras().size();
     whitening.setParas({{"no_such_key", 3}, {smooth_strength, 50}, {whitening_strength, 40}});
-    EXPECT_TRUE(whitening.paras().size() == keys && whitening.paras().count(smooth_strength) == 0);
+    EXPECT_EQ(whitening.paras().size(), keys) << "unknown keys are not taken";
+    EXPECT_EQ(whitening.paras().count(smooth_strength), 0u) << "nor another filter's";
     EXPECT_EQ(whitening.paras().at(whitening_strength), 40);
     const std::array<float, 6> cases[] = {
         {4000, 3000, 1280, 720, 1280, 960},  // landscape 720p
@@ -219,7 +224,8 @@ TEST(FilterCpuRoutine, MarksTheFaceAreaAndHandsThePictureOn)
         slim.filter(noise, dst, {{slim_face_strength, 80}}, makeResult({{10, 10, 20, 20}, {150, 10, 20, 20}}));
         EXPECT_EQ(slim.paras().at(slim_face_strength), 80);
         EXPECT_EQ(rectOf(slim.paras()), cv::Rect(0, 6, 40, 28));
-        EXPECT_TRUE(renderer->calls == 1 && dst.empty());
+        EXPECT_EQ(renderer->calls, 1);
+        EXPECT_TRUE(dst.empty());
     }
     EXPECT_TRUE(renderer.isNull()) << "the filter owns its renderer";
     // A renderer without a picture entry is reported.
@@ -231,7 +237,9 @@ TEST(FilterCpuRoutine, MarksTheFaceAreaAndHandsThePictureOn)
     for (auto [width, want] : {std::pair(13, 12), std::pair(3, 3)}) {
         cv::Mat in(5, width, CV_8UC3, cv::Scalar::all(9));
         basic.filter(in, dst, FaceDetectResult());
-        EXPECT_TRUE(dst.cols == want && dst.rows == 5 && dst.at<cv::Vec3b>(4, want - 1)[0] == 9) << width;
+        ASSERT_EQ(dst.cols, want) << width;
+        ASSERT_EQ(dst.rows, 5) << width;
+        EXPECT_EQ(dst.at<cv::Vec3b>(4, want - 1)[0], 9) << width;
     }
 }
 

@@ -143,7 +143,8 @@ TEST(ShaderWorker, LipsMeshCoversTheLipsAndLeavesTheOpenMouth)
         for (size_t i = 0; i < v.size(); i += 5) {
             triangles[i / 15].emplace_back((v[i] + 1) * 200, (v[i + 1] + 1) * 150);
             corners.insert({int(std::lround((v[i] + 1) * 200)), int(std::lround((v[i + 1] + 1) * 150))});
-            EXPECT_TRUE(v[i + 3] == (v[i] + 1) / 2 && v[i + 4] == (v[i + 1] + 1) / 2) << "texture coordinates follow";
+            EXPECT_EQ(v[i + 3], (v[i] + 1) / 2) << "texture coordinates follow";
+            EXPECT_EQ(v[i + 4], (v[i + 1] + 1) / 2) << "texture coordinates follow";
         }
         auto covers = [&](cv::Point2f p) {
             return std::any_of(triangles.begin(), triangles.end(),

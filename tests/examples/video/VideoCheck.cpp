@@ -32,7 +32,7 @@ QString scratch(const char* name)
 bool writeFaceClip(const QString& path, const QSize& size, double fps, double seconds, bool sound,
                    const std::function<double(double)>& footageTime)
 {
-    const SampleFootage footage(QImage(testutil::testDataPath("astronaut.png")), size, seconds);
+    const SampleFootage footage(testutil::portrait(), size, seconds);
     ClipFormat clip{size, fps, seconds, QString()};
     QString error;
     const auto tone = [](double t) { return static_cast<float>(0.3 * std::sin(2 * M_PI * 440 * t)); };

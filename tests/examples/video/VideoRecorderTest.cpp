@@ -76,7 +76,7 @@ TEST(VideoRecorder, BeforeAndAfterShowTheEffectsOnTheFaceOnlyWithTheSoundKept)
 
     const std::vector<QImage> at = picturesAt(out, {still - 0.1});
     ASSERT_EQ(at.size(), 1u);
-    const SampleFootage footage(QImage(testutil::testDataPath("astronaut.png")), QSize(1280, 720), seconds);
+    const SampleFootage footage(testutil::portrait(), QSize(1280, 720), seconds);
     const QRect before(0, 0, 960, 540), after(960, 0, 960, 540);
     const QRectF mouth(205, 140, 40, 15);
     const double plainLips = redness(at[0], mapped(footage, mouth, 1.0, before, 0.75));
