@@ -7,7 +7,7 @@
 #include <QThread>
 #include <opencv2/core.hpp>
 
-#include "engine/Logging.h"
+#include "base/Logging.h"
 #include "face/DnnFaceDetector.h"
 #include "filters/BeautyFilterBase.h"
 #include "gpu/OpenglChannelWorker.h"

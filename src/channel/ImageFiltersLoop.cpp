@@ -7,9 +7,9 @@
 #include <QCoreApplication>
 #include <QThread>
 
+#include "base/ExitHooks.h"
+#include "base/Logging.h"
 #include "channel/FramePacing.h"
-#include "engine/EngineExit.h"
-#include "engine/Logging.h"
 #include "gpu/OpenglChannelWorker.h"
 #include "scene/TextureBuffer.h"
 

@@ -4,8 +4,8 @@
 
 #include <QTransform>
 
+#include "base/Logging.h"
 #include "channel/PageLayout.h"
-#include "engine/Logging.h"
 #include "face/DnnFaceDetector.h"
 #include "filters/BeautyFilterBase.h"
 #include "gpu/OpenglChannelWorker.h"

@@ -4,7 +4,7 @@
 
 #include <cmath>
 
-#include "engine/Logging.h"
+#include "base/Logging.h"
 #include "face/DnnFaceDetector.h"
 #include "filters/BeautyFilterBase.h"
 #include "filters/FilterFactory.h"

@@ -12,7 +12,7 @@ extern "C" {
 #include <libswscale/swscale.h>
 }
 
-#include "engine/Logging.h"
+#include "base/Logging.h"
 
 namespace {
 

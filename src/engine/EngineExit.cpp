@@ -1,7 +1,5 @@
 #include "engine/EngineExit.h"
 
-#include <atomic>
-#include <cstdlib>
 #include <thread>
 
 #include <QImage>
@@ -13,18 +11,10 @@
 #include <QReadWriteLock>
 #include <opencv2/imgproc.hpp>
 
+#include "base/Logging.h"
 #include "channel/ImageFilters.h"
-#include "engine/Logging.h"
 
 namespace {
-
-std::atomic<void (*)()> exitHandler{nullptr};
-
-void runHandler()
-{
-    if (void (*handler)() = exitHandler.load())
-        handler();
-}
 
 // Each of these makes, on first use, process-wide state that registers its
 // own destructor: the logging categories, the meta types of the queued
@@ -86,16 +76,6 @@ void bringUpProcessWideState()
 }  // namespace
 
 namespace engineexit {
-
-void setHandler(void (*handler)())
-{
-    exitHandler = handler;
-}
-
-void arm()
-{
-    std::atexit(&runHandler);
-}
 
 void bringUpAndArm()
 {

@@ -3,18 +3,9 @@
 // ends; at that end they must stop, each on its own thread, before the GL
 // driver, Qt's platform plugin or the library's statics are torn down.
 
+#include "base/ExitHooks.h"
+
 namespace engineexit {
-
-// Sets what runs at exit: the facade's shutdown. It must be idempotent.
-void setHandler(void (*handler)());
-
-// Registers the handler with atexit once more. Exit handlers and static
-// destructors run in the reverse order of their registration, so a
-// registration made right after something first set up the driver's, Qt's or
-// OpenCV's process-wide state (a worker's context, its shaders, a channel's
-// first detection) runs before that state is destroyed. Any thread; a few
-// registrations per worker.
-void arm();
 
 // Once per process, on the application's thread before the first scene:
 // brings up what the channels' first frames would otherwise set up lazily on

@@ -18,9 +18,9 @@
 #include <malloc.h>
 #endif
 
+#include "base/Logging.h"
 #include "channel/ImageFilters.h"
 #include "engine/EngineExit.h"
-#include "engine/Logging.h"
 #include "engine/OpenglImageManagerPrivate.h"
 #include "gpu/OpenglWorkerBase.h"
 #include "scene/SceneManager.h"

@@ -4,8 +4,8 @@
 
 #include <QDebug>
 
+#include "base/Logging.h"
 #include "convert/FrameConverter.h"
-#include "engine/Logging.h"
 
 namespace {
 

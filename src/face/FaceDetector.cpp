@@ -6,8 +6,8 @@
 #include <QMetaObject>
 #include <QThread>
 
+#include "base/Logging.h"
 #include "convert/FrameConverter.h"
-#include "engine/Logging.h"
 
 namespace {
 

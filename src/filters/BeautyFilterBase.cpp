@@ -10,8 +10,8 @@
 #include <QReadLocker>
 #include <QWriteLocker>
 
+#include "base/Logging.h"
 #include "convert/FrameConverter.h"
-#include "engine/Logging.h"
 #include "lumen_fx/ImageFilterTypes.h"
 
 extern "C" {
@@ -522,13 +522,3 @@ cv::Rect clampToFrame(cv::Rect rect, int width, int height)
     return rect;
 }
 
-int32_t truncToInt(double value)
-{
-    if (std::isnan(value))
-        return 0;
-    if (value >= 2147483647.0)
-        return std::numeric_limits<int32_t>::max();
-    if (value <= -2147483648.0)
-        return std::numeric_limits<int32_t>::min();
-    return static_cast<int32_t>(value);
-}

@@ -18,6 +18,7 @@
 #include <QReadWriteLock>
 #include <opencv2/core.hpp>
 
+#include "base/Numbers.h"
 #include "face/FaceDetectResult.h"
 #include "filters/StickerInfo.h"
 
@@ -169,9 +170,6 @@ cv::Rect expandFaceAreaWith(const cv::Rect& rect, int width, int height, const F
 // from its top left corner.
 cv::Rect clampToFrame(cv::Rect rect, int width, int height);
 
-// Truncation towards zero, saturated to the 32-bit range, NaN to 0: a host's
-// value of any size converts without undefined behaviour.
-int32_t truncToInt(double value);
 
 // Hands a picture to a filter's CPU renderer, when it has one.
 void handPictureToRenderer(QObject* renderer, uchar* data, int width, int height, const char* who);

@@ -9,7 +9,7 @@
 #include <opencv2/core.hpp>
 #include <opencv2/imgproc.hpp>
 
-#include "engine/Logging.h"
+#include "base/Logging.h"
 #include "filters/BeautyFilterBase.h"
 
 namespace {

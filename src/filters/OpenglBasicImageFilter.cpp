@@ -8,7 +8,7 @@
 
 #include <opencv2/imgproc.hpp>
 
-#include "engine/Logging.h"
+#include "base/Logging.h"
 #include "lumen_fx/ImageFilterTypes.h"
 
 OpenglBasicImageFilter::OpenglBasicImageFilter()

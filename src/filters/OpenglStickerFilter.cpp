@@ -7,7 +7,7 @@
 #include <QPainter>
 #include <QSvgRenderer>
 
-#include "engine/Logging.h"
+#include "base/Logging.h"
 #include "lumen_fx/ImageFilterTypes.h"
 
 namespace {

@@ -3,7 +3,7 @@
 #include <QDebug>
 #include <QOpenGLShaderProgram>
 
-#include "engine/Logging.h"
+#include "base/Logging.h"
 #include "lumen_fx/ImageFilterTypes.h"
 
 namespace {

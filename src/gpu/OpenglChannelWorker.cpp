@@ -15,7 +15,7 @@
 #include <QOpenGLTexture>
 #include <QThread>
 
-#include "engine/Logging.h"
+#include "base/Logging.h"
 #include "filters/BeautyFilterBase.h"
 #include "gpu/GlTextures.h"
 #include "scene/TextureBuffer.h"

@@ -15,8 +15,9 @@
 #include <QThread>
 #include <QWriteLocker>
 
-#include "engine/EngineExit.h"
-#include "engine/Logging.h"
+#include "base/ExitHooks.h"
+#include "base/GlLock.h"
+#include "base/Logging.h"
 #include "gpu/GlTextures.h"
 #include "scene/TextureBuffer.h"
 #include "shader/ShaderWorker.h"

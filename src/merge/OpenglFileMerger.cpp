@@ -12,8 +12,9 @@
 #include <QReadLocker>
 #include <QThread>
 
-#include "engine/EngineExit.h"
-#include "engine/Logging.h"
+#include "base/ExitHooks.h"
+#include "base/GlLock.h"
+#include "base/Logging.h"
 #include "gpu/GlTextures.h"
 #include "scene/TextureBuffer.h"
 #include "shader/ShaderWorker.h"

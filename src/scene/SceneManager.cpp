@@ -11,7 +11,7 @@ extern "C" {
 #include <libavutil/mem.h>
 }
 
-#include "engine/Logging.h"
+#include "base/Logging.h"
 #include "merge/OpenglFileMerger.h"
 #include "scene/TextureBuffer.h"
 

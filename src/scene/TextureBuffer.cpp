@@ -4,15 +4,9 @@
 #include <QOpenGLContext>
 #include <QOpenGLFunctions>
 
-#include "engine/Logging.h"
+#include "base/Logging.h"
 #include "gpu/GlTextures.h"
 
-QReadWriteLock& sharedTextureLock()
-{
-    // Never destroyed: threads that stop while the process exits still take it.
-    static QReadWriteLock* lock = new QReadWriteLock(QReadWriteLock::NonRecursive);
-    return *lock;
-}
 
 TextureBuffer::TextureBuffer() = default;
 

@@ -10,15 +10,14 @@
 #include <QMutex>
 #include <QReadWriteLock>
 
+#include "base/GlLock.h"
+
 class QOpenGLContext;
 
 // The pause mode of channels and scenes that keeps their GPU state through a
 // pause (a channel then reads back every frame). Nothing sets it.
 constexpr int kPauseKeepingGpuState = 6;
 
-// One process-wide lock: held for writing by whoever creates or destroys
-// surfaces, contexts or shared textures, for reading by whoever reads them.
-QReadWriteLock& sharedTextureLock();
 
 class TextureBuffer {
 public:

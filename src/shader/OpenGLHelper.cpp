@@ -10,7 +10,7 @@
 #include <QOpenGLContext>
 #include <QOpenGLFunctions>
 
-#include "engine/Logging.h"
+#include "base/Logging.h"
 
 namespace OpenGLHelper {
 

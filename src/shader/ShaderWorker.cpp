@@ -10,7 +10,7 @@
 
 #include <opencv2/imgproc.hpp>
 
-#include "engine/Logging.h"
+#include "base/Logging.h"
 #include "shader/OpenGLHelper.h"
 
 namespace {

@@ -1,4 +1,4 @@
-#include "engine/Logging.h"
+#include "base/Logging.h"
 
 Q_LOGGING_CATEGORY(lcEngine, "lumen_fx.engine")
 Q_LOGGING_CATEGORY(lcChannel, "lumen_fx.channel")
