@@ -30,9 +30,18 @@
 #include <opencv2/imgproc.hpp>
 #include <opencv2/objdetect.hpp>
 
+#include "Boxes.h"
 #include "FaceFilter.h"
+#include "HeadPose.h"
+#include "Layout.h"
+#include "SearchPlan.h"
+#include "Signature.h"
+#include "Timing.h"
+#include "Tuning.h"
 
 namespace KVOAI {
+
+using namespace kvodnnl;
 
 namespace {
 
@@ -41,164 +50,6 @@ const char* const kModelPathVariable = "KVODNNL_LANDMARK_MODEL";
 // OpenCV's LBP frontal face cascade (Debian's opencv-data); it proposes the
 // small faces, which the HOG detector then confirms.
 const char* const kCascadePath = "/usr/share/opencv4/lbpcascades/lbpcascade_frontalface.xml";
-
-// Side of the square that the HOG detector scans; faces much smaller than this
-// are not found by it unless the picture is enlarged.
-constexpr double kHogWindow = 80.0;
-// Side of the cascade's window.
-constexpr double kCascadeWindow = 24.0;
-// The HOG detector searches the whole picture for faces down to this fraction
-// of its shorter side, on a grey copy reduced just enough for that...
-constexpr double kHogSmallestFraction = 1.0 / 6.0;
-// ...and the cascade for those down to this fraction, and never below
-// kSmallestFace pixels.
-constexpr double kSmallestFraction = 1.0 / 20.0;
-constexpr double kSmallestFace = 36.0;
-// Scale step of the cascade's own pyramid.
-constexpr double kCascadeStep = 1.2;
-// Windows that pass the cascade with at least this weight are candidates, at
-// most kCandidatesPerTask of them a task, the strongest first.
-constexpr double kCandidateWeight = 0.0;
-constexpr size_t kCandidatesPerTask = 6;
-// Faces near a known place are searched in a square of this many face sizes,
-// scaled so that the face measures about kNearFace pixels.
-constexpr double kNearRegion = 2.0;
-constexpr double kNearFace = 90.0;
-// A followed face is looked for on this many levels of the HOG pyramid
-// there: faces from about 0.9 to 1.3 times its last size (a pyramid step is
-// 5/6). Larger steps between two calls are left to the whole-picture search
-// that a lost face starts.
-constexpr unsigned long kNearLevels = 3;
-// HOG score that a candidate of a whole-picture search must reach near its
-// place to count as a face. Textures such as badges, folds and a turned
-// mission patch reach about 0.3 in the whole picture's pass but stay below 0
-// here, while the faces that the landmark model can fit score 0.8 and more.
-constexpr double kConfirmScore = 0.3;
-// A followed face whose box differs from its look when the HOG detector last
-// found it there by at most kStillPatch grey levels (mean absolute difference
-// of kPatchSide x kPatchSide reductions) keeps its box without a new search,
-// for up to kRecheckCalls calls.
-constexpr int kPatchSide = 16;
-constexpr double kStillPatch = 2.0;
-constexpr int kRecheckCalls = 10;
-// A face whose box is the one its key points were fitted on, and whose look
-// there differs by at most kSameLook grey levels in every cell of the
-// kPatchSide x kPatchSide reduction, keeps those key points: sensor noise
-// moves a cell by a level or two, an eye that closes or a mouth that opens by
-// far more.
-constexpr double kSameLook = 4.0;
-// A followed face found again with a box that overlaps its old one by this
-// much (intersection over union) keeps the old box.
-constexpr double kKeepBoxOverlap = 0.8;
-// In a picture that differs from the last on the whole, the followed faces
-// are given up once this many searched for near their places are all lost.
-constexpr int kCutLosses = 2;
-// Calls between the starts of two searches of the whole picture while nothing
-// else asks for one, when no face is followed and when some are.
-constexpr int kSearchPeriod = 10;
-constexpr int kFollowedSearchPeriod = 15;
-// A search of the whole picture that a new picture or `flagA` asked for is
-// finished, by the calling thread if need be, on the kSearchCalls-th call
-// since it began.
-constexpr int kSearchCalls = 5;
-// Niceness of the search thread (see setpriority(2)).
-constexpr int kSearchNice = 10;
-// A call takes on a part of a whole-picture search only while its estimated
-// end, the key points of its faces included, stays within this many
-// milliseconds of the call's start, and adds new faces only within
-// kMergeBudgetMs.
-constexpr double kHelpBudgetMs = 18.0;
-// A search that must end by its kSearchCalls-th call takes up to this many
-// milliseconds of each call before that one, so that little is left for it.
-constexpr double kUrgentHelpBudgetMs = 22.0;
-constexpr double kMergeBudgetMs = 22.0;
-// Key points are fitted while the call's estimated end stays within this
-// many milliseconds of its start.
-constexpr double kFitBudgetMs = 24.0;
-// Side to which the part of a picture round a face is reduced to measure how
-// far the face moved.
-constexpr double kMotionSide = 96.0;
-// A face that moved by at most this fraction of its width since its key points
-// were fitted, and whose look there is the one they were fitted on (within
-// kMovedLook), keeps them, moved along.
-constexpr double kMotionReach = 0.25;
-// The look of a face that moved is compared at the nearest whole pixel: the
-// rest of the step changes its cells by a few grey levels more.
-constexpr double kMovedLook = 8.0;
-// A picture counts as a new one when the mean absolute difference of its 32 x
-// 32 grey signature from the last picture's passes kChangeThreshold, or when
-// kChangedPatches of the signature's patch means differ by more than
-// kChangedPatch grey levels; below kSameThreshold two pictures count as the
-// same one.
-constexpr double kChangeThreshold = 10.0;
-constexpr double kChangedPatch = 10.0;
-constexpr int kChangedPatches = 4;
-constexpr double kSameThreshold = 3.0;
-constexpr int kThumbSide = 32;
-constexpr int kPatch = 4;
-// Thickness of an eyebrow as a fraction of its length.
-constexpr double kBrowThickness = 0.15;
-
-// ---------------------------------------------------------------------------
-// The 98-point layout, made from the 68 points of the landmark model
-// (0-16 jaw, 17-21 and 22-26 brows, 27-30 bridge, 31-35 nose base,
-// 36-41 and 42-47 eyes, 48-59 outer lips, 60-67 inner lips).
-//
-//   Copy a           model point a
-//   Mid a, b         midpoint of a and b
-//   BrowLower a, b   midpoint of a and b, moved down the face by the
-//                    thickness of the brow that runs from c to d
-//   Lid a, b, c, d   the lid curve through a, b, c, d half way from b to c
-//   Centre a, b      mean of model points a to b
-// ---------------------------------------------------------------------------
-enum Rule { Copy, Mid, BrowLower, Lid, Centre };
-
-struct PointRule {
-    Rule rule;
-    int a, b, c, d;
-};
-
-const PointRule kLayout98[98] = {
-    // 0-32 contour: the jaw's 17 points at even indices, midpoints between.
-    {Copy, 0, 0, 0, 0}, {Mid, 0, 1, 0, 0}, {Copy, 1, 0, 0, 0}, {Mid, 1, 2, 0, 0},
-    {Copy, 2, 0, 0, 0}, {Mid, 2, 3, 0, 0}, {Copy, 3, 0, 0, 0}, {Mid, 3, 4, 0, 0},
-    {Copy, 4, 0, 0, 0}, {Mid, 4, 5, 0, 0}, {Copy, 5, 0, 0, 0}, {Mid, 5, 6, 0, 0},
-    {Copy, 6, 0, 0, 0}, {Mid, 6, 7, 0, 0}, {Copy, 7, 0, 0, 0}, {Mid, 7, 8, 0, 0},
-    {Copy, 8, 0, 0, 0}, {Mid, 8, 9, 0, 0}, {Copy, 9, 0, 0, 0}, {Mid, 9, 10, 0, 0},
-    {Copy, 10, 0, 0, 0}, {Mid, 10, 11, 0, 0}, {Copy, 11, 0, 0, 0}, {Mid, 11, 12, 0, 0},
-    {Copy, 12, 0, 0, 0}, {Mid, 12, 13, 0, 0}, {Copy, 13, 0, 0, 0}, {Mid, 13, 14, 0, 0},
-    {Copy, 14, 0, 0, 0}, {Mid, 14, 15, 0, 0}, {Copy, 15, 0, 0, 0}, {Mid, 15, 16, 0, 0},
-    {Copy, 16, 0, 0, 0},
-    // 33-41 left brow: upper edge outer to inner, lower edge back.
-    {Copy, 17, 0, 0, 0}, {Copy, 18, 0, 0, 0}, {Copy, 19, 0, 0, 0}, {Copy, 20, 0, 0, 0},
-    {Copy, 21, 0, 0, 0},
-    {BrowLower, 20, 21, 17, 21}, {BrowLower, 19, 20, 17, 21}, {BrowLower, 18, 19, 17, 21},
-    {BrowLower, 17, 18, 17, 21},
-    // 42-50 right brow: upper edge inner to outer, lower edge back.
-    {Copy, 22, 0, 0, 0}, {Copy, 23, 0, 0, 0}, {Copy, 24, 0, 0, 0}, {Copy, 25, 0, 0, 0},
-    {Copy, 26, 0, 0, 0},
-    {BrowLower, 25, 26, 22, 26}, {BrowLower, 24, 25, 22, 26}, {BrowLower, 23, 24, 22, 26},
-    {BrowLower, 22, 23, 22, 26},
-    // 51-54 nose bridge down to the tip, 55-59 base of the nose.
-    {Copy, 27, 0, 0, 0}, {Copy, 28, 0, 0, 0}, {Copy, 29, 0, 0, 0}, {Copy, 30, 0, 0, 0},
-    {Copy, 31, 0, 0, 0}, {Copy, 32, 0, 0, 0}, {Copy, 33, 0, 0, 0}, {Copy, 34, 0, 0, 0},
-    {Copy, 35, 0, 0, 0},
-    // 60-67 left eye: outer corner, upper lid, inner corner, lower lid.
-    {Copy, 36, 0, 0, 0}, {Copy, 37, 0, 0, 0}, {Lid, 36, 37, 38, 39}, {Copy, 38, 0, 0, 0},
-    {Copy, 39, 0, 0, 0}, {Copy, 40, 0, 0, 0}, {Lid, 39, 40, 41, 36}, {Copy, 41, 0, 0, 0},
-    // 68-75 right eye: inner corner, upper lid, outer corner, lower lid.
-    {Copy, 42, 0, 0, 0}, {Copy, 43, 0, 0, 0}, {Lid, 42, 43, 44, 45}, {Copy, 44, 0, 0, 0},
-    {Copy, 45, 0, 0, 0}, {Copy, 46, 0, 0, 0}, {Lid, 45, 46, 47, 42}, {Copy, 47, 0, 0, 0},
-    // 76-95 mouth in the model's order: outer line 76-87, inner line 88-95.
-    {Copy, 48, 0, 0, 0}, {Copy, 49, 0, 0, 0}, {Copy, 50, 0, 0, 0}, {Copy, 51, 0, 0, 0},
-    {Copy, 52, 0, 0, 0}, {Copy, 53, 0, 0, 0}, {Copy, 54, 0, 0, 0}, {Copy, 55, 0, 0, 0},
-    {Copy, 56, 0, 0, 0}, {Copy, 57, 0, 0, 0}, {Copy, 58, 0, 0, 0}, {Copy, 59, 0, 0, 0},
-    {Copy, 60, 0, 0, 0}, {Copy, 61, 0, 0, 0}, {Copy, 62, 0, 0, 0}, {Copy, 63, 0, 0, 0},
-    {Copy, 64, 0, 0, 0}, {Copy, 65, 0, 0, 0}, {Copy, 66, 0, 0, 0}, {Copy, 67, 0, 0, 0},
-    // 96, 97 eye centres.
-    {Centre, 36, 41, 0, 0}, {Centre, 42, 47, 0, 0},
-};
-
 
 using HogDetector = dlib::frontal_face_detector;
 using Predictor = dlib::shape_predictor;
@@ -353,226 +204,6 @@ std::string modelPathFromEnvironment()
     return (path && *path) ? std::string(path) : std::string(kDefaultModelPath);
 }
 
-// ---------------------------------------------------------------------------
-// Geometry helpers
-// ---------------------------------------------------------------------------
-cv::Point2d toPoint(const dlib::point& p)
-{
-    return cv::Point2d(static_cast<double>(p.x()), static_cast<double>(p.y()));
-}
-
-dlib::rectangle scaleRect(const dlib::rectangle& r, double factor, double dx, double dy)
-{
-    // dlib's rectangles include their right and bottom edges.
-    return dlib::rectangle(std::lround(r.left() / factor + dx), std::lround(r.top() / factor + dy),
-                           std::lround((r.right() + 1) / factor + dx) - 1,
-                           std::lround((r.bottom() + 1) / factor + dy) - 1);
-}
-
-dlib::rectangle toDlib(const cv::Rect& r)
-{
-    return dlib::rectangle(r.x, r.y, r.x + r.width - 1, r.y + r.height - 1);
-}
-
-cv::Rect2d toRect2d(const dlib::rectangle& r)
-{
-    return cv::Rect2d(r.left(), r.top(), r.width(), r.height());
-}
-
-// Whether two boxes stand for one face: they overlap well, or one's centre
-// lies in the other and their sizes are alike.
-bool sameFace(const dlib::rectangle& a, const dlib::rectangle& b)
-{
-    if (smoothing::FaceFilter::overlap(toRect2d(a), toRect2d(b)) > 0.3)
-        return true;
-    const double ratio = static_cast<double>(a.width()) / std::max<double>(1.0, b.width());
-    return ratio > 0.6 && ratio < 1.6 && (a.contains(dlib::center(b)) || b.contains(dlib::center(a)));
-}
-
-std::vector<cv::Point2d> layout98(const dlib::full_object_detection& shape)
-{
-    std::vector<cv::Point2d> model(68);
-    for (unsigned long i = 0; i < 68; ++i)
-        model[i] = toPoint(shape.part(i));
-
-    // "Down the face": perpendicular to the line through the outer eye
-    // corners, pointing towards the nose tip.
-    cv::Point2d across = model[45] - model[36];
-    const double acrossLength = std::hypot(across.x, across.y);
-    cv::Point2d down(0.0, 1.0);
-    if (acrossLength > 0) {
-        down = cv::Point2d(-across.y / acrossLength, across.x / acrossLength);
-        const cv::Point2d eyesMid = (model[36] + model[45]) * 0.5;
-        if ((model[30] - eyesMid).dot(down) < 0)
-            down = -down;
-    }
-
-    std::vector<cv::Point2d> out(98);
-    for (int k = 0; k < 98; ++k) {
-        const PointRule& r = kLayout98[k];
-        switch (r.rule) {
-        case Copy:
-            out[k] = model[r.a];
-            break;
-        case Mid:
-            out[k] = (model[r.a] + model[r.b]) * 0.5;
-            break;
-        case BrowLower: {
-            const cv::Point2d length = model[r.d] - model[r.c];
-            out[k] = (model[r.a] + model[r.b]) * 0.5 + down * (kBrowThickness * std::hypot(length.x, length.y));
-            break;
-        }
-        case Lid:
-            // Cubic through the four points, evaluated half way from b to c.
-            out[k] = (model[r.b] * 9.0 + model[r.c] * 9.0 - model[r.a] - model[r.d]) * (1.0 / 16.0);
-            break;
-        case Centre: {
-            cv::Point2d sum(0, 0);
-            for (int i = r.a; i <= r.b; ++i)
-                sum += model[i];
-            out[k] = sum * (1.0 / (r.b - r.a + 1));
-            break;
-        }
-        }
-    }
-    return out;
-}
-
-// Head pose from six landmarks and a generic face in the camera frame of a
-// frontal face (x right, y down, z away from the viewer), in units of a fifth
-// of a millimetre: outer eye corners 90 mm apart, their depths behind the
-// nose tip after common adult measurements, the frontal layout after a fit of
-// the landmark model to a frontal portrait.
-struct Pose {
-    double pitch = 0, yaw = 0, roll = 0;
-};
-
-// `points`: the 98 key points of kvodnnl.h.
-Pose estimatePose(const std::vector<cv::Point2d>& points, const cv::Size& pictureSize)
-{
-    // A plain array: no destructor runs at exit under a detector still at work.
-    static const cv::Point3d genericFace[] = {
-        {0.0, 0.0, 0.0},          // nose tip (54)
-        {0.0, 382.0, 100.0},      // chin (16)
-        {-225.0, -185.0, 175.0},  // outer corner of the left eye (60)
-        {225.0, -185.0, 175.0},   // outer corner of the right eye (72)
-        {-170.0, 100.0, 150.0},   // left mouth corner (76)
-        {170.0, 100.0, 150.0},    // right mouth corner (82)
-    };
-    const std::vector<cv::Point3d> generic(std::begin(genericFace), std::end(genericFace));
-    const std::vector<cv::Point2d> seen = {points[54], points[16], points[60], points[72], points[76], points[82]};
-
-    const double focal = pictureSize.width;
-    const cv::Matx33d camera(focal, 0, pictureSize.width / 2.0, 0, focal, pictureSize.height / 2.0, 0, 0, 1);
-
-    // Start from a frontal face at the distance that the eye span suggests.
-    const cv::Point2d span = seen[3] - seen[2];
-    const double spanPixels = std::max(1.0, std::hypot(span.x, span.y));
-    const double z = focal * 450.0 / spanPixels;
-    cv::Mat rvec = (cv::Mat_<double>(3, 1) << 0, 0, 0);
-    cv::Mat tvec = (cv::Mat_<double>(3, 1) << (seen[0].x - pictureSize.width / 2.0) * z / focal,
-                    (seen[0].y - pictureSize.height / 2.0) * z / focal, z);
-    Pose pose;
-    if (!cv::solvePnP(generic, seen, camera, cv::noArray(), rvec, tvec, true, cv::SOLVEPNP_ITERATIVE))
-        return pose;
-
-    cv::Matx33d R;
-    cv::Rodrigues(rvec, R);
-    // Measure against the line of sight rather than the camera's axis, so
-    // that a face looking into the lens has no pitch or yaw wherever it sits
-    // in the picture.
-    const cv::Vec3d sight = cv::normalize(cv::Vec3d(tvec.at<double>(0), tvec.at<double>(1), tvec.at<double>(2)));
-    const cv::Vec3d axis = cv::Vec3d(0, 0, 1).cross(sight);
-    const double sine = cv::norm(axis);
-    if (sine > 1e-9) {
-        const cv::Vec3d turn = axis * (std::atan2(sine, sight[2]) / sine);
-        cv::Matx33d toSight;
-        cv::Rodrigues(turn, toSight);
-        R = toSight.t() * R;
-    }
-    // R = Rx(pitch) * Ry(yaw) * Rz(roll)
-    const double toDegrees = 180.0 / CV_PI;
-    pose.yaw = std::asin(std::max(-1.0, std::min(1.0, R(0, 2)))) * toDegrees;
-    pose.pitch = std::atan2(-R(1, 2), R(2, 2)) * toDegrees;
-    pose.roll = std::atan2(-R(0, 1), R(0, 0)) * toDegrees;
-    return pose;
-}
-
-
-struct Detection {
-    dlib::rectangle box;  // pixels of the picture
-    double score = 0;
-};
-
-using Clock = std::chrono::steady_clock;
-
-double millisecondsSince(Clock::time_point start)
-{
-    return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
-}
-
-// A grey picture handed to Run, shared by the calling thread and the search
-// thread, with its 32 x 32 signature of patch means.
-struct Picture {
-    cv::Mat grey;
-    cv::Mat thumb;
-};
-using PicturePtr = std::shared_ptr<const Picture>;
-
-// A few thousand pixel reads whatever the picture's size.
-cv::Mat signature(const cv::Mat& picture)
-{
-    cv::Mat thumb(kThumbSide, kThumbSide, CV_32F);
-    for (int gy = 0; gy < kThumbSide; ++gy) {
-        const int cy = std::max(0, std::min(picture.rows - kPatch, (2 * gy + 1) * picture.rows / (2 * kThumbSide)));
-        for (int gx = 0; gx < kThumbSide; ++gx) {
-            const int cx = std::max(0, std::min(picture.cols - kPatch, (2 * gx + 1) * picture.cols / (2 * kThumbSide)));
-            int sum = 0, count = 0;
-            for (int y = cy; y < cy + kPatch && y < picture.rows; ++y) {
-                const uchar* row = picture.ptr<uchar>(y);
-                for (int x = cx; x < cx + kPatch && x < picture.cols; ++x, ++count)
-                    sum += row[x];
-            }
-            thumb.at<float>(gy, gx) = count ? static_cast<float>(sum) / count : 0.f;
-        }
-    }
-    return thumb;
-}
-
-// Mean absolute difference of two pictures' signatures; large for pictures
-// of different sizes.
-double difference(const Picture& a, const Picture& b)
-{
-    if (a.grey.size() != b.grey.size())
-        return 1e9;
-    return cv::norm(a.thumb, b.thumb, cv::NORM_L1) / (kThumbSide * kThumbSide);
-}
-
-// How `b` differs from `a`: on the whole (a new picture), in a few places by
-// much (a face come or gone, or anything else that moves), or hardly.
-enum class Change { None, Local, Whole };
-Change pictureChange(const Picture& a, const Picture& b)
-{
-    if (difference(a, b) > kChangeThreshold)
-        return Change::Whole;
-    cv::Mat changed;
-    cv::absdiff(a.thumb, b.thumb, changed);
-    return cv::countNonZero(changed > kChangedPatch) >= kChangedPatches ? Change::Local : Change::None;
-}
-
-// The box's part of the picture reduced to kPatchSide x kPatchSide; empty when
-// the box lies outside the picture.
-cv::Mat patchOf(const cv::Mat& picture, const dlib::rectangle& box)
-{
-    const cv::Rect inside = cv::Rect(static_cast<int>(box.left()), static_cast<int>(box.top()),
-                                     static_cast<int>(box.width()), static_cast<int>(box.height()))
-        & cv::Rect(0, 0, picture.cols, picture.rows);
-    cv::Mat patch;
-    if (inside.width >= kPatchSide && inside.height >= kPatchSide)
-        cv::resize(picture(inside), patch, cv::Size(kPatchSide, kPatchSide), 0, 0, cv::INTER_AREA);
-    return patch;
-}
-
 // The best face near `box`: the HOG detector run over a square of
 // kNearRegion box sizes round the box's centre, scaled so that the box
 // measures kNearFace pixels. The face must lie within half a box width of the
@@ -611,157 +242,16 @@ bool searchNear(const cv::Mat& picture, const dlib::rectangle& box, double thres
     return found;
 }
 
-// How far the picture moved from `before` to `after` round `box`: phase
-// correlation of the box and a margin of a quarter of it all round, reduced
-// to at most kMotionSide pixels a side. Zero when the two differ in size or
-// the part is too small.
-cv::Point2d motion(const cv::Mat& before, const cv::Mat& after, const dlib::rectangle& box)
-{
-    const double w = static_cast<double>(box.width());
-    const double h = static_cast<double>(box.height());
-    const cv::Rect region = cv::Rect(cvRound(box.left() - w / 4), cvRound(box.top() - h / 4), cvRound(w * 1.5),
-                                     cvRound(h * 1.5))
-        & cv::Rect(0, 0, before.cols, before.rows);
-    if (before.size() != after.size() || region.width < kPatchSide || region.height < kPatchSide)
-        return {};
-    const double scale = std::min(1.0, kMotionSide / std::max(region.width, region.height));
-    cv::Mat a, b;
-    cv::resize(before(region), a, cv::Size(), scale, scale, cv::INTER_AREA);
-    cv::resize(after(region), b, cv::Size(), scale, scale, cv::INTER_AREA);
-    a.convertTo(a, CV_32F);
-    b.convertTo(b, CV_32F);
-    cv::Mat window;
-    cv::createHanningWindow(window, a.size(), CV_32F);
-    return cv::phaseCorrelate(a, b, window) / scale;
-}
-
-// ---------------------------------------------------------------------------
-// Search of the whole picture
-//
-// A search is cut into tasks of a few milliseconds each, so that the
-// detector's own thread and, when the search falls behind, the calling thread
-// can share it, and so that it can follow a picture that keeps changing:
-//   Hog      the HOG detector on the picture reduced so that the smallest
-//            faces it looks for measure its window: one pyramid level a
-//            task for the larger levels, the rest of the pyramid in one
-//   Cascade  the cascade on a band of face sizes, over a part of the picture
-//            reduced so that the band's smallest faces measure its window
-//   Confirm  a candidate of the other two, searched for with the HOG
-//            detector near its place at kNearFace pixels, on kNearLevels
-//            levels as a followed face is
-// Every task scans the latest picture handed in when it starts. A new search
-// marks all the plan's tasks to do again and goes on from where the last one
-// stood, so that a picture that changes at every call is still searched
-// whole, one part after the other.
-// ---------------------------------------------------------------------------
-struct Task {
-    enum Kind { Hog, Cascade, Confirm } kind = Hog;
-    double scale = 1;           // Hog, Cascade: reduction of the picture before the scan
-    bool restOfPyramid = false; // Hog: this level and all smaller ones
-    cv::Rect tile;              // Cascade: part of the picture scanned
-    int smallest = 0, largest = 0;  // Cascade: window sizes scanned in the reduced part
-    dlib::rectangle box;        // Confirm: the candidate
-    double work = 0;            // millions of HOG pixels or of cascade windows
-};
-
-// Millions of pixels that a HOG pyramid scans, for a base level of `pixels`:
-// each level is 5/6 of the one before on each side.
-constexpr double kPyramidSum = 1.0 / (1.0 - 25.0 / 36.0);
-// ...and for its first kNearLevels levels: the millions of pixels of a
-// search near a place, per million of its base level.
-constexpr double kNearSum = (1.0 - 25.0 / 36.0 * 25.0 / 36.0 * 25.0 / 36.0) / (1.0 - 25.0 / 36.0);
-static_assert(kNearLevels == 3, "kNearSum counts three levels");
-// Most work for one task of the plan, in millions of HOG pixels and of
-// cascade windows: a few milliseconds each.
-constexpr double kTaskHogPixels = 0.25;
-constexpr double kTaskCascadeWindows = 0.09;
-
-// Cuts a scan into strips of rows, each taking at most `maxWork`, that
-// overlap by `margin` rows so that no face of the scan is cut in two.
-void addStrips(std::vector<Task>& out, Task scan, cv::Size size, double work, double maxWork, int margin)
-{
-    const int parts = std::max(1, std::min(8, static_cast<int>(std::ceil(work / maxWork))));
-    for (int p = 0; p < parts; ++p) {
-        const int top = std::max(0, size.height * p / parts - margin / 2);
-        const int bottom = std::min(size.height, size.height * (p + 1) / parts + margin / 2);
-        scan.tile = cv::Rect(0, top, size.width, bottom - top);
-        scan.work = work * scan.tile.height / size.height;
-        out.push_back(scan);
-    }
-}
-
-// Milliseconds per million HOG pixels and per million cascade windows, as
-// measured over the process's recent tasks.
-std::atomic<double> hogRate{30.0};
-std::atomic<double> cascadeRate{150.0};
-
 // Milliseconds to fit the key points of one face.
 std::atomic<double> fitRate{2.0};
 
-double estimate(const Task& task)
+// The 68 points of a fit.
+std::vector<cv::Point2d> modelPoints(const dlib::full_object_detection& shape)
 {
-    return task.work * (task.kind == Task::Cascade ? cascadeRate : hogRate).load(std::memory_order_relaxed);
-}
-
-void measured(const Task& task, double milliseconds)
-{
-    if (task.work <= 0)
-        return;
-    std::atomic<double>& rate = task.kind == Task::Cascade ? cascadeRate : hogRate;
-    const double old = rate.load(std::memory_order_relaxed);
-    rate.store(old + 0.2 * (milliseconds / task.work - old), std::memory_order_relaxed);
-}
-
-std::vector<Task> planSearch(cv::Size size)
-{
-    std::vector<Task> hog, cascade;
-    const double shorter = std::min(size.width, size.height);
-    const double hogSmallest = std::max(kHogWindow, kHogSmallestFraction * shorter);
-    // The larger pyramid levels one at a time, the rest together.
-    double scale = kHogWindow / hogSmallest;  // at most 1
-    for (int level = 0; level < 6 && shorter * scale >= kHogWindow; ++level, scale *= 5.0 / 6.0) {
-        Task t;
-        t.kind = Task::Hog;
-        t.scale = scale;
-        t.restOfPyramid = level == 5;
-        const double pixels = size.area() * scale * scale * 1e-6;
-        if (t.restOfPyramid) {
-            t.tile = cv::Rect(cv::Point(), size);
-            t.work = pixels * kPyramidSum;
-            hog.push_back(t);
-        } else {
-            addStrips(hog, t, size, pixels, kTaskHogPixels, static_cast<int>(1.25 * kHogWindow / scale));
-        }
-    }
-    // The cascade on octaves of face sizes up to a little over the HOG pass's
-    // smallest, each on the picture reduced so that the octave's smallest
-    // faces measure the cascade's window. The cascade steps through the
-    // octave by kCascadeStep with a stride of two pixels.
-    const double smallest = std::max(kSmallestFace, kSmallestFraction * shorter);
-    for (double low = smallest; low < 1.1 * hogSmallest; low *= 2) {
-        const double high = std::min(2 * low, 1.1 * hogSmallest);
-        Task t;
-        t.kind = Task::Cascade;
-        t.scale = kCascadeWindow / low;
-        t.smallest = static_cast<int>(kCascadeWindow);
-        t.largest = static_cast<int>(std::ceil(high * t.scale));
-        double windows = 0;
-        for (double s = 1; s * kCascadeWindow <= t.largest; s *= kCascadeStep)
-            windows += size.area() * t.scale * t.scale / (4 * s * s) * 1e-6;
-        addStrips(cascade, t, size, windows, kTaskCascadeWindows, static_cast<int>(std::ceil(1.1 * high)));
-    }
-    // Larger faces are the likelier and the cheaper to find: the coarse
-    // levels and octaves first, the cascade's parts woven in between.
-    std::reverse(hog.begin(), hog.end());
-    std::reverse(cascade.begin(), cascade.end());
-    std::vector<Task> plan;
-    for (size_t i = 0; i < std::max(hog.size(), cascade.size()); ++i) {
-        if (i < hog.size())
-            plan.push_back(hog[i]);
-        if (i < cascade.size())
-            plan.push_back(cascade[i]);
-    }
-    return plan;
+    std::vector<cv::Point2d> model(68);
+    for (unsigned long i = 0; i < 68; ++i)
+        model[i] = cv::Point2d(static_cast<double>(shape.part(i).x()), static_cast<double>(shape.part(i).y()));
+    return model;
 }
 
 // Candidates (Hog, Cascade) or a confirmed face (Confirm) of one task.
@@ -1014,12 +504,7 @@ void FaceDetectorImpl::finishTask(const Task& task, uint64_t search, const Pictu
         if (seen)
             continue;
         shared.candidates.push_back(candidate.box);
-        Task confirm;
-        confirm.kind = Task::Confirm;
-        confirm.box = candidate.box;
-        const double side = kNearFace * kNearRegion;
-        confirm.work = side * side * kNearSum * 1e-6;
-        shared.confirms.push_back(confirm);
+        shared.confirms.push_back(confirmTask(candidate.box));
     }
 }
 
@@ -1125,15 +610,13 @@ void FaceDetectorImpl::merge(const PicturePtr& picture, std::vector<Detection>& 
                              bool all)
 {
     std::vector<Found> found, later;
-    double confirmMilliseconds = 0;
     {
         std::lock_guard<std::mutex> lock(mutex);
         found.swap(shared.found);
-        const double side = kNearFace * kNearRegion;
-        confirmMilliseconds = side * side * kNearSum * 1e-6 * hogRate.load(std::memory_order_relaxed);
     }
     if (found.empty())
         return;
+    const double confirm = confirmMilliseconds();
     std::unique_ptr<ScannerLease> scanners;
     for (const Found& f : found) {
         const auto followedAlready = [&](const dlib::rectangle& box) {
@@ -1151,7 +634,7 @@ void FaceDetectorImpl::merge(const PicturePtr& picture, std::vector<Detection>& 
         // and would again on every call of a picture handed in repeatedly.
         const bool first = same && followed.empty();
         if (!all && !first
-            && millisecondsSince(start) + (same ? 0.0 : confirmMilliseconds) + fit * (followed.size() + 1)
+            && millisecondsSince(start) + (same ? 0.0 : confirm) + fit * (followed.size() + 1)
                 > kMergeBudgetMs) {
             later.push_back(f);
             continue;
@@ -1252,7 +735,7 @@ void FaceDetectorImpl::output(const PicturePtr& picture, std::vector<Track>& sho
         fitRate.store(old + (spent > old ? 0.5 : 0.1) * (spent - old), std::memory_order_relaxed);
         track.fitted.clear();
         if (shape.num_parts() == 68)
-            track.fitted = layout98(shape);
+            track.fitted = layout98(modelPoints(shape));
         track.fitBox = track.detection.box;
         track.fitLook = looks[i];
         track.fitPicture = picture;
