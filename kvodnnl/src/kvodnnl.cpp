@@ -23,7 +23,6 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <dlib/image_processing/frontal_face_detector.h>
 #include <dlib/image_processing/shape_predictor.h>
 #include <dlib/opencv/cv_image.h>
 #include <opencv2/calib3d.hpp>
@@ -34,6 +33,8 @@
 #include "FaceFilter.h"
 #include "HeadPose.h"
 #include "Layout.h"
+#include "Models.h"
+#include "Scan.h"
 #include "SearchPlan.h"
 #include "Signature.h"
 #include "Timing.h"
@@ -45,203 +46,6 @@ using namespace kvodnnl;
 
 namespace {
 
-const char* const kDefaultModelPath = "/usr/share/dlib/shape_predictor_68_face_landmarks.dat";
-const char* const kModelPathVariable = "KVODNNL_LANDMARK_MODEL";
-// OpenCV's LBP frontal face cascade (Debian's opencv-data); it proposes the
-// small faces, which the HOG detector then confirms.
-const char* const kCascadePath = "/usr/share/opencv4/lbpcascades/lbpcascade_frontalface.xml";
-
-using HogDetector = dlib::frontal_face_detector;
-using Predictor = dlib::shape_predictor;
-
-// ---------------------------------------------------------------------------
-// Models, read once per process and shared by all detectors. The landmark
-// model is only read and is shared as it is. The HOG detector and the cascade
-// keep scratch state while they scan, so every scan borrows a set of scanners
-// from a pool that grows to the number of scans at work at once.
-// ---------------------------------------------------------------------------
-struct Scanners {
-    HogDetector hog;       // the whole pyramid
-    HogDetector hogLevel;  // one level of it
-    HogDetector hogNear;   // the first kNearLevels levels
-    cv::CascadeClassifier cascade;
-    bool hasCascade = false;
-};
-
-struct ModelStore {
-    std::mutex mutex;
-    std::unique_ptr<HogDetector> hog;
-    std::unique_ptr<HogDetector> hogLevel;
-    std::unique_ptr<HogDetector> hogNear;
-    bool cascadeTried = false;
-    std::string cascadeText;  // empty when the cascade can't be read
-    std::vector<std::unique_ptr<Scanners>> idle;
-    std::map<std::string, std::shared_ptr<const Predictor>> predictors;
-};
-
-ModelStore& modelStore()
-{
-    static ModelStore* store = new ModelStore;  // outlives every detector
-    return *store;
-}
-
-// Reads the HOG detector and the cascade once; the caller holds the lock.
-void loadScannerModels(ModelStore& store)
-{
-    if (!store.hog) {
-        store.hog = std::make_unique<HogDetector>(dlib::get_frontal_face_detector());
-        std::vector<HogDetector::feature_vector_type> weights;
-        for (unsigned long i = 0; i < store.hog->num_detectors(); ++i)
-            weights.push_back(store.hog->get_w(i));
-        const auto levels = [&](unsigned long count) {
-            HogDetector::image_scanner_type scanner;
-            scanner.copy_configuration(store.hog->get_scanner());
-            scanner.set_max_pyramid_levels(count);
-            return std::make_unique<HogDetector>(scanner, store.hog->get_overlap_tester(), weights);
-        };
-        store.hogLevel = levels(1);
-        store.hogNear = levels(kNearLevels);
-    }
-    if (!store.cascadeTried) {
-        store.cascadeTried = true;
-        std::ifstream file(kCascadePath, std::ios::binary);
-        std::stringstream text;
-        text << file.rdbuf();
-        store.cascadeText = text.str();
-        if (store.cascadeText.empty())
-            std::fprintf(stderr, "kvodnnl: cannot read the face cascade %s; faces smaller than %d pixels will "
-                                 "not be found\n",
-                         kCascadePath, static_cast<int>(kHogWindow));
-    }
-}
-
-std::unique_ptr<Scanners> makeScanners(ModelStore& store)
-{
-    auto made = std::make_unique<Scanners>(
-        Scanners{*store.hog, *store.hogLevel, *store.hogNear, cv::CascadeClassifier(), false});
-    if (!store.cascadeText.empty()) {
-        // read() reports whether the cascade was understood; empty() stays
-        // true for a cascade read this way.
-        cv::FileStorage storage(store.cascadeText, cv::FileStorage::READ | cv::FileStorage::MEMORY);
-        made->hasCascade = made->cascade.read(storage.getFirstTopLevelNode());
-    }
-    return made;
-}
-
-// Fills the pool so that one detector's two threads find their scanners
-// ready; called when a detector is made.
-void prepareScanners(size_t count)
-{
-    ModelStore& store = modelStore();
-    std::lock_guard<std::mutex> lock(store.mutex);
-    loadScannerModels(store);
-    while (store.idle.size() < count)
-        store.idle.push_back(makeScanners(store));
-}
-
-// A set of scanners borrowed from the pool for as long as it lives.
-class ScannerLease {
-public:
-    ScannerLease()
-    {
-        ModelStore& store = modelStore();
-        std::lock_guard<std::mutex> lock(store.mutex);
-        if (store.idle.empty()) {
-            loadScannerModels(store);
-            scanners_ = makeScanners(store);
-        } else {
-            scanners_ = std::move(store.idle.back());
-            store.idle.pop_back();
-        }
-    }
-    ~ScannerLease()
-    {
-        ModelStore& store = modelStore();
-        std::lock_guard<std::mutex> lock(store.mutex);
-        store.idle.push_back(std::move(scanners_));
-    }
-    ScannerLease(const ScannerLease&) = delete;
-    ScannerLease& operator=(const ScannerLease&) = delete;
-    Scanners* operator->() const { return scanners_.get(); }
-
-private:
-    std::unique_ptr<Scanners> scanners_;
-};
-
-// Null, with one warning per path and process, when the file can't be read.
-std::shared_ptr<const Predictor> loadPredictor(const std::string& path)
-{
-    ModelStore& store = modelStore();
-    std::lock_guard<std::mutex> lock(store.mutex);
-    auto found = store.predictors.find(path);
-    if (found != store.predictors.end())
-        return found->second;
-
-    std::shared_ptr<Predictor> predictor;
-    try {
-        auto loaded = std::make_shared<Predictor>();
-        dlib::deserialize(path) >> *loaded;
-        if (loaded->num_parts() == 68)
-            predictor = loaded;
-        else
-            std::fprintf(stderr, "kvodnnl: landmark model %s has %lu points, 68 needed; no faces will be found\n",
-                         path.c_str(), static_cast<unsigned long>(loaded->num_parts()));
-    } catch (const std::exception& e) {
-        std::string reason = e.what();
-        const size_t cut = reason.find('\n');
-        if (cut != std::string::npos)
-            reason.resize(cut);
-        std::fprintf(stderr, "kvodnnl: cannot read the landmark model %s (%s); no faces will be found\n",
-                     path.c_str(), reason.c_str());
-    }
-    store.predictors[path] = predictor;
-    return predictor;
-}
-
-std::string modelPathFromEnvironment()
-{
-    const char* path = std::getenv(kModelPathVariable);
-    return (path && *path) ? std::string(path) : std::string(kDefaultModelPath);
-}
-
-// The best face near `box`: the HOG detector run over a square of
-// kNearRegion box sizes round the box's centre, scaled so that the box
-// measures kNearFace pixels. The face must lie within half a box width of the
-// old centre and be of a similar size.
-bool searchNear(const cv::Mat& picture, const dlib::rectangle& box, double threshold, HogDetector& hog,
-                Detection& result)
-{
-    const double w = static_cast<double>(box.width());
-    const double h = static_cast<double>(box.height());
-    const cv::Point2d centre(box.left() + w / 2.0, box.top() + h / 2.0);
-    const cv::Rect region = cv::Rect(cvRound(centre.x - w * kNearRegion / 2), cvRound(centre.y - h * kNearRegion / 2),
-                                     cvRound(w * kNearRegion), cvRound(h * kNearRegion))
-        & cv::Rect(0, 0, picture.cols, picture.rows);
-    const double scale = kNearFace / std::max(1.0, std::max(w, h));
-    if (region.width * scale < kHogWindow || region.height * scale < kHogWindow)
-        return false;
-
-    cv::Mat scanned;
-    cv::resize(picture(region), scanned, cv::Size(), scale, scale, scale < 1.0 ? cv::INTER_AREA : cv::INTER_LINEAR);
-    std::vector<dlib::rect_detection> hits;
-    hog(dlib::cv_image<unsigned char>(scanned), hits, threshold);
-
-    bool found = false;
-    double bestDistance = 0.5 * w;
-    for (const dlib::rect_detection& hit : hits) {
-        const dlib::rectangle r = scaleRect(hit.rect, scale, region.x, region.y);
-        const double rw = static_cast<double>(r.width());
-        const double distance
-            = std::hypot(r.left() + rw / 2.0 - centre.x, r.top() + r.height() / 2.0 - centre.y);
-        if (distance <= bestDistance && rw > 0.6 * w && rw < 1.6 * w) {
-            bestDistance = distance;
-            result = {r, hit.detection_confidence};
-            found = true;
-        }
-    }
-    return found;
-}
-
 // Milliseconds to fit the key points of one face.
 std::atomic<double> fitRate{2.0};
 
@@ -252,65 +56,6 @@ std::vector<cv::Point2d> modelPoints(const dlib::full_object_detection& shape)
     for (unsigned long i = 0; i < 68; ++i)
         model[i] = cv::Point2d(static_cast<double>(shape.part(i).x()), static_cast<double>(shape.part(i).y()));
     return model;
-}
-
-// Candidates (Hog, Cascade) or a confirmed face (Confirm) of one task.
-std::vector<Detection> runTask(const Task& task, const cv::Mat& picture, Scanners& scanners)
-{
-    std::vector<Detection> out;
-    if (task.kind == Task::Confirm) {
-        Detection d;
-        if (searchNear(picture, task.box, kConfirmScore, scanners.hogNear, d))
-            out.push_back(d);
-        return out;
-    }
-    cv::Mat reduced;
-    const cv::Rect tile = task.tile & cv::Rect(0, 0, picture.cols, picture.rows);
-    if (tile.empty())
-        return out;
-    if (task.scale < 1.0) {
-        // A sliver of a tile at the picture's edge may reduce to nothing.
-        if (cvRound(tile.width * task.scale) < 1 || cvRound(tile.height * task.scale) < 1)
-            return out;
-        cv::resize(picture(tile), reduced, cv::Size(), task.scale, task.scale, cv::INTER_AREA);
-    } else
-        reduced = picture(tile);
-    if (task.kind == Task::Hog) {
-        std::vector<dlib::rect_detection> hits;
-        HogDetector& hog = task.restOfPyramid ? scanners.hog : scanners.hogLevel;
-        hog(dlib::cv_image<unsigned char>(reduced), hits, 0.0);
-        for (const dlib::rect_detection& hit : hits)
-            out.push_back({scaleRect(hit.rect, task.scale, tile.x, tile.y), hit.detection_confidence});
-    } else if (scanners.hasCascade) {
-        // Every window that passes the cascade, strongest first, one a face:
-        // grouping neighbours, as the cascade does by default, loses faces
-        // that only a window or two pass. The cascade runs inside a loop of
-        // OpenCV's own, which keeps it from spreading over all processors: the
-        // calling thread keeps the others.
-        std::vector<cv::Rect> hits;
-        std::vector<int> levels;
-        std::vector<double> weights;
-        cv::parallel_for_(cv::Range(0, 1), [&](const cv::Range&) {
-            scanners.cascade.detectMultiScale(reduced, hits, levels, weights, kCascadeStep, 0, 0,
-                                              cv::Size(task.smallest, task.smallest),
-                                              cv::Size(task.largest, task.largest), true);
-        });
-        std::vector<size_t> order(hits.size());
-        for (size_t i = 0; i < order.size(); ++i)
-            order[i] = i;
-        std::sort(order.begin(), order.end(), [&](size_t a, size_t b) { return weights[a] > weights[b]; });
-        for (size_t i : order) {
-            if (weights[i] < kCandidateWeight || out.size() >= kCandidatesPerTask)
-                break;
-            const dlib::rectangle box = scaleRect(toDlib(hits[i]), task.scale, tile.x, tile.y);
-            bool seen = false;
-            for (const Detection& d : out)
-                seen = seen || sameFace(d.box, box);
-            if (!seen)
-                out.push_back({box, weights[i]});
-        }
-    }
-    return out;
 }
 
 }  // namespace
@@ -530,7 +275,7 @@ void FaceDetectorImpl::workLoop()
         std::vector<Detection> out;
         try {
             ScannerLease scanners;
-            out = runTask(task, picture->grey, *scanners.operator->());
+            out = runTask(task, picture->grey, *scanners);
         } catch (const std::exception& e) {
             if (!warned)
                 std::fprintf(stderr, "kvodnnl: a search of the whole picture failed: %s\n", e.what());
@@ -590,7 +335,7 @@ void FaceDetectorImpl::help(Clock::time_point start, bool finish, double budget,
         const Clock::time_point taskStart = Clock::now();
         try {
             ScannerLease scanners;
-            out = runTask(task, picture->grey, *scanners.operator->());
+            out = runTask(task, picture->grey, *scanners);
         } catch (...) {
             lock.lock();
             finishTask(task, search, picture, out, millisecondsSince(taskStart));
@@ -646,7 +391,7 @@ void FaceDetectorImpl::merge(const PicturePtr& picture, std::vector<Detection>& 
         if (!scanners)
             scanners = std::make_unique<ScannerLease>();
         Detection d;
-        if (searchNear(picture->grey, f.detection.box, 0.0, (*scanners)->hogNear, d) && !followedAlready(d.box))
+        if (searchNear(picture->grey, f.detection.box, 0.0, **scanners, d) && !followedAlready(d.box))
             followed.push_back(d);
     }
     if (!later.empty()) {
@@ -806,7 +551,7 @@ std::vector<FaceDetectorImpl::Track> FaceDetectorImpl::follow(const Picture& pic
             if (!scanners)
                 scanners = std::make_unique<ScannerLease>();
             ++searched;
-            if (!searchNear(picture.grey, track.detection.box, 0.0, (*scanners)->hogNear, next.detection)) {
+            if (!searchNear(picture.grey, track.detection.box, 0.0, **scanners, next.detection)) {
                 lost = true;
                 continue;
             }
