@@ -83,10 +83,7 @@ void cascadeCandidates(const Task& task, const cv::Mat& reduced, const cv::Rect&
         if (weights[i] < kCandidateWeight || out.size() >= kCandidatesPerTask)
             break;
         const dlib::rectangle box = scaleRect(toDlib(hits[i]), task.scale, tile.x, tile.y);
-        bool seen = false;
-        for (const Detection& d : out)
-            seen = seen || sameFace(d.box, box);
-        if (!seen)
+        if (!holdsFace(out, box))
             out.push_back({box, weights[i]});
     }
 }

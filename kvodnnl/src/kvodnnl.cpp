@@ -78,6 +78,7 @@ private:
     struct Found {
         Detection detection;
         PicturePtr picture;  // where it was confirmed
+        friend const dlib::rectangle& boxOf(const Found& found) { return found.detection.box; }
     };
     struct Shared {
         std::vector<Task> plan;         // the tasks of a whole search of pictures of planSize
@@ -100,6 +101,7 @@ private:
     bool searching() const;  // with the lock held
     const Task* nextTask(size_t& planIndex) const;
     bool takeTask(Task& task, uint64_t& search);
+    void runOne(std::unique_lock<std::mutex>& lock, const Task& task, uint64_t search, Clock::time_point start);
     void finishTask(const Task& task, uint64_t search, const PicturePtr& picture, const std::vector<Detection>& out,
                     double milliseconds);
     void startSearch(const std::vector<Detection>& followed, bool urgent);
@@ -124,7 +126,9 @@ private:
         cv::Mat fitLook;
         PicturePtr fitPicture;
         int fitAge = 0;  // calls since, in which it needed a fit and got none
+        friend const dlib::rectangle& boxOf(const Track& track) { return track.detection.box; }
     };
+    static Track newTrack(const Detection& detection, const cv::Mat& grey);
     void output(const PicturePtr& picture, std::vector<Track>& shown, Clock::time_point start, bool all);
     std::vector<Track> follow(const Picture& picture, bool cut, bool& lost);
 
@@ -226,8 +230,7 @@ void FaceDetectorImpl::finishTask(const Task& task, uint64_t search, const Pictu
             // A face found again while it waits to be shown replaces its
             // older find: the list holds each face once, however many
             // searches end before the calls find time to show it.
-            const auto again = std::find_if(shared.found.begin(), shared.found.end(),
-                                            [&](const Found& f) { return sameFace(f.detection.box, d.box); });
+            const auto again = findFace(shared.found, d.box);
             if (again != shared.found.end())
                 *again = {d, picture};
             else
@@ -241,12 +244,9 @@ void FaceDetectorImpl::finishTask(const Task& task, uint64_t search, const Pictu
     // a candidate already taken; one that merely overlaps a candidate taken is
     // confirmed on its own, as the two may place the face differently.
     for (const Detection& candidate : out) {
-        bool seen = false;
-        for (const dlib::rectangle& k : shared.known)
-            seen = seen || sameFace(k, candidate.box);
-        for (const dlib::rectangle& k : shared.candidates)
-            seen = seen || smoothing::FaceFilter::overlap(toRect2d(k), toRect2d(candidate.box)) > 0.5;
-        if (seen)
+        const bool taken = std::any_of(shared.candidates.begin(), shared.candidates.end(),
+                                       [&](const dlib::rectangle& k) { return overlap(k, candidate.box) > 0.5; });
+        if (holdsFace(shared.known, candidate.box) || taken)
             continue;
         shared.candidates.push_back(candidate.box);
         shared.confirms.push_back(confirmTask(candidate.box));
@@ -267,23 +267,15 @@ void FaceDetectorImpl::workLoop()
         wake.wait(lock, [&] { return shared.stop || (shared.latest && takeTask(task, search)); });
         if (shared.stop)
             return;
-        const PicturePtr picture = shared.latest;
         const Clock::time_point start = Clock::now();
-        shared.workerEnds = start
-            + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double, std::milli>(estimate(task)));
-        lock.unlock();
-        std::vector<Detection> out;
+        shared.workerEnds = after(start, estimate(task));
         try {
-            ScannerLease scanners;
-            out = runTask(task, picture->grey, *scanners);
+            runOne(lock, task, search, start);
         } catch (const std::exception& e) {
             if (!warned)
                 std::fprintf(stderr, "kvodnnl: a search of the whole picture failed: %s\n", e.what());
             warned = true;
         }
-        const double spent = millisecondsSince(start);
-        lock.lock();
-        finishTask(task, search, picture, out, spent);
         wake.notify_all();
     }
 }
@@ -317,9 +309,7 @@ void FaceDetectorImpl::help(Clock::time_point start, bool finish, double budget,
                 wake.wait(lock);
                 continue;
             }
-            const Clock::time_point deadline = start
-                + std::chrono::duration_cast<Clock::duration>(
-                                                   std::chrono::duration<double, std::milli>(budget - reserve));
+            const Clock::time_point deadline = after(start, budget - reserve);
             if (shared.workerEnds > deadline || wake.wait_until(lock, deadline) == std::cv_status::timeout)
                 return;
             continue;
@@ -329,22 +319,30 @@ void FaceDetectorImpl::help(Clock::time_point start, bool finish, double budget,
         Task task;
         uint64_t search = 0;
         takeTask(task, search);
-        const PicturePtr picture = shared.latest;
-        lock.unlock();
-        std::vector<Detection> out;
-        const Clock::time_point taskStart = Clock::now();
-        try {
-            ScannerLease scanners;
-            out = runTask(task, picture->grey, *scanners);
-        } catch (...) {
-            lock.lock();
-            finishTask(task, search, picture, out, millisecondsSince(taskStart));
-            throw;
-        }
-        const double spent = millisecondsSince(taskStart);
-        lock.lock();
-        finishTask(task, search, picture, out, spent);
+        runOne(lock, task, search, Clock::now());
     }
+}
+
+// Runs `task`, taken for `search` and started at `start`, on the latest
+// picture with the lock let go meanwhile, and takes in what it found. The
+// lock is held again on return, also when the task fails.
+void FaceDetectorImpl::runOne(std::unique_lock<std::mutex>& lock, const Task& task, uint64_t search,
+                              Clock::time_point start)
+{
+    const PicturePtr picture = shared.latest;
+    lock.unlock();
+    std::vector<Detection> out;
+    try {
+        ScannerLease scanners;
+        out = runTask(task, picture->grey, *scanners);
+    } catch (...) {
+        lock.lock();
+        finishTask(task, search, picture, out, millisecondsSince(start));
+        throw;
+    }
+    const double spent = millisecondsSince(start);
+    lock.lock();
+    finishTask(task, search, picture, out, spent);
 }
 
 // Adds the faces that the search confirmed and that are not followed yet.
@@ -364,13 +362,7 @@ void FaceDetectorImpl::merge(const PicturePtr& picture, std::vector<Detection>& 
     const double confirm = confirmMilliseconds();
     std::unique_ptr<ScannerLease> scanners;
     for (const Found& f : found) {
-        const auto followedAlready = [&](const dlib::rectangle& box) {
-            for (const Detection& d : followed)
-                if (sameFace(d.box, box))
-                    return true;
-            return false;
-        };
-        if (followedAlready(f.detection.box))
+        if (holdsFace(followed, f.detection.box))
             continue;
         const bool same = difference(*f.picture, *picture) <= kSameThreshold;
         const double fit = fitRate.load(std::memory_order_relaxed);
@@ -391,15 +383,14 @@ void FaceDetectorImpl::merge(const PicturePtr& picture, std::vector<Detection>& 
         if (!scanners)
             scanners = std::make_unique<ScannerLease>();
         Detection d;
-        if (searchNear(picture->grey, f.detection.box, 0.0, **scanners, d) && !followedAlready(d.box))
+        if (searchNear(picture->grey, f.detection.box, 0.0, **scanners, d) && !holdsFace(followed, d.box))
             followed.push_back(d);
     }
     if (!later.empty()) {
         // Those found again meanwhile keep the newer find.
         std::lock_guard<std::mutex> lock(mutex);
         for (const Found& f : later)
-            if (std::none_of(shared.found.begin(), shared.found.end(),
-                             [&](const Found& g) { return sameFace(g.detection.box, f.detection.box); }))
+            if (!holdsFace(shared.found, f.detection.box))
                 shared.found.push_back(f);
     }
 }
@@ -558,8 +549,7 @@ std::vector<FaceDetectorImpl::Track> FaceDetectorImpl::follow(const Picture& pic
             ++found;
             // A face found where it was keeps its box, so that its key points
             // don't follow the box's steps between pyramid levels.
-            if (smoothing::FaceFilter::overlap(toRect2d(next.detection.box), toRect2d(track.detection.box))
-                >= kKeepBoxOverlap)
+            if (overlap(next.detection.box, track.detection.box) >= kKeepBoxOverlap)
                 next.detection.box = track.detection.box;
             next.fitted = track.fitted;
             next.fitBox = track.fitBox;
@@ -568,13 +558,19 @@ std::vector<FaceDetectorImpl::Track> FaceDetectorImpl::follow(const Picture& pic
             next.fitAge = track.fitAge;
             next.patch = patchOf(picture.grey, next.detection.box);
         }
-        bool twice = false;
-        for (const Track& other : kept)
-            twice = twice || sameFace(other.detection.box, next.detection.box);
-        if (!twice)
+        if (!holdsFace(kept, next.detection.box))
             kept.push_back(next);
     }
     return kept;
+}
+
+// A face that the search found, new to the calls, on the grey picture `grey`.
+FaceDetectorImpl::Track FaceDetectorImpl::newTrack(const Detection& detection, const cv::Mat& grey)
+{
+    Track track;
+    track.detection = detection;
+    track.patch = patchOf(grey, detection.box);
+    return track;
 }
 
 // After a picture that can't be read: no face is followed into the next one.
@@ -663,7 +659,7 @@ void FaceDetectorImpl::run(const cv::Mat& image, bool wholePicture)
 
     // Faces added by the search start with a patch of their own.
     for (size_t i = kept.size(); i < followed.size(); ++i)
-        kept.push_back({followed[i], patchOf(picture->grey, followed[i].box), 0, {}, {}, {}, {}, 0});
+        kept.push_back(newTrack(followed[i], picture->grey));
     tracks = std::move(kept);
     output(picture, tracks, start, finish);
 }
