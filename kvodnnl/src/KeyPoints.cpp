@@ -1,0 +1,126 @@
+#include "KeyPoints.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cmath>
+#include <optional>
+
+#include <dlib/image_processing/shape_predictor.h>
+#include <dlib/opencv/cv_image.h>
+
+#include "Layout.h"
+#include "Tuning.h"
+
+namespace KVOAI::kvodnnl {
+
+namespace {
+
+std::atomic<double> fitRate{2.0};
+
+// Whether `look` is the look that the key points of `track` were fitted on,
+// within `within` grey levels in every cell.
+bool sameLook(const Track& track, const cv::Mat& look, double within = kSameLook)
+{
+    return !look.empty() && look.size() == track.fitLook.size() && cv::norm(look, track.fitLook, cv::NORM_INF) <= within;
+}
+
+// Whether `track`, whose box looks as `look` on the grey picture `grey`,
+// keeps the key points fitted before (`points`, moved along if it moved).
+// If not, it needs a fit, and `move` is how far its part of the picture moved
+// since its last one; none for a face without points that fit this picture.
+bool keepsPoints(const Track& track, const cv::Mat& grey, const cv::Mat& look, std::vector<cv::Point2d>& points,
+                 std::optional<cv::Point2d>& move)
+{
+    if (track.fitted.empty() || !track.fitPicture || track.fitPicture->grey.size() != grey.size())
+        return false;
+    if (track.fitBox == track.detection.box && sameLook(track, look))
+        return true;
+    // Found with another box, or moved a little: a face that looks as it
+    // did where its points were fitted keeps them, moved with it.
+    if (track.fitBox != track.detection.box && sameLook(track, patchOf(grey, track.fitBox)))
+        return true;
+    const cv::Point2d moved = motion(track.fitPicture->grey, grey, track.fitBox);
+    const dlib::rectangle there = dlib::translate_rect(track.fitBox, dlib::point(cvRound(moved.x), cvRound(moved.y)));
+    if (std::hypot(moved.x, moved.y) <= kMotionReach * static_cast<double>(track.fitBox.width())
+        && sameLook(track, patchOf(grey, there), kMovedLook)) {
+        for (cv::Point2d& p : points)
+            p += moved;
+        return true;
+    }
+    move = moved;
+    return false;
+}
+
+std::vector<cv::Point2d> modelPoints(const dlib::full_object_detection& shape)
+{
+    std::vector<cv::Point2d> model(68);
+    for (unsigned long i = 0; i < 68; ++i)
+        model[i] = cv::Point2d(static_cast<double>(shape.part(i).x()), static_cast<double>(shape.part(i).y()));
+    return model;
+}
+
+// Fits the key points of `track` on `picture`, where its box looks as `look`.
+void fit(Track& track, const PicturePtr& picture, const cv::Mat& look, const Predictor& predictor)
+{
+    const Clock::time_point fitStart = Clock::now();
+    const dlib::full_object_detection shape
+        = predictor(dlib::cv_image<unsigned char>(picture->grey), track.detection.box);
+    // Slow fits raise the estimate at once, quick ones lower it slowly:
+    // the budgets of a call rest on it.
+    const double old = fitRate.load(std::memory_order_relaxed);
+    const double spent = millisecondsSince(fitStart);
+    fitRate.store(old + (spent > old ? 0.5 : 0.1) * (spent - old), std::memory_order_relaxed);
+    track.fitted.clear();
+    if (shape.num_parts() == 68)
+        track.fitted = layout98(modelPoints(shape));
+    track.fitBox = track.detection.box;
+    track.fitLook = look;
+    track.fitPicture = picture;
+    track.fitAge = 0;
+}
+
+}  // namespace
+
+double fitMilliseconds()
+{
+    return fitRate.load(std::memory_order_relaxed);
+}
+
+std::vector<std::vector<cv::Point2d>> keyPoints(const PicturePtr& picture, std::vector<Track>& shown,
+                                                Clock::time_point start, bool all, const Predictor& predictor)
+{
+    std::vector<size_t> order;  // the faces that need a fit, the oldest fits first
+    std::vector<cv::Mat> looks(shown.size());
+    std::vector<std::vector<cv::Point2d>> points(shown.size());
+    // How far each face that needs a fit moved since its last one.
+    std::vector<std::optional<cv::Point2d>> moves(shown.size());
+    for (size_t i = 0; i < shown.size(); ++i) {
+        points[i] = shown[i].fitted;
+        looks[i] = patchOf(picture->grey, shown[i].detection.box);
+        if (!keepsPoints(shown[i], picture->grey, looks[i], points[i], moves[i]))
+            order.push_back(i);
+    }
+    std::stable_sort(order.begin(), order.end(), [&](size_t a, size_t b) {
+        if (shown[a].fitted.empty() != shown[b].fitted.empty())
+            return shown[a].fitted.empty();
+        return shown[a].fitAge > shown[b].fitAge;
+    });
+    bool fittedOne = false;
+    for (size_t i : order) {
+        Track& track = shown[i];
+        const bool inBudget = all || !fittedOne || !moves[i]
+            || millisecondsSince(start) + fitRate.load(std::memory_order_relaxed) <= kFitBudgetMs;
+        if (!inBudget) {
+            for (cv::Point2d& p : points[i])
+                p += *moves[i];
+            ++track.fitAge;
+            continue;
+        }
+        fittedOne = true;
+        fit(track, picture, looks[i], predictor);
+        points[i] = track.fitted;
+    }
+    return points;
+}
+
+}  // namespace KVOAI::kvodnnl

@@ -1,0 +1,44 @@
+#pragma once
+// The models, read once per process and shared by all detectors. The landmark
+// model is only read and is shared as it is. The HOG detector and the cascade
+// keep scratch state while they scan, so every scan borrows a set of scanners
+// from a pool that grows to the number of scans at work at once.
+#include <cstddef>
+#include <memory>
+#include <string>
+
+namespace dlib {
+class shape_predictor;
+}
+
+namespace KVOAI::kvodnnl {
+
+using Predictor = dlib::shape_predictor;
+struct Scanners;
+
+// Fills the pool so that one detector's two threads find their scanners
+// ready; called when a detector is made.
+void prepareScanners(size_t count);
+
+// A set of scanners borrowed from the pool for as long as it lives.
+class ScannerLease {
+public:
+    ScannerLease();
+    ~ScannerLease();
+    ScannerLease(const ScannerLease&) = delete;
+    ScannerLease& operator=(const ScannerLease&) = delete;
+    Scanners& operator*() const { return *scanners_; }
+
+private:
+    std::unique_ptr<Scanners> scanners_;
+};
+
+// The landmark model of `path`; null, with one warning per path and process,
+// when the file can't be read or isn't a model of 68 points.
+std::shared_ptr<const Predictor> loadPredictor(const std::string& path);
+
+// The file named by KVODNNL_LANDMARK_MODEL when set, otherwise dlib's model
+// where Debian installs it.
+std::string modelPathFromEnvironment();
+
+}  // namespace KVOAI::kvodnnl

@@ -1,0 +1,130 @@
+#include "SearchPlan.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cmath>
+
+#include "Tuning.h"
+
+namespace KVOAI::kvodnnl {
+
+namespace {
+
+// Millions of pixels that a HOG pyramid scans, for a base level of `pixels`:
+// each level is 5/6 of the one before on each side.
+constexpr double kPyramidSum = 1.0 / (1.0 - 25.0 / 36.0);
+// ...and for its first kNearLevels levels: the millions of pixels of a
+// search near a place, per million of its base level.
+constexpr double kNearSum = (1.0 - 25.0 / 36.0 * 25.0 / 36.0 * 25.0 / 36.0) / (1.0 - 25.0 / 36.0);
+static_assert(kNearLevels == 3, "kNearSum counts three levels");
+// Most work for one task of the plan, in millions of HOG pixels and of
+// cascade windows: a few milliseconds each.
+constexpr double kTaskHogPixels = 0.25;
+constexpr double kTaskCascadeWindows = 0.09;
+
+// Millions of HOG pixels that confirming a candidate scans.
+constexpr double kConfirmSide = kNearFace * kNearRegion;
+constexpr double kConfirmWork = kConfirmSide * kConfirmSide * kNearSum * 1e-6;
+
+// Cuts a scan into strips of rows, each taking at most `maxWork`, that
+// overlap by `margin` rows so that no face of the scan is cut in two.
+void addStrips(std::vector<Task>& out, Task scan, cv::Size size, double work, double maxWork, int margin)
+{
+    const int parts = std::max(1, std::min(8, static_cast<int>(std::ceil(work / maxWork))));
+    for (int p = 0; p < parts; ++p) {
+        const int top = std::max(0, size.height * p / parts - margin / 2);
+        const int bottom = std::min(size.height, size.height * (p + 1) / parts + margin / 2);
+        scan.tile = cv::Rect(0, top, size.width, bottom - top);
+        scan.work = work * scan.tile.height / size.height;
+        out.push_back(scan);
+    }
+}
+
+// Milliseconds per million HOG pixels and per million cascade windows, as
+// measured over the process's recent tasks.
+std::atomic<double> hogRate{30.0};
+std::atomic<double> cascadeRate{150.0};
+
+}  // namespace
+
+Task confirmTask(const dlib::rectangle& box)
+{
+    Task confirm;
+    confirm.kind = Task::Confirm;
+    confirm.box = box;
+    confirm.work = kConfirmWork;
+    return confirm;
+}
+
+double estimate(const Task& task)
+{
+    return task.work * (task.kind == Task::Cascade ? cascadeRate : hogRate).load(std::memory_order_relaxed);
+}
+
+void measured(const Task& task, double milliseconds)
+{
+    if (task.work <= 0)
+        return;
+    std::atomic<double>& rate = task.kind == Task::Cascade ? cascadeRate : hogRate;
+    const double old = rate.load(std::memory_order_relaxed);
+    rate.store(old + 0.2 * (milliseconds / task.work - old), std::memory_order_relaxed);
+}
+
+double confirmMilliseconds()
+{
+    return kConfirmWork * hogRate.load(std::memory_order_relaxed);
+}
+
+std::vector<Task> planSearch(cv::Size size)
+{
+    std::vector<Task> hog, cascade;
+    const double shorter = std::min(size.width, size.height);
+    const double hogSmallest = std::max(kHogWindow, kHogSmallestFraction * shorter);
+    // The larger pyramid levels one at a time, the rest together.
+    double scale = kHogWindow / hogSmallest;  // at most 1
+    for (int level = 0; level < 6 && shorter * scale >= kHogWindow; ++level, scale *= 5.0 / 6.0) {
+        Task t;
+        t.kind = Task::Hog;
+        t.scale = scale;
+        t.restOfPyramid = level == 5;
+        const double pixels = size.area() * scale * scale * 1e-6;
+        if (t.restOfPyramid) {
+            t.tile = cv::Rect(cv::Point(), size);
+            t.work = pixels * kPyramidSum;
+            hog.push_back(t);
+        } else {
+            addStrips(hog, t, size, pixels, kTaskHogPixels, static_cast<int>(1.25 * kHogWindow / scale));
+        }
+    }
+    // The cascade on octaves of face sizes up to a little over the HOG pass's
+    // smallest, each on the picture reduced so that the octave's smallest
+    // faces measure the cascade's window. The cascade steps through the
+    // octave by kCascadeStep with a stride of two pixels.
+    const double smallest = std::max(kSmallestFace, kSmallestFraction * shorter);
+    for (double low = smallest; low < 1.1 * hogSmallest; low *= 2) {
+        const double high = std::min(2 * low, 1.1 * hogSmallest);
+        Task t;
+        t.kind = Task::Cascade;
+        t.scale = kCascadeWindow / low;
+        t.smallest = static_cast<int>(kCascadeWindow);
+        t.largest = static_cast<int>(std::ceil(high * t.scale));
+        double windows = 0;
+        for (double s = 1; s * kCascadeWindow <= t.largest; s *= kCascadeStep)
+            windows += size.area() * t.scale * t.scale / (4 * s * s) * 1e-6;
+        addStrips(cascade, t, size, windows, kTaskCascadeWindows, static_cast<int>(std::ceil(1.1 * high)));
+    }
+    // Larger faces are the likelier and the cheaper to find: the coarse
+    // levels and octaves first, the cascade's parts woven in between.
+    std::reverse(hog.begin(), hog.end());
+    std::reverse(cascade.begin(), cascade.end());
+    std::vector<Task> plan;
+    for (size_t i = 0; i < std::max(hog.size(), cascade.size()); ++i) {
+        if (i < hog.size())
+            plan.push_back(hog[i]);
+        if (i < cascade.size())
+            plan.push_back(cascade[i]);
+    }
+    return plan;
+}
+
+}  // namespace KVOAI::kvodnnl
