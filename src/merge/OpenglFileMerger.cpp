@@ -491,8 +491,12 @@ void OpenglFileMerger::readFramebuffer(QOpenGLFramebufferObject* source, QOpenGL
     }
     source->bind();
     const GLenum format = withAlpha ? GL_RGBA : GL_BGR;
-    const int count = (3 + (withAlpha ? 1 : 0)) * width * height;
-    const int capacity = width * height * 4;
+    // Rows padded to 4 bytes, as GL packs them and as a QImage holds them:
+    // whole rows are copied, the last row's tail included.
+    glPixelStorei(GL_PACK_ALIGNMENT, 4);
+    const int rowBytes = ((3 + (withAlpha ? 1 : 0)) * width + 3) / 4 * 4;
+    const int count = rowBytes * height;
+    const int capacity = std::max(count, width * height * 4);
     if (synchronous) {
         ensureBuffer(*single, capacity);
         glReadPixels(0, 0, width, height, format, GL_UNSIGNED_BYTE, nullptr);
