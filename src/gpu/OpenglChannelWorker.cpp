@@ -1053,14 +1053,11 @@ void OpenglChannelWorker::drawClip(BeautyFilterBase* filter, float rx, float ry,
         inYbias = static_cast<float>(std::max(0.0, static_cast<double>((H - d) / H) * 0.5));
     }
 
-    // A box that no framebuffer can hold (no channel size with a clip, a
-    // scale near 0) leaves the frame out; reported once per size. So does
-    // one larger than the frame's larger side: the clip pass draws within the
-    // frame's viewport, so all beyond it would be empty margin, at the cost of
-    // four framebuffers and two pack buffers of that size.
+    // The box is the truncation of its sides, whatever the frame's size. One
+    // that no framebuffer can hold (no channel size with a clip, a scale near
+    // 0) leaves the frame out; reported once per size.
     const QSize box(truncToInt(cw), truncToInt(ch));
-    const int largest = std::min(maxFrameSide, std::max(frameWidth, frameHeight));
-    if (box.width() < 1 || box.height() < 1 || box.width() > largest || box.height() > largest) {
+    if (box.width() < 1 || box.height() < 1 || box.width() > maxFrameSide || box.height() > maxFrameSide) {
         if (box != refusedClip)
             qCWarning(lcGpu) << "[OpenglChannelWorker::drawClip] no clip of" << box.width() << "x" << box.height()
                              << "for a frame of" << frameWidth << "x" << frameHeight
