@@ -13,6 +13,7 @@
 
 #include "filters/StickerInfo.h"
 #include "gpu/OpenglWorkerBase.h"
+#include "gpu/PictureGeometry.h"
 #include "lumen_fx/ImageFilterTypes.h"
 
 class BeautyFilterBase;
@@ -118,6 +119,30 @@ public:
     bool isPingPong() const { return pingPong; }
 
 protected:
+    // 98 key points as x, y.
+    static constexpr int kFacePointFloats = 196;
+    // The frame's pixels for doPreWork, which only checks that there are some:
+    // bits() would detach the host's shared picture, a copy of it every frame.
+    static uchar* frameData(const QImage& image) { return const_cast<uchar*>(image.constBits()); }
+    // Whether every pixel of the picture is opaque. 32-bit pixels with alpha
+    // in the top byte of their word, as the engine hands them in, are looked
+    // at; pictures of other kinds with an alpha channel count as not opaque.
+    static bool allOpaque(const QImage& image);
+    static BeautyFilterBase* findFilter(const FilterMap& filters, ImageFilterType type);
+
+    // The steps of the picture pass: the picture into fbo with its colour,
+    // corners, scale, mirror and perspective; its uniforms of shape.
+    void drawPicture(const QImage& image, BeautyFilterBase* filter, const picturegeometry::PictureShape& shape,
+                     float rotationX, float rotationY, bool useShareTexture);
+    void setShapeUniforms(const picturegeometry::PictureShape& shape, int round, bool rotated);
+    // Whether clip framebuffers of the size can be made; a refused size is
+    // reported once and leaves the frame out.
+    bool acceptClipSize(const QSize& size);
+    // The first clip pass: fbo cut to the box, into clipFbo.
+    void drawClipBox(const picturegeometry::ClipBox& clip, float centerX, float centerY, float scale);
+    // The second: clipFbo turned in perspective into clipRotateFbo.
+    void drawClipTurned(float rotationX, float rotationY);
+
     // The picture so far: fbo unless the last pass drew into fboBack.
     QOpenGLFramebufferObject* currentFbo() const { return pingPong ? fboBack : fbo; }
     QOpenGLFramebufferObject* otherFbo() const { return pingPong ? fbo : fboBack; }

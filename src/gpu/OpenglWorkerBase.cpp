@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <exception>
 #include <vector>
 
 #include <QCoreApplication>
@@ -69,10 +68,8 @@ OpenglWorkerBase::OpenglWorkerBase(int channelId_, int sceneId_)
     uploadBuffer1 = &unpackBufferB;
     reserveBuffer0 = &packBufferC;
     reserveBuffer1 = &packBufferD;
-    QOpenGLBuffer* all[9] = {&packBufferA,     &packBufferB,     &unpackBufferA, &unpackBufferB, &clipPackBufferA,
-                             &clipPackBufferB, &spareBuffer,     &packBufferC,   &packBufferD};
-    for (int i = 0; i < 9; ++i)
-        pixelBuffers[i] = all[i];
+    pixelBuffers = {&packBufferA,     &packBufferB, &unpackBufferA, &unpackBufferB, &clipPackBufferA,
+                    &clipPackBufferB, &spareBuffer, &packBufferC,   &packBufferD};
 
     // The surface is made with the format that the context will ask for, so
     // that the two match when the context is made current on it.
@@ -271,25 +268,6 @@ bool OpenglWorkerBase::doPreWork(int width, int height, const QString& vertexPat
     return true;
 }
 
-bool OpenglWorkerBase::filterAndReadFbo(uchar* data, uchar* dst, int width, int height)
-{
-    if (!doPreWork(data, width, height)) {
-        doneCurrent();
-        return false;
-    }
-    beforeRead(data, width, height);
-    if (!glInited)
-        return false;
-    if (!makeCurrent()) {
-        qCDebug(lcGpu) << "[OpenglWorkerBase::readLastFboByAlpha]This fails in makeCurrent";
-        return false;
-    }
-    QOpenGLFramebufferObject* source = isClipPerspect ? clipRotateFbo : (isClip ? clipFbo : fbo);
-    readFboToBuffer(source, dst, width, height, true);
-    doneCurrent();
-    return true;
-}
-
 void OpenglWorkerBase::resetSize()
 {
     firstFrame = true;
@@ -357,18 +335,6 @@ void OpenglWorkerBase::onClearAll()
     delete context;
     context = nullptr;
     glInited = false;
-}
-
-void OpenglWorkerBase::readFbo(int width, int height, uchar* dst)
-{
-    if (!fbo)
-        return;
-    fbo->bind();
-    readBuffer->bind();
-    glReadPixels(0, 0, width, height, GL_RGBA, GL_UNSIGNED_BYTE, nullptr);
-    readBuffer->read(0, dst, width * height * 4);
-    QOpenGLFramebufferObject::bindDefault();
-    // The pack buffer stays bound, as the readers after this one expect.
 }
 
 bool OpenglWorkerBase::initOpenGL(int width, int height)
@@ -440,156 +406,6 @@ void OpenglWorkerBase::beforeRead(uchar*, int, int) {}
 
 void OpenglWorkerBase::afterRead(uchar*, int, int) {}
 
-void OpenglWorkerBase::allocatePackBuffers(int width, int height)
-{
-    for (QOpenGLBuffer* buffer : {&packBufferA, &packBufferB}) {
-        if (!buffer->isCreated()) {
-            buffer->create();
-            buffer->setUsagePattern(QOpenGLBuffer::StreamRead);
-        }
-        buffer->bind();
-        buffer->allocate(width * height * 4);
-        buffer->release();
-    }
-}
-
-void OpenglWorkerBase::recreateUnpackBuffers()
-{
-    for (QOpenGLBuffer* buffer : {&unpackBufferA, &unpackBufferB}) {
-        if (buffer->isCreated())
-            buffer->destroy();
-        buffer->create();
-        buffer->setUsagePattern(QOpenGLBuffer::StreamDraw);
-    }
-}
-
-void OpenglWorkerBase::readFboToBuffer(QOpenGLFramebufferObject* source, uchar* dst, int width, int height,
-                                       bool hasAlpha)
-{
-    if (!source || !dst)
-        return;
-    source->bind();
-    readBuffer->bind();
-    glReadPixels(0, 0, width, height, GL_RGB + (hasAlpha ? 1 : 0), GL_UNSIGNED_BYTE, nullptr);
-    readBuffer->release();
-    const int size = (3 + (hasAlpha ? 1 : 0)) * width * height;
-    if (firstFrame) {
-        readBuffer->bind();
-        readBuffer->read(0, dst, size);
-        readBuffer->release();
-        firstFrame = false;
-    } else {
-        // The swap alternates the buffers from frame to frame; the one read is
-        // the one just filled, so no frame of delay is added.
-        std::swap(readBuffer, readBufferBack);
-        readBufferBack->bind();
-        readBufferBack->read(0, dst, size);
-        readBufferBack->release();
-    }
-    QOpenGLFramebufferObject::bindDefault();
-}
-
-void OpenglWorkerBase::uploadTexture(uchar* data, bool hasAlpha)
-{
-    const GLenum format = hasAlpha ? GL_RGBA : GL_RGB;
-    glActiveTexture(GL_TEXTURE0);
-    glBindTexture(GL_TEXTURE_2D, textures[0]);
-    glTexImage2D(GL_TEXTURE_2D, 0, format, frameWidth, frameHeight, 0, format, GL_UNSIGNED_BYTE, data);
-}
-
-void OpenglWorkerBase::uploadTextureByPbo(int unit, const QImage& image)
-{
-    const int size = image.width() * image.height() * 4;
-    QOpenGLBuffer* current = uploadIndex ? uploadBuffer0 : uploadBuffer1;
-    QOpenGLBuffer* other = uploadIndex ? uploadBuffer1 : uploadBuffer0;
-    for (QOpenGLBuffer* buffer : {current, other}) {
-        if (!buffer->isCreated()) {
-            buffer->create();
-            buffer->setUsagePattern(QOpenGLBuffer::StreamDraw);
-        }
-    }
-    current->bind();
-    // Storage is (re)made only at a change of size: the buffer holds the
-    // picture written one frame earlier, which is what goes to the texture now.
-    if (current->size() != size)
-        current->allocate(size);
-    glActiveTexture(static_cast<GLenum>(unit));
-    glBindTexture(GL_TEXTURE_2D, textures[0]);
-    glTexImage2D(GL_TEXTURE_2D, 0, GL_RGBA, image.width(), image.height(), 0, GL_RGBA, GL_UNSIGNED_BYTE, nullptr);
-    current->release();
-
-    if (firstFrame) {
-        firstFrame = false;
-    } else {
-        other->bind();
-        if (other->size() != size)
-            other->allocate(size);
-        other->write(0, image.constBits(), size);
-        other->release();
-    }
-    uploadIndex = !uploadIndex;
-}
-
-void OpenglWorkerBase::bindQtTexture(const QImage& image, bool mipmaps)
-{
-    glActiveTexture(GL_TEXTURE0);
-    if (inputTexture && image.width() == inputTexWidth && image.height() == inputTexHeight
-        && image.hasAlphaChannel() == inputTexHasAlpha) {
-        if (!image.isNull() && image.width() > 0 && image.height() > 0) {
-            try {
-                const QOpenGLTexture::PixelFormat format =
-                    image.hasAlphaChannel() ? QOpenGLTexture::RGBA : QOpenGLTexture::RGB;
-                inputTexture->setData(0, 0, format, QOpenGLTexture::UInt8, image.constBits(), nullptr);
-                if (mipmaps)
-                    inputTexture->generateMipMaps();
-            } catch (const std::exception& e) {
-                qCInfo(lcGpu) << "[OpenglWorkerBase::bindQtTexture]Exception caught while setting texture data: "
-                        << e.what();
-            }
-        }
-    } else {
-        if (inputTexture) {
-            inputTexture->destroy();
-            delete inputTexture;
-            inputTexture = nullptr;
-        }
-        inputTexture = new QOpenGLTexture(image, QOpenGLTexture::GenerateMipMaps);
-        // Later pictures make their smaller levels only for the passes that
-        // can shrink them: a pass at the frame's own size reads level 0.
-        inputTexture->setAutoMipMapGenerationEnabled(false);
-        inputTexture->setWrapMode(QOpenGLTexture::DirectionS, QOpenGLTexture::ClampToEdge);
-        inputTexture->setWrapMode(QOpenGLTexture::DirectionT, QOpenGLTexture::ClampToEdge);
-        inputTexture->setMinificationFilter(QOpenGLTexture::LinearMipMapNearest);
-        // A mipmap mode for magnification as well, deliberately; GL refuses it
-        // and the texture keeps its default.
-        inputTexture->setMagnificationFilter(QOpenGLTexture::LinearMipMapLinear);
-        inputTexWidth = image.width();
-        inputTexHeight = image.height();
-        inputTexHasAlpha = image.hasAlphaChannel();
-    }
-    inputTexture->bind();
-    // A draw that reads level 0 only: the nearest-level filter then samples
-    // as plain linear filtering does, which the rasteriser does faster.
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, mipmaps ? GL_LINEAR_MIPMAP_NEAREST : GL_LINEAR);
-}
-
-GLuint OpenglWorkerBase::createMipmapTexture(const QImage& image)
-{
-    GLuint name = 0;
-    glGenTextures(1, &name);
-    glBindTexture(GL_TEXTURE_2D, name);
-    glTexImage2D(GL_TEXTURE_2D, 0, GL_RGBA, image.width(), image.height(), 0, GL_RGBA, GL_UNSIGNED_BYTE,
-                 image.constBits());
-    glGenerateMipmap(GL_TEXTURE_2D);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_S, GL_REPEAT);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_T, GL_REPEAT);
-    // The two filters are swapped against the usual use, on purpose.
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, GL_LINEAR_MIPMAP_LINEAR);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_LINEAR);
-    glBindTexture(GL_TEXTURE_2D, 0);
-    return name;
-}
-
 void OpenglWorkerBase::resize(int width, int height)
 {
     frameWidth = width;
@@ -599,18 +415,6 @@ void OpenglWorkerBase::resize(int width, int height)
     allocatePackBuffers(width, height);
     createFbos(width, height);
     firstFrame = true;
-}
-
-void OpenglWorkerBase::createTextures()
-{
-    if (textures[0] != 0)
-        glDeleteTextures(1, &textures[0]);
-    glGenTextures(1, &textures[0]);
-    glActiveTexture(GL_TEXTURE0);
-    glBindTexture(GL_TEXTURE_2D, textures[0]);
-    gl::setLinearClamped(this);
-    glActiveTexture(GL_TEXTURE0);
-    glBindTexture(GL_TEXTURE_2D, 0);
 }
 
 void OpenglWorkerBase::initGlState()

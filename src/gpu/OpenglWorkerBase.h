@@ -16,6 +16,8 @@
 #include <QString>
 #include <QVector>
 
+#include <vector>
+
 class QOpenGLContext;
 class QOpenGLFramebufferObject;
 class QOpenGLTexture;
@@ -207,6 +209,20 @@ protected:
     int maxFrameSide = 0;
     QSize refusedFrame;
 
-    // Pixel buffers in the order the destruction paths walk them.
-    QOpenGLBuffer* pixelBuffers[9];
+    // Pixel buffers in the order the destruction paths walk them: the base's
+    // nine, then those a subclass adds for reads of its own (and takes out
+    // again in its destructor, as its members go before the base's part).
+    std::vector<QOpenGLBuffer*> pixelBuffers;
+    static constexpr size_t kBasePixelBuffers = 9;
+
+    // The framebuffer that holds the frame's result, and its size: the
+    // turned clip, else the clip, else the frame. A clip framebuffer that
+    // isn't there leaves the choice to the next.
+    struct ResultFbo {
+        QOpenGLFramebufferObject* fbo;
+        int width;
+        int height;
+        bool clipped;
+    };
+    ResultFbo resultFbo() const;
 };

@@ -16,6 +16,7 @@
 #include "base/GlLock.h"
 #include "base/Logging.h"
 #include "gpu/GlTextures.h"
+#include "gpu/PixelReadback.h"
 #include "scene/TextureBuffer.h"
 #include "shader/ShaderWorker.h"
 
@@ -46,26 +47,16 @@ bool readsSmallerLevels(double scale)
     return !(scale >= 0.74);
 }
 
-void ensureBuffer(QOpenGLBuffer& buffer, int size)
-{
-    if (!buffer.isCreated()) {
-        buffer.create();
-        buffer.setUsagePattern(QOpenGLBuffer::StreamRead);
-    }
-    buffer.bind();
-    if (buffer.size() < size)
-        buffer.allocate(size);
-}
-
 }  // namespace
 
 OpenglFileMerger::OpenglFileMerger(int sceneId_) : OpenglWorkerBase(0, sceneId_)
 {
     qCInfo(lcGpu) << "OpenglFileMerger::OpenglFileMerger";
-    mergedRing[0] = &packBufferA;
-    mergedRing[1] = &packBufferB;
-    finalRing[0] = &packBufferC;
-    finalRing[1] = &packBufferD;
+    // The two read paths own their buffers; the release paths of the base
+    // destroy them with its own while this object lives.
+    for (readback::PathBuffers* path : {&mergedReads, &finalReads})
+        for (int i = 0; i < readback::PathBuffers::kCount; ++i)
+            pixelBuffers.push_back(path->buffer(i));
 }
 
 OpenglFileMerger::~OpenglFileMerger()
@@ -79,6 +70,9 @@ OpenglFileMerger::~OpenglFileMerger()
         qCWarning(lcGpu) << "[OpenglFileMerger::~OpenglFileMerger] destroyed off its context's thread";
         deleteOwnGlObjects();
     }
+    // The read paths' buffers go with their members, before the base's part
+    // runs its destruction paths: those walk the base's buffers alone.
+    pixelBuffers.resize(kBasePixelBuffers);
 }
 
 void OpenglFileMerger::deleteOwnGlObjects()
@@ -146,16 +140,9 @@ void OpenglFileMerger::createFbos(int width, int height)
 
 void OpenglFileMerger::allocatePackBuffers(int width, int height)
 {
-    for (QOpenGLBuffer* buffer : pixelBuffers) {
-        if (!buffer->isCreated()) {
-            buffer->create();
-            buffer->setUsagePattern(buffer->type() == QOpenGLBuffer::PixelUnpackBuffer ? QOpenGLBuffer::StreamDraw
-                                                                                        : QOpenGLBuffer::StreamRead);
-        }
-        buffer->bind();
-        buffer->allocate(width * height * 4);
-        buffer->release();
-    }
+    // The buffers of the two read paths, each for a frame of 4 bytes a pixel.
+    mergedReads.allocate(width * height * 4);
+    finalReads.allocate(width * height * 4);
 }
 
 void OpenglFileMerger::resize(int width, int height)
@@ -301,6 +288,28 @@ void OpenglFileMerger::mergeImages(const QList<_channel_merge_param>& params, in
         return;
     // The same request over the same pictures would draw the same frame:
     // the one in the framebuffers stays.
+    const MergeInputs inputs = inputsOf(params, buffers, width, height, background, graffiti);
+    if (glInited && inputs == lastInputs)
+        return;
+    lastInputs = inputs;
+    if (!beginFrame(width, height))
+        return;
+    composeChannels(params, buffers, width, height, background);
+    copyComposed(mergedFbo());  // the frame without overlay
+    if (graffiti.isNull()) {
+        delete graffitiTexture;
+        graffitiTexture = nullptr;
+    } else {
+        drawOverlay(graffiti);
+    }
+    copyComposed(finalFbo());  // the frame with overlay
+    doneCurrent();
+}
+
+OpenglFileMerger::MergeInputs OpenglFileMerger::inputsOf(const QList<_channel_merge_param>& params,
+                                                         const BufferMap& buffers, int width, int height,
+                                                         const QColor& background, const QImage& graffiti)
+{
     MergeInputs inputs{width, height, background.rgba(), graffiti.cacheKey(), {}};
     for (const _channel_merge_param& param : params) {
         auto found = buffers.find(param.channelId);
@@ -308,24 +317,31 @@ void OpenglFileMerger::mergeImages(const QList<_channel_merge_param>& params, in
         inputs.channels.push_back({param.channelId, param.rect, param.rotation, buffer,
                                    buffer ? buffer->generation() : 0});
     }
-    if (glInited && inputs == lastInputs)
-        return;
-    lastInputs = inputs;
+    return inputs;
+}
+
+bool OpenglFileMerger::beginFrame(int width, int height)
+{
     if (!makeCurrent()) {
         qCDebug(lcGpu) << "mergeImages fails in makeCurrent";
-        return;
+        return false;
     }
     if (!glInited) {
         if (!initOpenGL(width, height)) {
             doneCurrent();
-            return;
+            return false;
         }
         glInited = true;
         engineexit::arm();  // after the shader compiler's first use
     }
     if (frameWidth != width || frameHeight != height)
         resize(width, height);
+    return true;
+}
 
+void OpenglFileMerger::composeChannels(const QList<_channel_merge_param>& params, const BufferMap& buffers,
+                                       int width, int height, const QColor& background)
+{
     // The merged and the final frame are each copied whole from the composed
     // one, whose every pixel is opaque (the background is, and drawing over
     // it keeps alpha 1): clearing them first would change nothing.
@@ -357,16 +373,6 @@ void OpenglFileMerger::mergeImages(const QList<_channel_merge_param>& params, in
     // Textures of channels that this merge didn't draw from a picture would
     // keep a picture of whatever size they last had.
     dropTexturesExcept(drawnFromPictures);
-
-    copyComposed(mergedFbo());  // the frame without overlay
-    if (graffiti.isNull()) {
-        delete graffitiTexture;
-        graffitiTexture = nullptr;
-    } else {
-        drawOverlay(graffiti);
-    }
-    copyComposed(finalFbo());  // the frame with overlay
-    doneCurrent();
 }
 
 bool OpenglFileMerger::shareHandshakeDone(const QList<_channel_merge_param>& params, const BufferMap& buffers)
@@ -479,9 +485,9 @@ void OpenglFileMerger::drawOverlay(const QImage& graffiti)
     QOpenGLFramebufferObject::bindDefault();
 }
 
-void OpenglFileMerger::readFramebuffer(QOpenGLFramebufferObject* source, QOpenGLBuffer** ring,
-                                       QOpenGLBuffer* single, bool& firstRead, uchar* target, int width, int height,
-                                       bool withAlpha, bool synchronous)
+void OpenglFileMerger::readFramebuffer(QOpenGLFramebufferObject* source, readback::PathBuffers& path,
+                                       bool& firstRead, uchar* target, int width, int height, bool withAlpha,
+                                       bool synchronous)
 {
     readWrote = false;
     if (!glInited || !source || !target)
@@ -491,44 +497,21 @@ void OpenglFileMerger::readFramebuffer(QOpenGLFramebufferObject* source, QOpenGL
         return;
     }
     source->bind();
-    const GLenum format = withAlpha ? GL_RGBA : GL_BGR;
-    const int count = (3 + (withAlpha ? 1 : 0)) * width * height;
-    const int capacity = width * height * 4;
-    if (synchronous) {
-        ensureBuffer(*single, capacity);
-        glReadPixels(0, 0, width, height, format, GL_UNSIGNED_BYTE, nullptr);
-        single->read(0, target, count);
-        single->release();
-    } else {
-        // A ring of two: the transfer started now is read at the next call,
-        // so the picture handed out is one frame old.
-        ensureBuffer(*ring[0], capacity);
-        glReadPixels(0, 0, width, height, format, GL_UNSIGNED_BYTE, nullptr);
-        if (firstRead) {
-            ring[0]->read(0, target, count);
-            ring[0]->release();
-            firstRead = false;
-        } else {
-            ring[0]->release();
-            ensureBuffer(*ring[1], capacity);
-            ring[1]->read(0, target, count);
-            ring[1]->release();
-        }
-        std::swap(ring[0], ring[1]);
-    }
+    const readback::Layout layout = readback::layout(width, height, readback::formatByAlpha(withAlpha, GL_BGR));
+    if (synchronous)
+        path.readNow(this, target, layout);
+    else  // the picture handed out is one frame old
+        path.readRing(this, target, layout, firstRead);
     readWrote = true;
     QOpenGLFramebufferObject::bindDefault();
     doneCurrent();
 }
-
 void OpenglFileMerger::readLastFboByAlpha(uchar* target, int width, int height, bool withAlpha, bool synchronous)
 {
-    readFramebuffer(mergedFbo(), mergedRing, &clipPackBufferA, firstReadFlags[0], target, width, height, withAlpha,
-                    synchronous);
+    readFramebuffer(mergedFbo(), mergedReads, firstReadFlags[0], target, width, height, withAlpha, synchronous);
 }
 
 void OpenglFileMerger::readFinalImage(uchar* target, int width, int height, bool withAlpha, bool synchronous)
 {
-    readFramebuffer(finalFbo(), finalRing, &clipPackBufferB, firstReadFlags[1], target, width, height, withAlpha,
-                    synchronous);
+    readFramebuffer(finalFbo(), finalReads, firstReadFlags[1], target, width, height, withAlpha, synchronous);
 }

@@ -14,6 +14,7 @@
 #include <QMutex>
 
 #include "gpu/OpenglWorkerBase.h"
+#include "gpu/PixelReadback.h"
 #include "lumen_fx/ImageFilterTypes.h"
 
 class QOpenGLTexture;
@@ -66,11 +67,20 @@ protected:
     QOpenGLFramebufferObject* mergedFbo() const { return fbo; }
     QOpenGLFramebufferObject* finalFbo() const { return firstFbo; }
 
-    // One read path: the ring pair, its synchronous buffer and its flag.
-    void readFramebuffer(QOpenGLFramebufferObject* source, QOpenGLBuffer** ring, QOpenGLBuffer* single,
-                         bool& firstRead, uchar* target, int width, int height, bool withAlpha, bool synchronous);
+    // One read path: its buffers and its first-read flag.
+    void readFramebuffer(QOpenGLFramebufferObject* source, readback::PathBuffers& path, bool& firstRead,
+                         uchar* target, int width, int height, bool withAlpha, bool synchronous);
     // The steps of a merge.
     bool shareHandshakeDone(const QList<_channel_merge_param>& params, const BufferMap& buffers);
+    struct MergeInputs;
+    static MergeInputs inputsOf(const QList<_channel_merge_param>& params, const BufferMap& buffers, int width,
+                                int height, const QColor& background, const QImage& graffiti);
+    // Makes the context current and the frame ready at the size; false,
+    // with the context released, where it can't.
+    bool beginFrame(int width, int height);
+    // The background and the channels, in list order, into the compose framebuffer.
+    void composeChannels(const QList<_channel_merge_param>& params, const BufferMap& buffers, int width, int height,
+                         const QColor& background);
     // Draws one channel into the compose framebuffer; true if drawn from a picture.
     bool drawChannel(const _channel_merge_param& param, TextureBuffer* buffer, int width, int height);
     void dropTexturesExcept(const std::set<int>& channelIds);
@@ -99,9 +109,9 @@ protected:
     bool useSharedTextures = true;
     int backgroundTexWidth = 0;
     int backgroundTexHeight = 0;
-    // The ring pairs of the two read paths.
-    QOpenGLBuffer* mergedRing[2] = {nullptr, nullptr};
-    QOpenGLBuffer* finalRing[2] = {nullptr, nullptr};
+    // The pack buffers of the two read paths: the merged and the final frame.
+    readback::PathBuffers mergedReads;
+    readback::PathBuffers finalReads;
 
     // What the last frame was drawn from: the request and, for each channel,
     // its buffer and the buffer's count of changes.

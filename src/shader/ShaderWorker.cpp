@@ -271,6 +271,12 @@ void ShaderWorker::translateModel(float x, float y, float z)
     updateMatrix();
 }
 
+void ShaderWorker::setModel(const QMatrix4x4& model)
+{
+    modelMatrix = model;
+    updateMatrix();
+}
+
 void ShaderWorker::draw(GLenum mode)
 {
     if (!program || indexCount <= 0 || !QOpenGLContext::currentContext())

@@ -49,6 +49,8 @@ public:
     void rotateAboutEdge(float angle, float x, float y, float z);
     void scaleModel(double x, double y);
     void translateModel(float x, float y, float z);
+    // Replaces the model matrix with one worked out elsewhere.
+    void setModel(const QMatrix4x4& model);
 
     void drawStrip();
     void drawTriangles();

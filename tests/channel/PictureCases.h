@@ -109,6 +109,20 @@ inline const std::vector<Case>& cases()
         // A box of H / s = 24: radius 12, the square from (20, 12).
         {"RoundCameraScale25", [](P& p) { p.isRoundCamera = 1, p.scale = 25; }, {24, 24},
          [](int x, int y) { return inCircle(x, y, {12, 12}, 12, QPointF(x + 20, y + 12)); }},
+        // H / s = 66.7 at a scale of 0.72: a box wider than the frame, truncated
+        // to 66. It has no bias, so nothing is cut round; the picture, at
+        // 66 / 48 x 0.72 = 0.99 and moved by tx 1/32 and ty 0.375, lands in the
+        // frame's 64 x 48 viewport from (1.32, 9.24); the rest stays clear.
+        {"RoundCameraBoxBeyondTheFrame", [](P& p) { p.isRoundCamera = 1, p.scale = -7; }, {66, 66},
+         [](int x, int y) {
+             const double f = 66.0 / 48 * 0.72, left = 32 * (1 + 1.0 / 32 - f), bottom = 24 * (1 + 0.375 - f);
+             const double px = x + 0.5, py = y + 0.5;
+             if (px < left - 0.5 || py < bottom - 0.5 || px > 64 || py > 48)
+                 return kTransparent;
+             if (px < left + 0.5 || py < bottom + 0.5)
+                 return kDontCare;
+             return QPointF((px - left) / f - 0.5, (py - bottom) / f - 0.5);
+         }},
         {"RotationZ90", [](P& p) { p.rotationZ = 90; }, {48, 64}, [](int x, int y) { return QPointF(y, 47 - x); }},
     };
     return all;

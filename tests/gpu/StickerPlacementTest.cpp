@@ -1,7 +1,8 @@
-// Where positionSticker puts a sticker on a 1280 x 720 frame, worked in
-// pixels: the sticker's anchor lands on its key point (less the offsets of
-// the offset kind), and its width runs along the face's turn, bx times the
-// eye distance (smoothed against the face before) over |cos roll| each side.
+// Where a sticker goes on a 1280 x 720 frame, worked in pixels: the
+// sticker's anchor lands on its key point (less the offsets of the offset
+// kind), and its width runs along the face's turn, bx times the eye distance
+// (smoothed against the face before) over |cos roll| each side. The placement
+// is worked without GL; the worker's sticker program takes it as it is.
 #include <cmath>
 #include <optional>
 
@@ -10,7 +11,10 @@
 
 #include "filters/OpenglStickerFilter.h"
 #include "gpu/OpenglChannelWorker.h"
+#include "gpu/StickerPlacement.h"
 #include "shader/ShaderWorker.h"
+
+using stickerplacement::stickerModel;
 
 namespace {
 
@@ -43,9 +47,6 @@ StickerInfo record(const char* name)
 
 TEST(StickerPlacement, AnchorOnTheKeyPointWidthAlongTheTurn)
 {
-    PlacingWorker worker;
-    QImage frame(1280, 720, QImage::Format_RGBA8888);
-    ASSERT_TRUE(worker.doPreWork(frame.bits(), 1280, 720));
     StickerInfo unlimited = record("GLASSES01");
     unlimited.angle_limit = 0;
     const float offsetRatio = 80 / std::hypot(640.0f, 360 / (1280 / 720.0f));  // e / |c| without a turn
@@ -64,6 +65,9 @@ TEST(StickerPlacement, AnchorOnTheKeyPointWidthAlongTheTurn)
         {"limited", record("GLASSES01"), {-5, 30, 8}, {}, {640, 300}, 80, {-5, 20, 4}},
         {"unlimited", unlimited, {-5, 30, 8}, {}, {640, 300}, 80, {-5, 30, 8}},
         {"limited pitch", record("GLASSES01"), {-6, -25, 5}, {}, {640, 300}, 80, {-3, -20, 5}},
+        // Rolled by 12 the limit doesn't hold; nor looking up.
+        {"rolled past the limit", record("GLASSES01"), {-5, 30, 12}, {}, {640, 300}, 80, {-5, 30, 12}},
+        {"looking up", record("GLASSES01"), {5, 30, 8}, {}, {640, 300}, 80, {5, 30, 8}},
         // exp(-(e1 - e)^2 / 50) of the old size stays.
         {"a little larger", record("GLASSES01"), {0, 0, 0}, 75, {640, 300}, 80 - 5 * std::exp(-0.5f), {0, 0, 0}},
         {"much larger", record("GLASSES01"), {0, 0, 0}, 50, {640, 300}, 80, {0, 0, 0}},
@@ -71,12 +75,12 @@ TEST(StickerPlacement, AnchorOnTheKeyPointWidthAlongTheTurn)
         {"medal", record("MEDAL"), {0, 0, 0}, {}, {640 - offsetRatio * 0.5f * 640, 300 - offsetRatio * 0.25f * 360}, 80, {0, 0, 0}},
     };
     for (const auto& c : cases) {
-        worker.previousPoints().clear();
-        if (c.before)
-            worker.previousPoints().push_back(face(*c.before));
-        ASSERT_TRUE(worker.positionSticker(c.info, face(), c.angles)) << c.name;
+        const std::vector<int32_t> before = c.before ? face(*c.before) : std::vector<int32_t>();
+        const std::optional<QMatrix4x4> model =
+            stickerModel(c.info, face(), c.before ? &before : nullptr, c.angles, 1280, 720);
+        ASSERT_TRUE(model) << c.name;
         auto pixel = [&](float x, float y) {
-            const QVector3D ndc = worker.stickerShader()->mvp().map(QVector3D(x, y, 0));
+            const QVector3D ndc = model->map(QVector3D(x, y, 0));
             return QPointF((ndc.x() + 1) * 640, (ndc.y() + 1) * 360);
         };
         // The anchor is measured from the right and from the top of the picture.
@@ -90,9 +94,28 @@ TEST(StickerPlacement, AnchorOnTheKeyPointWidthAlongTheTurn)
         EXPECT_NEAR(QLineF(QPointF(), along).length(), c.eyes * c.info.base_x_scale / k, 0.01) << c.name;
         EXPECT_NEAR(std::atan2(along.y(), along.x()), std::atan2(x.y(), x.x()), 1e-4) << c.name;
     }
-    // No sticker without 98 points, nor after a face without them.
+    // No sticker without 98 points, nor after a face without them, nor on a
+    // key point the list doesn't have.
+    const std::vector<int32_t> few(10, 1);
+    EXPECT_FALSE(stickerModel(record("GLASSES01"), std::vector<int32_t>(194, 1), nullptr, {0, 0, 0}, 1280, 720));
+    EXPECT_FALSE(stickerModel(record("GLASSES01"), face(), &few, {0, 0, 0}, 1280, 720));
+    StickerInfo beyond = record("GLASSES01");
+    beyond.center_index = 98;
+    EXPECT_FALSE(stickerModel(beyond, face(), nullptr, {0, 0, 0}, 1280, 720));
+}
+
+// The worker's sticker program takes the placement as its model, with the
+// face drawn before; a face it can't place leaves the identity.
+TEST(StickerPlacement, TheWorkerDrawsWithThePlacement)
+{
+    PlacingWorker worker;
+    QImage frame(1280, 720, QImage::Format_RGBA8888);
+    ASSERT_TRUE(worker.doPreWork(frame.bits(), 1280, 720));
+    const std::vector<int32_t> before = face(75);
+    worker.previousPoints() = {before};
+    ASSERT_TRUE(worker.positionSticker(record("GLASSES01"), face(), {-5, 30, 8}));
+    EXPECT_EQ(worker.stickerShader()->mvp(), *stickerModel(record("GLASSES01"), face(), &before, {-5, 30, 8}, 1280, 720));
     EXPECT_FALSE(worker.positionSticker(record("GLASSES01"), std::vector<int32_t>(194, 1), {0, 0, 0}));
-    worker.previousPoints() = {std::vector<int32_t>(10, 1)};
-    EXPECT_FALSE(worker.positionSticker(record("GLASSES01"), face(), {0, 0, 0}));
+    EXPECT_TRUE(worker.stickerShader()->mvp().isIdentity());
     worker.doneCurrent();
 }

@@ -108,3 +108,39 @@ TEST(SceneManagerRequests, AMergeNotDrawnLeavesThePicturePublishedBefore)
         EXPECT_EQ(other, 0) << &picture - held.data();
     }
 }
+
+// The merged picture of a width whose rows of 3 bytes a pixel are padded to
+// 4 bytes (1002 x 3 = 3006 bytes, kept in rows of 3008): every pixel, the
+// tails of the last rows included, is the channel's. A read-back that copies
+// 3 x width x height bytes leaves the end of the picture as it was.
+TEST(SceneManagerReadback, EveryPixelOfAPaddedWidthIsTheChannels)
+{
+    SceneHarness scene;
+    auto buffer = std::make_shared<TextureBuffer>();
+    buffer->setShareReady(0, true);
+    scene.addChannel(3, buffer);
+    const QSize sizes[] = {{1002, 768}, {1366, 768}, {1001, 600}, {1003, 500}, {766, 1024}, {1000, 700}};
+    for (const QSize& size : sizes) {
+        // Far from the empty grey everywhere: blue is 200, and no two
+        // neighbours in a row are alike.
+        QImage picture(size, QImage::Format_RGBA8888);
+        for (int y = 0; y < size.height(); ++y)
+            for (int x = 0; x < size.width(); ++x)
+                picture.setPixel(x, y, qRgb((x * 7 + y) % 256, (y * 3 + x / 256) % 256, 200));
+        buffer->setImage(picture);
+        const _channel_merge_param param{3, QRect(QPoint(), size), 0, {}};
+        scene.mergeImages({param}, size.width(), size.height(), Qt::black, QImage(), QImage());
+        scene.tick();
+        QImage merged;
+        ASSERT_TRUE(scene.getMergeImg(merged)) << size.width() << "x" << size.height();
+        ASSERT_EQ(merged.size(), size);
+        int wrong = 0;
+        QPoint first(-1, -1);
+        for (int y = 0; y < size.height(); ++y)
+            for (int x = 0; x < size.width(); ++x)
+                if (merged.pixel(x, y) != picture.pixel(x, y) && wrong++ == 0)
+                    first = QPoint(x, y);
+        EXPECT_EQ(wrong, 0) << size.width() << "x" << size.height() << ": first wrong pixel at " << first.x() << ", "
+                            << first.y();
+    }
+}
