@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <chrono>
+#include <map>
 #include <memory>
 #include <vector>
 
@@ -47,7 +48,7 @@ struct Setup {
             param.rect = rect;
             params.append(param);
         }
-        merger.setTextureBuffers(buffers);
+        merger.setTextureBuffers(OpenglFileMerger::BufferMap(buffers.begin(), buffers.end()));
         merged = QImage(kWidth, kHeight, QImage::Format_BGR888);
     }
 
@@ -73,7 +74,7 @@ struct Setup {
     void read() { merger.readLastFboByAlpha(merged.bits(), kWidth, kHeight, false, false); }
 
     OpenglFileMerger merger{kScene};
-    OpenglFileMerger::BufferMap buffers;
+    std::map<int, std::shared_ptr<TextureBuffer>> buffers;
     std::vector<QImage> pictures;
     QList<_channel_merge_param> params;
     QImage merged;
@@ -93,7 +94,7 @@ struct SharedSetup {
             param.rect = QRect((i % 2) * 960, (i / 2) * 540, 960, 540);
             params.append(param);
         }
-        merger.setTextureBuffers(buffers);
+        merger.setTextureBuffers(OpenglFileMerger::BufferMap(buffers.begin(), buffers.end()));
         for (int i = 0; i < 4; ++i) {
             merge();  // the handshake: the next buffer gets the scene's context
             QImage picture(1280, 720, QImage::Format_RGBA8888);
@@ -127,7 +128,7 @@ struct SharedSetup {
 
     std::vector<std::unique_ptr<OpenglChannelWorker>> workers;
     OpenglFileMerger merger{kScene};
-    OpenglFileMerger::BufferMap buffers;
+    std::map<int, std::shared_ptr<TextureBuffer>> buffers;
     QList<_channel_merge_param> params;
 };
 

@@ -9,7 +9,7 @@
 #include <QOpenGLFramebufferObject>
 
 #include "gpu/GlTextures.h"
-#include "scene/TextureBuffer.h"
+#include "gpu/TextureExchange.h"
 #include "shader/ShaderWorker.h"
 
 void OpenglChannelWorker::drawInput(QOpenGLFramebufferObject* target, const QImage& image, bool useShareTexture,

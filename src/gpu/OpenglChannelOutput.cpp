@@ -7,9 +7,9 @@
 
 #include "base/Logging.h"
 #include "gpu/PixelReadback.h"
-#include "scene/TextureBuffer.h"
+#include "gpu/TextureExchange.h"
 
-bool OpenglChannelWorker::createSceneShareTexture(TextureBuffer* buffer)
+bool OpenglChannelWorker::createSceneShareTexture(TextureExchange* buffer)
 {
     if (!glInited || !buffer)
         return false;
@@ -22,7 +22,7 @@ bool OpenglChannelWorker::createSceneShareTexture(TextureBuffer* buffer)
     return true;
 }
 
-bool OpenglChannelWorker::readFromGPU(TextureBuffer* buffer)
+bool OpenglChannelWorker::readFromGPU(TextureExchange* buffer)
 {
     // The buffer's context table is keyed by the scene.
     if (!glInited || !buffer || !buffer->getShareContext(sceneId))

@@ -11,7 +11,7 @@
 #include "base/Numbers.h"
 #include "filters/BeautyFilterBase.h"
 #include "gpu/GlTextures.h"
-#include "scene/TextureBuffer.h"
+#include "gpu/TextureExchange.h"
 #include "shader/ShaderWorker.h"
 
 void OpenglChannelWorker::renderBasicImage(const FilterMap& filters, QImage& image, bool noRotation,

@@ -20,7 +20,7 @@ class BeautyFilterBase;
 class QOpenGLFramebufferObject;
 class QOpenGLTexture;
 class ShaderWorker;
-class TextureBuffer;
+class TextureExchange;
 
 class OpenglChannelWorker : public OpenglWorkerBase {
     Q_OBJECT
@@ -37,8 +37,8 @@ public:
                            bool toImage);
     void renderSticker(const FilterMap& filters, QImage& image, bool useShareTexture, bool unused, bool toImage);
     void renderBasicImage(const FilterMap& filters, QImage& image, bool noRotation, bool useShareTexture);
-    bool createSceneShareTexture(TextureBuffer* buffer);
-    bool readFromGPU(TextureBuffer* buffer);
+    bool createSceneShareTexture(TextureExchange* buffer);
+    bool readFromGPU(TextureExchange* buffer);
     bool isFrameSkipped() const { return frameSkipped; }
     void setAllowInFrame(bool flag) { allowInFrame = flag; }
 

@@ -18,7 +18,7 @@
 #include "base/GlLock.h"
 #include "base/Logging.h"
 #include "gpu/GlTextures.h"
-#include "scene/TextureBuffer.h"
+#include "gpu/TextureExchange.h"
 #include "shader/ShaderWorker.h"
 
 namespace {
@@ -311,7 +311,7 @@ void OpenglWorkerBase::releaseShareTextures()
 {
     if (!context)
         return;
-    for (TextureBuffer* buffer : {mergeTextureBuffer, textureBuffer}) {
+    for (TextureExchange* buffer : {mergeTextureBuffer, textureBuffer}) {
         if (!buffer)
             continue;
         makeCurrent();
@@ -433,7 +433,7 @@ void OpenglWorkerBase::createShareTextures(QOpenGLContext* shareWith, int width,
         textureBuffer->createTextures(shareWith, width, height);
 }
 
-void OpenglWorkerBase::renderTexturedMesh(QOpenGLFramebufferObject*, const QImage&, bool, TextureBuffer*)
+void OpenglWorkerBase::renderTexturedMesh(QOpenGLFramebufferObject*, const QImage&, bool, TextureExchange*)
 {
     // The textured 3D path has no caller in a channel's frame and is not built.
     qCDebug(lcGpu) << "[OpenglWorkerBase::renderTexturedMesh]the textured mesh path is not built";

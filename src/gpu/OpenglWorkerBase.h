@@ -22,7 +22,7 @@ class QOpenGLContext;
 class QOpenGLFramebufferObject;
 class QOpenGLTexture;
 class ShaderWorker;
-class TextureBuffer;
+class TextureExchange;
 
 // A record of the textured mesh path. The path has no caller in a channel's
 // frame; the records stay empty.
@@ -105,13 +105,13 @@ public:
     virtual bool initContext();
     virtual void createShareTextures(QOpenGLContext* shareWith, int width, int height);
     virtual void renderTexturedMesh(QOpenGLFramebufferObject* target, const QImage& image, bool useShareTexture,
-                                    TextureBuffer* buffer);
+                                    TextureExchange* buffer);
     virtual void renderMeshes(QOpenGLFramebufferObject* target);
 
     // --- plain accessors ---
     bool isGlInited() const { return glInited; }
-    void setTextureBuffer(TextureBuffer* buffer) { textureBuffer = buffer; }
-    void setMergeTextureBuffer(TextureBuffer* buffer) { mergeTextureBuffer = buffer; }
+    void setTextureBuffer(TextureExchange* buffer) { textureBuffer = buffer; }
+    void setMergeTextureBuffer(TextureExchange* buffer) { mergeTextureBuffer = buffer; }
     void setShareContext(QOpenGLContext* context) { shareContext = context; }
     void setClip(bool flag)
     {
@@ -189,8 +189,8 @@ protected:
     QOpenGLContext* shareContext = nullptr;
     int channelId = 0;
     int sceneId = 0;
-    TextureBuffer* textureBuffer = nullptr;
-    TextureBuffer* mergeTextureBuffer = nullptr;
+    TextureExchange* textureBuffer = nullptr;
+    TextureExchange* mergeTextureBuffer = nullptr;
     bool isClip = false;
     bool isClipPerspect = false;
     int rotationZ = 0;

@@ -17,7 +17,7 @@
 #include "base/Logging.h"
 #include "gpu/GlTextures.h"
 #include "gpu/PixelReadback.h"
-#include "scene/TextureBuffer.h"
+#include "gpu/TextureExchange.h"
 #include "shader/ShaderWorker.h"
 
 namespace {
@@ -313,7 +313,7 @@ OpenglFileMerger::MergeInputs OpenglFileMerger::inputsOf(const QList<_channel_me
     MergeInputs inputs{width, height, background.rgba(), graffiti.cacheKey(), {}};
     for (const _channel_merge_param& param : params) {
         auto found = buffers.find(param.channelId);
-        TextureBuffer* buffer = found == buffers.end() ? nullptr : found->second.get();
+        TextureExchange* buffer = found == buffers.end() ? nullptr : found->second.get();
         inputs.channels.push_back({param.channelId, param.rect, param.rotation, buffer,
                                    buffer ? buffer->generation() : 0});
     }
@@ -385,7 +385,7 @@ bool OpenglFileMerger::shareHandshakeDone(const QList<_channel_merge_param>& par
         auto found = buffers.find(param.channelId);
         if (found == buffers.end() || !found->second)
             continue;
-        TextureBuffer* buffer = found->second.get();
+        TextureExchange* buffer = found->second.get();
         if (buffer->isShareReady(sceneId))
             continue;
         buffer->setShareContext(sceneId, context);
@@ -395,7 +395,7 @@ bool OpenglFileMerger::shareHandshakeDone(const QList<_channel_merge_param>& par
     return true;
 }
 
-bool OpenglFileMerger::drawChannel(const _channel_merge_param& param, TextureBuffer* buffer, int width, int height)
+bool OpenglFileMerger::drawChannel(const _channel_merge_param& param, TextureExchange* buffer, int width, int height)
 {
     int pictureWidth = 0;
     int pictureHeight = 0;

@@ -19,7 +19,7 @@
 
 class QOpenGLTexture;
 class ShaderWorker;
-class TextureBuffer;
+class TextureExchange;
 
 class OpenglFileMerger : public OpenglWorkerBase {
     Q_OBJECT
@@ -27,7 +27,7 @@ public:
     explicit OpenglFileMerger(int sceneId);
     ~OpenglFileMerger() override;
 
-    using BufferMap = std::map<int, std::shared_ptr<TextureBuffer>>;
+    using BufferMap = std::map<int, std::shared_ptr<TextureExchange>>;
     // Replaces the map of channel buffers. Any thread: a merge in progress
     // goes on with the map it started with, and keeps its buffers alive.
     void setTextureBuffers(BufferMap buffers);
@@ -82,7 +82,7 @@ protected:
     void composeChannels(const QList<_channel_merge_param>& params, const BufferMap& buffers, int width, int height,
                          const QColor& background);
     // Draws one channel into the compose framebuffer; true if drawn from a picture.
-    bool drawChannel(const _channel_merge_param& param, TextureBuffer* buffer, int width, int height);
+    bool drawChannel(const _channel_merge_param& param, TextureExchange* buffer, int width, int height);
     void dropTexturesExcept(const std::set<int>& channelIds);
     // Copies the composed frame into target.
     void copyComposed(QOpenGLFramebufferObject* target);
@@ -119,7 +119,7 @@ protected:
         int channelId;
         QRect rect;
         double rotation;
-        const TextureBuffer* buffer;
+        const TextureExchange* buffer;
         quint64 generation;
         bool operator==(const ChannelInput& o) const
         {

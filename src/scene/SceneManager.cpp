@@ -91,7 +91,7 @@ int64_t SceneManager::nowNs()
 void SceneManager::addChannel(int channelId, std::shared_ptr<TextureBuffer> buffer)
 {
     channelTextures[channelId] = std::move(buffer);
-    merger->setTextureBuffers(channelTextures);
+    merger->setTextureBuffers(OpenglFileMerger::BufferMap(channelTextures.begin(), channelTextures.end()));
 }
 
 void SceneManager::requestStop()

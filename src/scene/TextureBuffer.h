@@ -11,6 +11,7 @@
 #include <QReadWriteLock>
 
 #include "base/GlLock.h"
+#include "gpu/TextureExchange.h"
 
 class QOpenGLContext;
 
@@ -19,43 +20,43 @@ class QOpenGLContext;
 constexpr int kPauseKeepingGpuState = 6;
 
 
-class TextureBuffer {
+class TextureBuffer : public TextureExchange {
 public:
     TextureBuffer();
-    ~TextureBuffer();
+    ~TextureBuffer() override;
     TextureBuffer(const TextureBuffer&) = delete;
     TextureBuffer& operator=(const TextureBuffer&) = delete;
 
     // All GL operations take their functions from `context`, which must be current.
-    void createTextures(QOpenGLContext* context, int width, int height);
-    void copyToWriteTexture(QOpenGLContext* context, int width, int height);
-    void copyToReadTexture(QOpenGLContext* context, int width, int height);
+    void createTextures(QOpenGLContext* context, int width, int height) override;
+    void copyToWriteTexture(QOpenGLContext* context, int width, int height) override;
+    void copyToReadTexture(QOpenGLContext* context, int width, int height) override;
 
-    QOpenGLContext* getShareContext(int sceneId);
-    void setShareContext(int sceneId, QOpenGLContext* context);
-    bool isShareReady(int sceneId);
+    QOpenGLContext* getShareContext(int sceneId) override;
+    void setShareContext(int sceneId, QOpenGLContext* context) override;
+    bool isShareReady(int sceneId) override;
     void setShareReady(int sceneId, bool ready);
 
-    bool getImage(QImage& image);
+    bool getImage(QImage& image) override;
     void setImage(const QImage& image);
-    bool isImageMode();
+    bool isImageMode() override;
     void setImageMode(bool imageMode);
-    bool isPremulAlpha();
+    bool isPremulAlpha() override;
     void setPremulAlpha(bool premulAlpha);
 
-    void getSize(int* width, int* height);
-    int bindWriteTexture(QOpenGLContext* context);
-    void bindReadTexture(QOpenGLContext* context);
-    void unbindTexture(QOpenGLContext* context);
-    void unbindAndClearReady(QOpenGLContext* context);
-    void deleteTextures(QOpenGLContext* context);
+    void getSize(int* width, int* height) override;
+    int bindWriteTexture(QOpenGLContext* context) override;
+    void bindReadTexture(QOpenGLContext* context) override;
+    void unbindTexture(QOpenGLContext* context) override;
+    void unbindAndClearReady(QOpenGLContext* context) override;
+    void deleteTextures(QOpenGLContext* context) override;
 
     bool texturesAreReady();
     // Counts the changes of what a scene draws from this buffer: its picture,
     // its read texture and their modes. The count moves once a change is
     // complete, so a scene that reads it before drawing never keeps a frame
     // drawn from a change half made.
-    quint64 generation() const { return changes.load(); }
+    quint64 generation() const override { return changes.load(); }
     unsigned int readTextureId();
     unsigned int writeTextureId();
 

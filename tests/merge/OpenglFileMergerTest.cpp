@@ -260,8 +260,10 @@ TEST(OpenglFileMergerShare, ChannelResultReachesTheSceneThroughTheSharedTexture)
 TEST(OpenglFileMergerRedraw, EachInputChangeShowsInTheNextFrame)
 {
     OpenglFileMerger merger(kScene);
-    const OpenglFileMerger::BufferMap buffers = channels({{1, solid(40, 40, Qt::red)}});
-    merger.setTextureBuffers(buffers);
+    const auto buffer = std::make_shared<TextureBuffer>();
+    buffer->setShareReady(kScene, true);
+    buffer->setImage(solid(40, 40, Qt::red));
+    merger.setTextureBuffers({{1, buffer}});
     struct Step {
         const char* change;
         std::function<void(QColor&, QRect&)> apply;
@@ -272,7 +274,7 @@ TEST(OpenglFileMergerRedraw, EachInputChangeShowsInTheNextFrame)
         {"nothing", [](QColor&, QRect&) {}, Qt::red, kBackground},
         {"background", [](QColor& bg, QRect&) { bg = Qt::white; }, Qt::red, Qt::white},
         {"rectangle", [](QColor&, QRect& r) { r = QRect(0, 0, 60, 60); }, Qt::red, Qt::red},
-        {"picture", [&](QColor&, QRect&) { buffers.at(1)->setImage(solid(40, 40, Qt::blue)); }, Qt::blue, Qt::blue},
+        {"picture", [&](QColor&, QRect&) { buffer->setImage(solid(40, 40, Qt::blue)); }, Qt::blue, Qt::blue},
     };
     QColor bg = kBackground;
     QRect rect(20, 20, 20, 20);
