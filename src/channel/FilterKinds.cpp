@@ -2,6 +2,13 @@
 
 #include <cmath>
 
+#include "filters/OpenglBasicImageFilter.h"
+#include "filters/OpenglFaceAreaFilter.h"
+#include "filters/OpenglSlimFaceFilter.h"
+#include "filters/OpenglSmoothAndWhiteningFilter.h"
+#include "filters/OpenglStickerFilter.h"
+#include "filters/OpenglWhiteningFilter.h"
+
 namespace {
 
 RecordReading slimFace(ImageFilterType, const void* para, bool)
@@ -122,25 +129,32 @@ RecordReading greenScreen(ImageFilterType, const void* para, bool)
     return r;
 }
 
+template <typename Filter>
+BeautyFilterBase* make()
+{
+    return new Filter();
+}
+
 constexpr uint32_t kFace = kFaceFeature, kTone = kToneFeature, kOverlay = kOverlayFeature,
                    kPicture = kPictureFeature;
 
-// In the order of the values, SLIMFACE (1) to SMOOTHWHITENING (14).
+// In the order of the values, SLIMFACE (1) to SMOOTHWHITENING (14). SMOOTH and
+// REDLIPS make one object each, although the class is the same.
 const FilterKind kKinds[] = {
-    {SLIMFACE, kFace | kTone, SLIMFACEPARA, true, slimFace},
-    {SMOOTH, kFace, SMOOTHPARA, true, strength},
-    {REDLIPS, kFace, REDLIPSPARA, true, strength},
-    {WHITENING, kTone, WHITENINGPARA, true, strength},
-    {STICKER, kFace | kTone | kOverlay, STICKERPARA, false, path},
-    {BASICIMAGE, kPicture | kFace, BASICIMAGEPARA, false, basicImage},
-    {HSVBACKGROUND, 0, -1, false, hsvBackground},
-    {RGBBACKGROUND, 0, -1, false, rgbBackground},
-    {IMAGEBACKGROUND, 0, -1, false, path},
-    {IMAGEBACKGROUND2, 0, -1, false, path},
-    {IMAGEBACKGROUND3, 0, -1, false, path},
-    {GREENSCREEN, 0, -1, false, greenScreen},
-    {UNUSEDFILTER, 0, -1, false, nullptr},
-    {SMOOTHWHITENING, kPicture | kTone, SMOOTHWHITENINGPARA, true, strength},
+    {SLIMFACE, kFace | kTone, SLIMFACEPARA, true, slimFace, make<OpenglSlimFaceFilter>},
+    {SMOOTH, kFace, SMOOTHPARA, true, strength, make<OpenglFaceAreaFilter>},
+    {REDLIPS, kFace, REDLIPSPARA, true, strength, make<OpenglFaceAreaFilter>},
+    {WHITENING, kTone, WHITENINGPARA, true, strength, make<OpenglWhiteningFilter>},
+    {STICKER, kFace | kTone | kOverlay, STICKERPARA, false, path, make<OpenglStickerFilter>},
+    {BASICIMAGE, kPicture | kFace, BASICIMAGEPARA, false, basicImage, make<OpenglBasicImageFilter>},
+    {HSVBACKGROUND, 0, -1, false, hsvBackground, nullptr},
+    {RGBBACKGROUND, 0, -1, false, rgbBackground, nullptr},
+    {IMAGEBACKGROUND, 0, -1, false, path, nullptr},
+    {IMAGEBACKGROUND2, 0, -1, false, path, nullptr},
+    {IMAGEBACKGROUND3, 0, -1, false, path, nullptr},
+    {GREENSCREEN, 0, -1, false, greenScreen, nullptr},
+    {UNUSEDFILTER, 0, -1, false, nullptr, nullptr},
+    {SMOOTHWHITENING, kPicture | kTone, SMOOTHWHITENINGPARA, true, strength, make<OpenglSmoothAndWhiteningFilter>},
 };
 
 }  // namespace
@@ -156,6 +170,12 @@ bool paraTypeBelongs(ImageFilterType type, FilterParaType paraType)
 {
     const FilterKind* kind = filterKind(type);
     return kind && kind->paraType == paraType;
+}
+
+BeautyFilterBase* createImageFilter(ImageFilterType type)
+{
+    const FilterKind* kind = filterKind(type);
+    return kind && kind->make ? kind->make() : nullptr;
 }
 
 RecordReading readFilterRecord(ImageFilterType type, const void* para, bool fromSetter)

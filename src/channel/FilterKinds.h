@@ -1,7 +1,8 @@
 #pragma once
-// What the channel knows of each filter type, one row a type: the bits it
-// adds to a channel's features, the parameter kind its setter takes, whether
-// the face pass draws it, and how the host's record behind `void*` reads.
+// What the channel knows of each filter type, one row a type: the filter
+// object it makes, the bits it adds to a channel's features, the parameter
+// kind its setter takes, whether the face pass draws it, and how the host's
+// record behind `void*` reads.
 // Reading a record is pure: it says what to ask of the channel's thread and
 // posts nothing itself.
 
@@ -40,14 +41,17 @@ struct RecordReading {
     std::string notFinite;  // a key whose value is NaN or infinite: the whole call is dropped
 };
 
+class BeautyFilterBase;
+
 using RecordReader = RecordReading (*)(ImageFilterType type, const void* para, bool fromSetter);
 
 struct FilterKind {
     ImageFilterType type;
-    uint32_t features;       // 0: no filter object is made for the type
+    uint32_t features;       // FeatureBit
     int paraType;            // the FilterParaType its setter takes; -1: none
     bool facePass;           // drawn by the face pass (the sticker has a pass of its own)
     RecordReader read;       // null: the record isn't read and nothing is asked
+    BeautyFilterBase* (*make)();  // the filter object the channel adds; null: none (the backgrounds)
 };
 
 // The row of a filter type, SLIMFACE to SMOOTHWHITENING; null for any other value (NOFILTER included).
@@ -59,7 +63,13 @@ inline uint32_t featureBits(int type)
     const FilterKind* kind = filterKind(type);
     return kind ? kind->features : 0;
 }
-inline bool createsFilterObject(int type) { return featureBits(type) != 0; }
+inline bool createsFilterObject(int type)
+{
+    const FilterKind* kind = filterKind(type);
+    return kind && kind->make;
+}
+// A new filter object for `type`, owned by the caller; null for a type without one.
+BeautyFilterBase* createImageFilter(ImageFilterType type);
 inline bool isFaceFilterType(int type)
 {
     const FilterKind* kind = filterKind(type);

@@ -5,9 +5,9 @@
 #include <cmath>
 
 #include "base/Logging.h"
+#include "channel/FilterKinds.h"
 #include "face/DnnFaceDetector.h"
 #include "filters/BeautyFilterBase.h"
-#include "filters/FilterFactory.h"
 #include "gpu/OpenglChannelWorker.h"
 #include "scene/TextureBuffer.h"
 

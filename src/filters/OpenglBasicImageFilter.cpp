@@ -10,6 +10,7 @@
 
 #include "base/Logging.h"
 #include "lumen_fx/ImageFilterTypes.h"
+#include "shader/UniformCache.h"
 
 OpenglBasicImageFilter::OpenglBasicImageFilter()
 {
@@ -62,7 +63,7 @@ void OpenglBasicImageFilter::setUniforms(QOpenGLShaderProgram* program, ParaMap 
     };
     auto uniform = [&](const char* name, float value) {
         if (program)
-            program->setUniformValue(name, value);
+            uniforms::set(program, name, value);
     };
     apply(scale_strength, [&](double v) { scale_ = static_cast<float>(v) / 25.0f + 1.0f; });
     apply(brightness_strength, [&](double v) { uniform("brightness", static_cast<float>(v / 100.0 * 0.5)); });

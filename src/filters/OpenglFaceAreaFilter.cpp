@@ -5,6 +5,7 @@
 
 #include "base/Logging.h"
 #include "lumen_fx/ImageFilterTypes.h"
+#include "shader/UniformCache.h"
 
 namespace {
 const FaceAreaExpansion kFaceAreaRule{-0.2f, -0.2f, 1.2f, 1.2f, 0.2f};
@@ -34,17 +35,17 @@ void OpenglFaceAreaFilter::setUniforms(QOpenGLShaderProgram* program, ParaMap pa
 {
     auto smooth = paras.find(smooth_strength);
     if (smooth != paras.end() && program)
-        program->setUniformValue("smoothStrength",
+        uniforms::set(program, "smoothStrength",
                                  static_cast<GLfloat>(static_cast<float>(smooth->second) * 1.5 / 100));
 
     auto lips = paras.find(redlips_strength);
     if (lips != paras.end() && program) {
         const float v = static_cast<float>(lips->second);
-        program->setUniformValue("redLipsStrength", static_cast<GLfloat>(v / 800));
-        program->setUniformValue("redden", static_cast<GLfloat>(v / 100));
+        uniforms::set(program, "redLipsStrength", static_cast<GLfloat>(v / 800));
+        uniforms::set(program, "redden", static_cast<GLfloat>(v / 100));
         // Integer setter on purpose; the shader does not read these two.
-        program->setUniformValue("whitening", static_cast<GLint>(0));
-        program->setUniformValue("pinking", static_cast<GLint>(0));
+        uniforms::set(program, "whitening", static_cast<GLint>(0));
+        uniforms::set(program, "pinking", static_cast<GLint>(0));
     }
 
     const float x = static_cast<float>(paras[face_area_x]);
@@ -52,5 +53,5 @@ void OpenglFaceAreaFilter::setUniforms(QOpenGLShaderProgram* program, ParaMap pa
     const float w = static_cast<float>(paras[face_area_width]);
     const float h = static_cast<float>(paras[face_area_height]);
     if (program)
-        program->setUniformValue("smooth_face_area", x / width, y / height, w / width, h / height);
+        uniforms::set(program, "smooth_face_area", x / width, y / height, w / width, h / height);
 }

@@ -5,6 +5,7 @@
 
 #include "base/Logging.h"
 #include "lumen_fx/ImageFilterTypes.h"
+#include "shader/UniformCache.h"
 
 namespace {
 const FaceAreaExpansion kSlimFaceRule{-0.2f, -0.2f, 1.2f, 1.2f, 0.2f};
@@ -41,15 +42,15 @@ void OpenglSlimFaceFilter::setUniforms(QOpenGLShaderProgram* program, ParaMap pa
     }
     auto strength = paras.find(slim_face_strength);
     if (strength != paras.end())
-        program->setUniformValue("slimStrength", static_cast<float>(strength->second) / 100);
-    program->setUniformValue("textureWidth", static_cast<GLfloat>(width));
-    program->setUniformValue("textureHeight", static_cast<GLfloat>(height));
+        uniforms::set(program, "slimStrength", static_cast<float>(strength->second) / 100);
+    uniforms::set(program, "textureWidth", static_cast<GLfloat>(width));
+    uniforms::set(program, "textureHeight", static_cast<GLfloat>(height));
 
     const float x = static_cast<float>(paras[face_area_x]);
     const float y = static_cast<float>(paras[face_area_y]);
     const float w = static_cast<float>(paras[face_area_width]);
     const float h = static_cast<float>(paras[face_area_height]);
-    program->setUniformValue("slim_face_area", x, y, w, h);
+    uniforms::set(program, "slim_face_area", x, y, w, h);
 }
 
 void OpenglSlimFaceFilter::filter(cv::Mat& src, cv::Mat& dst, ParaMap paras, const FaceDetectResult& result)

@@ -5,6 +5,7 @@
 
 #include "base/Logging.h"
 #include "lumen_fx/ImageFilterTypes.h"
+#include "shader/UniformCache.h"
 
 namespace {
 // Differs from the whitening filter only in the near-side y test.
@@ -42,18 +43,18 @@ void OpenglSmoothAndWhiteningFilter::setUniforms(QOpenGLShaderProgram* program, 
     auto strength = paras.find(smooth_whitening_strength);
     if (strength != paras.end()) {
         const float v = static_cast<float>(strength->second);
-        program->setUniformValue("redden", 0.0f);
-        program->setUniformValue("whitening", v / 100);
-        program->setUniformValue("smoothStrength", v / 100);
-        program->setUniformValue("pinking", 0.0f);
+        uniforms::set(program, "redden", 0.0f);
+        uniforms::set(program, "whitening", v / 100);
+        uniforms::set(program, "smoothStrength", v / 100);
+        uniforms::set(program, "pinking", 0.0f);
     }
 
     const float x = static_cast<float>(paras[face_area_x]) / width;
     const float y = static_cast<float>(paras[face_area_y]) / height;
     const float w = static_cast<float>(paras[face_area_width]) / width;
     const float h = static_cast<float>(paras[face_area_height]) / height;
-    program->setUniformValue("whitening_face_area", x, y, w, h);
-    program->setUniformValue("smooth_face_area", x, y, w, h);
+    uniforms::set(program, "whitening_face_area", x, y, w, h);
+    uniforms::set(program, "smooth_face_area", x, y, w, h);
 }
 
 void OpenglSmoothAndWhiteningFilter::filter(cv::Mat& src, cv::Mat& dst, ParaMap paras,

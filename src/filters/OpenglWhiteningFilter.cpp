@@ -5,6 +5,7 @@
 
 #include "base/Logging.h"
 #include "lumen_fx/ImageFilterTypes.h"
+#include "shader/UniformCache.h"
 
 namespace {
 // The near-side y test is positive on purpose: a box touching the top of the
@@ -42,20 +43,20 @@ void OpenglWhiteningFilter::setUniforms(QOpenGLShaderProgram* program, ParaMap p
     auto strength = paras.find(whitening_strength);
     if (strength != paras.end()) {
         const float v = static_cast<float>(strength->second);
-        program->setUniformValue("redden", v / 200);
-        program->setUniformValue("whitening", v / 100);
-        program->setUniformValue("pinking", v / 100);
+        uniforms::set(program, "redden", v / 200);
+        uniforms::set(program, "whitening", v / 100);
+        uniforms::set(program, "pinking", v / 100);
     }
 
     const float x = static_cast<float>(paras[face_area_x]);
     const float y = static_cast<float>(paras[face_area_y]);
     const float w = static_cast<float>(paras[face_area_width]);
     const float h = static_cast<float>(paras[face_area_height]);
-    program->setUniformValue("whitening_face_area", x / width, y / height, w / width, h / height);
+    uniforms::set(program, "whitening_face_area", x / width, y / height, w / width, h / height);
 
     // Not declared by the whitening shader; harmless there.
-    program->setUniformValue("textureWidth", static_cast<GLfloat>(width));
-    program->setUniformValue("textureHeight", static_cast<GLfloat>(height));
+    uniforms::set(program, "textureWidth", static_cast<GLfloat>(width));
+    uniforms::set(program, "textureHeight", static_cast<GLfloat>(height));
 }
 
 void OpenglWhiteningFilter::filter(cv::Mat& src, cv::Mat& dst, ParaMap paras, const FaceDetectResult& result)

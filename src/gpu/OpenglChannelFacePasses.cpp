@@ -11,6 +11,7 @@
 #include "filters/BeautyFilterBase.h"
 #include "gpu/FaceRegions.h"
 #include "shader/ShaderWorker.h"
+#include "shader/UniformCache.h"
 
 using faceregions::meshArea;
 using faceregions::slimRegion;
@@ -113,7 +114,7 @@ void OpenglChannelWorker::drawSlimFace(BeautyFilterBase* filter, bool firstFaceO
             slimFaceProgram->bind();
             filter->setUniforms(slimFaceProgram->shaderProgram(), faces[i], frameWidth, frameHeight);
             std::vector<GLfloat> keyPoints(points[i].begin(), points[i].begin() + kFacePointFloats);
-            const int location = slimFaceProgram->shaderProgram()->uniformLocation("keyPoints");
+            const int location = uniforms::location(slimFaceProgram->shaderProgram(), "keyPoints");
             if (location >= 0)
                 glUniform1fv(location, kFacePointFloats, keyPoints.data());
             if (inPlace) {
@@ -142,10 +143,10 @@ void OpenglChannelWorker::drawFaceArea(BeautyFilterBase* filter, bool premul)
     for (size_t i = 0; i < faces.size() && i < mouths.size(); ++i) {
         if (mouths[i].empty())
             continue;
-        const double x = valueOr0(faces[i], "detect_face_area_x");
-        const double y = valueOr0(faces[i], "detect_face_area_y");
-        const double w = valueOr0(faces[i], "detect_face_area_width");
-        const double h = valueOr0(faces[i], "detect_face_area_height");
+        const double x = valueOr0(faces[i], detect_face_area_x);
+        const double y = valueOr0(faces[i], detect_face_area_y);
+        const double w = valueOr0(faces[i], detect_face_area_width);
+        const double h = valueOr0(faces[i], detect_face_area_height);
         if (x < 1.0 || y < 1.0 || x + w > frameWidth || y + h > frameHeight)
             continue;
         const bool facePremul = premul || drawn > 0;
@@ -201,7 +202,7 @@ void OpenglChannelWorker::drawWhitening(BeautyFilterBase* filter, bool premul)
         // The shader does not read the contour; it goes up for shaders that do.
         if (!contours.empty() && contours[0].size() >= static_cast<size_t>(kContourFloats)) {
             std::vector<GLfloat> keyPoints(contours[0].begin(), contours[0].begin() + kContourFloats);
-            const int location = program->uniformLocation("keyPoints");
+            const int location = uniforms::location(program, "keyPoints");
             if (location >= 0)
                 glUniform1fv(location, kContourFloats, keyPoints.data());
         }

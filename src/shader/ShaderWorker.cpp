@@ -12,6 +12,7 @@
 
 #include "base/Logging.h"
 #include "shader/OpenGLHelper.h"
+#include "shader/UniformCache.h"
 
 namespace {
 
@@ -137,13 +138,13 @@ void ShaderWorker::bind()
 void ShaderWorker::setUniformFloat(const char* name, float value)
 {
     if (program)
-        program->setUniformValue(name, value);
+        uniforms::set(program, name, value);
 }
 
 void ShaderWorker::setUniformInt(const char* name, int value)
 {
     if (program)
-        program->setUniformValue(name, static_cast<GLint>(value));
+        uniforms::set(program, name, static_cast<GLint>(value));
 }
 
 void ShaderWorker::setQuadAttributes()
@@ -206,7 +207,7 @@ void ShaderWorker::updateMatrix()
 {
     mvpMatrix = projectionMatrix * viewMatrix * modelMatrix;
     if (program)
-        program->setUniformValue("mvpMatrix", mvpMatrix);
+        uniforms::set(program, "mvpMatrix", mvpMatrix);
 }
 
 void ShaderWorker::resetMatrices()
@@ -311,20 +312,20 @@ void ShaderWorker::setMaterialUniforms()
 {
     if (!program)
         return;
-    program->setUniformValue("modelMatrix", modelMatrix);
-    program->setUniformValue("viewMatrix", viewMatrix);
-    program->setUniformValue("projMatrix", projectionMatrix);
-    program->setUniformValue("mvp_matrix", mvpMatrix);
-    program->setUniformValue("myMaterial.m_diffuse", 0);
-    program->setUniformValue("myMaterial.m_specular", 0);
-    program->setUniformValue("myMaterial.m_shiness", 32);
-    program->setUniformValue("myLight.m_pos", QVector3D(3.0f, 3.0f, 3.0f));
-    program->setUniformValue("myLight.m_ambient", QVector3D(1.0f, 1.0f, 1.0f));
-    program->setUniformValue("myLight.m_diffuse", QVector3D(0.8f, 0.8f, 0.8f));
-    program->setUniformValue("myLight.m_specular", QVector3D(0.9f, 0.9f, 0.9f));
-    program->setUniformValue("myLight.m_c", 1.0f);
-    program->setUniformValue("myLight.m_l", 0.09f);
-    program->setUniformValue("myLight.m_q", 0.032f);
+    uniforms::set(program, "modelMatrix", modelMatrix);
+    uniforms::set(program, "viewMatrix", viewMatrix);
+    uniforms::set(program, "projMatrix", projectionMatrix);
+    uniforms::set(program, "mvp_matrix", mvpMatrix);
+    uniforms::set(program, "myMaterial.m_diffuse", 0);
+    uniforms::set(program, "myMaterial.m_specular", 0);
+    uniforms::set(program, "myMaterial.m_shiness", 32);
+    uniforms::set(program, "myLight.m_pos", QVector3D(3.0f, 3.0f, 3.0f));
+    uniforms::set(program, "myLight.m_ambient", QVector3D(1.0f, 1.0f, 1.0f));
+    uniforms::set(program, "myLight.m_diffuse", QVector3D(0.8f, 0.8f, 0.8f));
+    uniforms::set(program, "myLight.m_specular", QVector3D(0.9f, 0.9f, 0.9f));
+    uniforms::set(program, "myLight.m_c", 1.0f);
+    uniforms::set(program, "myLight.m_l", 0.09f);
+    uniforms::set(program, "myLight.m_q", 0.032f);
 }
 
 std::array<float, 5> ShaderWorker::lipsVertex(float x, float y, int width, int height)

@@ -3,13 +3,15 @@
 // for what it should.
 #include <cmath>
 #include <limits>
-#include <string>
-
 #include <map>
+#include <memory>
+#include <string>
 
 #include <gtest/gtest.h>
 
 #include "channel/FilterKinds.h"
+#include "filters/BeautyFilterBase.h"
+#include "lumen_fx/ImageFilterTypes.h"
 
 TEST(FilterKinds, EachRowSitsAtItsTypeWithItsFeatureBits)
 {
@@ -62,4 +64,23 @@ TEST(FilterKinds, RecordsAskForTheFilterItsPictureAndItsParameters)
     }
     EXPECT_EQ(readFilterRecord(HSVBACKGROUND, &hsv, false).picture.path, "room.png");
     EXPECT_TRUE(readFilterRecord(GREENSCREEN, &blurred, false).picture.isBgBlured);
+}
+
+// The row's factory: one new object of the right class per type that has one.
+TEST(FilterKinds, OneNewObjectOfTheRightClassPerFaceType)
+{
+    const std::pair<ImageFilterType, const char*> made[] = {
+        {SLIMFACE, "OpenglSlimFaceFilter"}, {SMOOTH, "OpenglFaceAreaFilter"}, {REDLIPS, "OpenglFaceAreaFilter"},
+        {WHITENING, "OpenglWhiteningFilter"}, {SMOOTHWHITENING, "OpenglSmoothAndWhiteningFilter"},
+        {BASICIMAGE, "OpenglBasicImageFilter"}, {STICKER, "OpenglStickerFilter"}};
+    for (const auto& [type, name] : made) {
+        std::unique_ptr<BeautyFilterBase> f(createImageFilter(type));
+        ASSERT_NE(f, nullptr) << name;
+        EXPECT_STREQ(f->metaObject()->className(), name);
+    }
+    std::unique_ptr<BeautyFilterBase> smooth(createImageFilter(SMOOTH)), lips(createImageFilter(REDLIPS));
+    smooth->setParas({{smooth_strength, 30}});
+    EXPECT_EQ(lips->paras().at(smooth_strength), 0) << "one object per type";
+    for (int t : {0, 7, 8, 9, 10, 11, 12, 13, 15, -1})
+        EXPECT_EQ(createImageFilter(static_cast<ImageFilterType>(t)), nullptr) << t;
 }

@@ -9,7 +9,6 @@
 #include <gtest/gtest.h>
 
 #include "LogCapture.h"
-#include "filters/FilterFactory.h"
 #include "filters/OpenglBasicImageFilter.h"
 #include "filters/OpenglFaceAreaFilter.h"
 #include "filters/OpenglSlimFaceFilter.h"
@@ -192,24 +191,6 @@ TEST(FilterSetParas, RegisteredKeysAndThePageFittedToTheChannel)
         EXPECT_EQ(cv::Point2f(f.firstPageWidth(), f.firstPageHeight()), cv::Point2f(wantW, wantH)) << pageW;
         EXPECT_EQ(f.paras().at(first_page_width), wantW);
     }
-}
-
-TEST(FilterFactory, OneNewObjectOfTheRightClassPerFaceType)
-{
-    const std::pair<ImageFilterType, const char*> made[] = {
-        {SLIMFACE, "OpenglSlimFaceFilter"}, {SMOOTH, "OpenglFaceAreaFilter"}, {REDLIPS, "OpenglFaceAreaFilter"},
-        {WHITENING, "OpenglWhiteningFilter"}, {SMOOTHWHITENING, "OpenglSmoothAndWhiteningFilter"},
-        {BASICIMAGE, "OpenglBasicImageFilter"}, {STICKER, "OpenglStickerFilter"}};
-    for (const auto& [type, name] : made) {
-        std::unique_ptr<BeautyFilterBase> f(createImageFilter(type));
-        ASSERT_NE(f, nullptr) << name;
-        EXPECT_STREQ(f->metaObject()->className(), name);
-    }
-    std::unique_ptr<BeautyFilterBase> smooth(createImageFilter(SMOOTH)), lips(createImageFilter(REDLIPS));
-    smooth->setParas({{smooth_strength, 30}});
-    EXPECT_EQ(lips->paras().at(smooth_strength), 0) << "one object per type";
-    for (int t : {0, 7, 8, 9, 10, 11, 12, 13, 15, -1})
-        EXPECT_EQ(createImageFilter(static_cast<ImageFilterType>(t)), nullptr) << t;
 }
 
 // A routine marks the widened area of the last face inside the picture and

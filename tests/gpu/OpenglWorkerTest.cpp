@@ -7,7 +7,7 @@
 
 #include "LogCapture.h"
 #include "filters/BeautyFilterBase.h"
-#include "filters/FilterFactory.h"
+#include "channel/FilterKinds.h"
 #include "filters/OpenglBasicImageFilter.h"
 #include "gpu/OpenglChannelWorker.h"
 #include "scene/TextureBuffer.h"

@@ -9,6 +9,7 @@
 #include "LogCapture.h"
 #include "shader/OpenGLHelper.h"
 #include "shader/ShaderReference.h"
+#include "shader/UniformCache.h"
 
 using namespace OpenGLHelper;
 
@@ -90,6 +91,40 @@ TEST(ShaderWorker, BuildingStopsAtTheFirstBadStage)
     EXPECT_FALSE(log.contains("Can not load shader"));
     EXPECT_FALSE(ShaderWorker(":/filters/image_filter_vertex.glsl", ":/filters/missing.glsl").isInitialised());
     EXPECT_TRUE(log.contains("Can not load shader :/filters/missing.glsl"));
+}
+
+// Uniform locations are looked up once per program: a name asked again comes
+// from the program's table (a name it lacks too, as -1), a second program
+// has a table of its own, and what the table gives is what GL gives.
+TEST(ShaderWorker, UniformLocationsAreLookedUpOncePerProgram)
+{
+    gltest::ScopedContext gl;
+    ASSERT_TRUE(gl.ok);
+    ShaderWorker basic(":/filters/basic_image_filter_vertex.glsl", ":/filters/basic_image_filter_fragment.glsl");
+    ShaderWorker whitening(":/filters/whitening_filter_vertex.glsl", ":/filters/whitening_filter_fragment.glsl");
+    ASSERT_TRUE(basic.isInitialised());
+    ASSERT_TRUE(whitening.isInitialised());
+    QOpenGLShaderProgram* program = basic.shaderProgram();
+    const int before = uniforms::cachedNames(program);
+    const int brightness = uniforms::location(program, "brightness");
+    EXPECT_GE(brightness, 0);
+    EXPECT_EQ(brightness, program->uniformLocation("brightness"));
+    EXPECT_EQ(uniforms::location(program, "brightness"), brightness);
+    EXPECT_EQ(uniforms::location(program, "noSuchUniform"), -1);
+    EXPECT_EQ(uniforms::location(program, "noSuchUniform"), -1);
+    EXPECT_EQ(uniforms::cachedNames(program), before + 2);
+    // The other program's "whitening" is its own, not the first one's -1.
+    EXPECT_EQ(uniforms::location(whitening.shaderProgram(), "whitening"),
+              whitening.shaderProgram()->uniformLocation("whitening"));
+    EXPECT_GE(uniforms::location(whitening.shaderProgram(), "whitening"), 0);
+    EXPECT_EQ(uniforms::location(program, "whitening"), -1);
+    // A value set through the table reaches the program.
+    basic.bind();
+    uniforms::set(program, "brightness", 0.25f);
+    GLfloat read = 0;
+    gl.context.functions()->glGetUniformfv(program->programId(), brightness, &read);
+    EXPECT_FLOAT_EQ(read, 0.25f);
+    EXPECT_EQ(uniforms::location(nullptr, "brightness"), -1);
 }
 
 namespace {
