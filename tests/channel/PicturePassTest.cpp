@@ -69,7 +69,9 @@ TEST(PicturePass, AMirroredTiltTurnsTheSameWayOnScreen)
     const QImage c = plain.frame(picture::gradientPicture(), picture::settings([](auto& p) {
         p.isClip = 1, p.channelWidth = 32, p.channelHeight = 48, p.rotationY = 30;
     }));
-    EXPECT_TRUE(c.size() == QSize(32, 48) && qAlpha(c.pixel(31, 0)) == 0 && qAlpha(c.pixel(16, 24)) == 255);
+    ASSERT_EQ(c.size(), QSize(32, 48));
+    EXPECT_EQ(qAlpha(c.pixel(31, 0)), 0);
+    EXPECT_EQ(qAlpha(c.pixel(16, 24)), 255);
 }
 
 // A picture shrunk to a third reads the smaller levels made from this frame:
@@ -134,8 +136,10 @@ TEST(PicturePass, PageGateAndPages)
     EXPECT_EQ(sliver.pixelColor(0, 3000), QColor(Qt::blue));
     channel.fitPage(page, 0, 2, 640, 480);
     const QColor bar(245, 246, 247);
-    EXPECT_TRUE(page.size() == QSize(640, 480) && page.pixelColor(5, 119) == bar && page.pixelColor(5, 120) == Qt::red &&
-                page.pixelColor(5, 359) == Qt::red && page.pixelColor(5, 360) == bar);
+    ASSERT_EQ(page.size(), QSize(640, 480));
+    const std::pair<int, QColor> rows[] = {{119, bar}, {120, Qt::red}, {359, Qt::red}, {360, bar}};
+    for (const auto& [y, colour] : rows)
+        EXPECT_EQ(page.pixelColor(5, y), colour) << "row " << y;
 }
 
 TEST(PicturePass, BadSettingsWarnAtMostAndLeaveNoGlError)

@@ -58,8 +58,10 @@ TEST(FrameConverter, QImageToMatInBothChannelOrders)
         EXPECT_EQ(rgb.empty() && bgr.empty(), rgbType < 0);
         if (rgbType < 0)
             continue;
-        ASSERT_TRUE(rgb.type() == rgbType && bgr.type() == CV_8UC3);
-        ASSERT_TRUE(rgb.size() == cv::Size(5, 3) && bgr.size() == rgb.size());
+        ASSERT_EQ(rgb.type(), rgbType);
+        ASSERT_EQ(bgr.type(), CV_8UC3);
+        ASSERT_EQ(rgb.size(), cv::Size(5, 3));
+        ASSERT_EQ(bgr.size(), rgb.size());
         EXPECT_EQ(std::make_pair(rgb.data == image.constBits(), bgr.data == image.constBits()),
                   std::make_pair(rgbShares, bgrShares));
         for (int y = 0; y < 3; ++y)

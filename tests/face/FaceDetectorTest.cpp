@@ -136,7 +136,8 @@ TEST(DnnFaceDetector, WholePicturesRedFirstInLibraryRecordsOut)
     image.fill(QColor(250, 10, 20));
     d.detectImage(image, r.faceRects, r.keyPoints, r.faceTriplets, r.faceValueLists);
     ASSERT_EQ(d.seen.size(), 1u);
-    ASSERT_TRUE(d.seen[0].size() == cv::Size(31, 17) && d.seen[0].type() == CV_8UC4);
+    ASSERT_EQ(d.seen[0].size(), cv::Size(31, 17));
+    ASSERT_EQ(d.seen[0].type(), CV_8UC4);
     EXPECT_EQ(d.seen[0].at<cv::Vec4b>(16, 30), cv::Vec4b(250, 10, 20, 255));
     // Right and bottom become width and height, with no clipping.
     EXPECT_EQ(r.faceRects, (std::vector<cv::Rect>{{9, 9, 9, 9}, {10, 20, 100, 200}, {-5, 300, 65, 80}}));

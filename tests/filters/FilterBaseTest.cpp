@@ -102,7 +102,9 @@ TEST(FilterFaceInfo, OneFaceGivesAreaPointsAndParameters)
     const FaceDetectResult r = makeResult({{150, 120, 200, 200}}, true, 150, 120);
     f.updateFaceInfo(r, 640, 480);
     ASSERT_EQ(f.faceParas().size(), 1u);
-    ASSERT_TRUE(f.mouthPoints().size() == 1 && f.contourPoints().size() == 1 && f.facePoints().size() == 1);
+    ASSERT_EQ(f.mouthPoints().size(), 1u);
+    ASSERT_EQ(f.contourPoints().size(), 1u);
+    ASSERT_EQ(f.facePoints().size(), 1u);
     EXPECT_EQ(rectOf(f.faceParas()[0], true), cv::Rect(150, 120, 200, 200)) << "the raw box";
     EXPECT_EQ(rectOf(f.faceParas()[0]), cv::Rect(50, 80, 400, 280)) << "the widened area";
     EXPECT_EQ(f.faceParas()[0].at(smooth_strength), 70) << "the filter's own parameters in each face's map";

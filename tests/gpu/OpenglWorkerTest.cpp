@@ -60,19 +60,13 @@ FaceDetectResult detection(std::initializer_list<QPoint> offsets)
     return r;
 }
 
-const QImage& portrait()
-{
-    static const QImage image =
-        QImage(testutil::testDataPath("astronaut.png")).convertToFormat(QImage::Format_RGBA8888);
-    return image;
-}
+using testutil::portrait;
 
-// The portrait through the face passes of the filters of `types` from the
-// factory, each at `strength` with the frame's `faces`.
-QImage render(const std::vector<ImageFilterType>& types, const FaceDetectResult& faces, double strength,
-              bool firstFaceOnly = false, bool regions = true, bool* inPlace = nullptr)
+// The portrait through the face passes of `worker` with the filters of
+// `types` from their rows, each at `strength` with the frame's `faces`.
+QImage render(OpenglChannelWorker& worker, const std::vector<ImageFilterType>& types, const FaceDetectResult& faces,
+              double strength, bool firstFaceOnly = false, bool regions = true, bool* inPlace = nullptr)
 {
-    static OpenglChannelWorker worker(1, 1);
     worker.setRegionPasses(regions);
     std::vector<std::unique_ptr<BeautyFilterBase>> owned;
     OpenglChannelWorker::FilterMap filters;
@@ -91,6 +85,12 @@ QImage render(const std::vector<ImageFilterType>& types, const FaceDetectResult&
     return out;
 }
 
+// Each face-chain test draws with a worker of its own.
+class FaceChain : public ::testing::Test {
+protected:
+    OpenglChannelWorker worker{1, 1};
+};
+
 }  // namespace
 
 TEST(OpenglWorker, FrameSizeDrivesTheFramebuffers)
@@ -99,14 +99,18 @@ TEST(OpenglWorker, FrameSizeDrivesTheFramebuffers)
     QImage a = testPicture(64, 32), b = testPicture(40, 48), c = testPicture(40, 20);
     // Empty frames are refused, before and after the first real one; another
     // width or height rebuilds both framebuffers.
-    EXPECT_FALSE(worker.doPreWork(nullptr, 64, 32) || worker.doPreWork(a.bits(), 0, 32) ||
-                 worker.doPreWork(a.bits(), 64, 0) || worker.isGlInited());
+    EXPECT_FALSE(worker.doPreWork(nullptr, 64, 32));
+    EXPECT_FALSE(worker.doPreWork(a.bits(), 0, 32));
+    EXPECT_FALSE(worker.doPreWork(a.bits(), 64, 0));
+    EXPECT_FALSE(worker.isGlInited());
     for (QImage* frame : {&a, &b, &c}) {
         ASSERT_TRUE(worker.doPreWork(frame->bits(), frame->width(), frame->height()));
-        EXPECT_TRUE(worker.frameFbo()->size() == frame->size() && worker.backFbo()->size() == frame->size());
+        EXPECT_EQ(worker.frameFbo()->size(), frame->size());
+        EXPECT_EQ(worker.backFbo()->size(), frame->size());
         worker.doneCurrent();
     }
-    EXPECT_TRUE(!worker.doPreWork(a.bits(), 0, 16) && worker.getFrameWidth() == 40);
+    EXPECT_FALSE(worker.doPreWork(a.bits(), 0, 16));
+    EXPECT_EQ(worker.getFrameWidth(), 40);
 }
 
 TEST(OpenglWorker, PassesDrawThePictureAsItIs)
@@ -138,7 +142,7 @@ TEST(OpenglWorker, PassesDrawThePictureAsItIs)
     EXPECT_TRUE(sameImage(worker.readBack(48, 16), image));
 }
 
-TEST(FaceChain, PassesWithoutWorkGiveTheInputBack)
+TEST_F(FaceChain, PassesWithoutWorkGiveTheInputBack)
 {
     FaceDetectResult atBorder = detection({{}}), fewPoints = detection({{}});
     atBorder.faceRects[0].x = 0;  // a detected box from x 0 gets no lips
@@ -154,28 +158,28 @@ TEST(FaceChain, PassesWithoutWorkGiveTheInputBack)
     };
     for (const auto& [types, faces, strength, warning] : cases) {
         LogCapture log;
-        EXPECT_TRUE(sameImage(render(types, faces, strength), portrait(), 1)) << strength;
+        EXPECT_TRUE(sameImage(render(worker, types, faces, strength), portrait(), 1)) << strength;
         EXPECT_TRUE(!*warning || log.contains(warning, QtWarningMsg)) << warning;
     }
 }
 
 // Even without faces, and after face passes that draw nothing, with the
 // filter's own strength.
-TEST(FaceChain, WhiteningDrawsOnceOverTheWholePicture)
+TEST_F(FaceChain, WhiteningDrawsOnceOverTheWholePicture)
 {
-    const QImage out = render({SLIMFACE, REDLIPS, SMOOTH, WHITENING}, {}, 60);
+    const QImage out = render(worker, {SLIMFACE, REDLIPS, SMOOTH, WHITENING}, {}, 60);
     EXPECT_TRUE(sameImage(out, reference::mapPixels(portrait(), [](reference::Colour c, int, int) {
         return reference::whitenAtStrength(c, 60);
     }), 1));
 }
 
-TEST(FaceChain, SmoothChangesOnlyTheFaceArea)
+TEST_F(FaceChain, SmoothChangesOnlyTheFaceArea)
 {
     std::unique_ptr<BeautyFilterBase> filter(createImageFilter(SMOOTH));
     filter->updateFaceInfo(detection({{}}), portrait().width(), portrait().height());
     const auto face = filter->faceParas().at(0);
     const QRectF area(face.at(face_area_x), face.at(face_area_y), face.at(face_area_width), face.at(face_area_height));
-    const QImage out = render({SMOOTH}, detection({{}}), 100);
+    const QImage out = render(worker, {SMOOTH}, detection({{}}), 100);
     // The shader's weight: a Gaussian over the face area, cut at exp(-4).
     EXPECT_TRUE(sameImage(out, portrait(), 0, "outside", [&](int x, int y) {
         const double fx = (x + 0.5 - area.x()) / area.width() - 0.5, fy = (y + 0.5 - area.y()) / area.height() - 0.5;
@@ -188,10 +192,11 @@ TEST(FaceChain, SmoothChangesOnlyTheFaceArea)
 // Every warp reaches one eye distance (44) around a contour point 5 to 27
 // (16 excepted); the chained moves add a few pixels at most. With the first
 // face only, the second stays as it is.
-TEST(FaceChain, SlimFaceMovesOnlyThePixelsNearTheJaws)
+TEST_F(FaceChain, SlimFaceMovesOnlyThePixelsNearTheJaws)
 {
     const FaceDetectResult faces = detection({{}, {152, 220}});
-    const QImage out = render({SLIMFACE}, faces, 300), firstOnly = render({SLIMFACE}, faces, 300, true);
+    const QImage out = render(worker, {SLIMFACE}, faces, 300);
+    const QImage firstOnly = render(worker, {SLIMFACE}, faces, 300, true);
     EXPECT_TRUE(sameImage(out, portrait(), 1, "far", [&](int x, int y) {
         for (const std::vector<int>& p : faces.keyPoints)
             for (int k = 5; k <= 27; ++k)
@@ -209,7 +214,7 @@ TEST(FaceChain, SlimFaceMovesOnlyThePixelsNearTheJaws)
 // On an opaque picture the passes work only in their regions, in place; the
 // picture is the one that whole-frame passes give, with one face, two faces
 // (the second near the first's regions), and the first of two only.
-TEST(FaceChain, RegionPassesGiveTheWholeFramePicture)
+TEST_F(FaceChain, RegionPassesGiveTheWholeFramePicture)
 {
     const std::vector<ImageFilterType> all = {SLIMFACE, REDLIPS, SMOOTH, WHITENING};
     const std::tuple<const char*, FaceDetectResult, double, bool> cases[] = {
@@ -220,9 +225,9 @@ TEST(FaceChain, RegionPassesGiveTheWholeFramePicture)
     };
     for (const auto& [name, faces, strength, firstOnly] : cases) {
         bool inPlace = false;
-        const QImage regions = render(all, faces, strength, firstOnly, true, &inPlace);
+        const QImage regions = render(worker, all, faces, strength, firstOnly, true, &inPlace);
         EXPECT_TRUE(inPlace) << name;
-        EXPECT_TRUE(sameImage(regions, render(all, faces, strength, firstOnly, false), 1, name)) << name;
+        EXPECT_TRUE(sameImage(regions, render(worker, all, faces, strength, firstOnly, false), 1, name)) << name;
     }
     // A translucent pixel anywhere sends the frame through the whole-frame passes.
     QImage translucent = portrait().copy();

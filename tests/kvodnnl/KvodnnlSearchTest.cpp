@@ -19,7 +19,7 @@ using KVOAI::smoothing::FaceFilter;
 
 cv::Mat portraitRgb()
 {
-    const QImage image = QImage(testutil::testDataPath("astronaut.png")).convertToFormat(QImage::Format_RGB888);
+    const QImage image = testutil::portrait(QImage::Format_RGB888);
     return cv::Mat(image.height(), image.width(), CV_8UC3, const_cast<uchar*>(image.constBits()), image.bytesPerLine())
         .clone();
 }

@@ -222,9 +222,8 @@ TEST(OpenglFileMergerShare, HandshakeWaitsUntilTheChannelIsReady)
 
 TEST(OpenglFileMergerShare, ChannelResultReachesTheSceneThroughTheSharedTexture)
 {
-    QImage portrait(testutil::testDataPath("astronaut.png"));
+    QImage portrait = testutil::portrait().scaled(256, 256);
     ASSERT_FALSE(portrait.isNull());
-    portrait = portrait.convertToFormat(QImage::Format_RGBA8888).scaled(256, 256);
     TextureBuffer buffer;
     OpenglChannelWorker worker(7, kScene);
     worker.setTextureBuffer(&buffer);
