@@ -12,6 +12,9 @@
 
 #include "base/Logging.h"
 #include "convert/FrameConverter.h"
+#include "face/KeyPointLayout.h"
+#include "filters/FaceBoxes.h"
+#include "filters/PageFit.h"
 #include "lumen_fx/ImageFilterTypes.h"
 
 extern "C" {
@@ -59,47 +62,9 @@ void BeautyFilterBase::setParas(const ParaMap& paras)
         return;
 
     // Fit an imported page to the channel's class of resolution.
-    int targetW;
-    int targetH;
-    if (channelW > channelH) {
-        if (channelW < 1281 && channelH < 721) {
-            targetW = 1280;
-            targetH = 720;
-        } else {
-            targetW = 1920;
-            targetH = 1080;
-        }
-    } else {
-        if (channelW < 721 && channelH < 1281) {
-            targetW = 720;
-            targetH = 1280;
-        } else {
-            targetW = 1080;
-            targetH = 1920;
-        }
-    }
-    int w = truncToInt(firstPageWidth_);
-    int h = truncToInt(firstPageHeight_);
-    const double ratio = static_cast<double>(h) / static_cast<double>(w);
-    const bool landscape = targetW > targetH;
-    if (w > targetW && landscape) {
-        w = targetW;
-        h = truncToInt(targetW * ratio);
-    } else if (h > targetH && !landscape) {
-        h = targetH;
-        w = truncToInt(targetH / ratio);
-    }
-    // Texture limits; the caps differ on purpose.
-    if (h < w && w > 5760) {
-        w = 5760;
-        h = truncToInt(ratio * 5760.0);
-    }
-    if (h > w && h > 5400) {
-        h = 5400;
-        w = truncToInt(5400.0 / ratio);
-    }
-    w = w / 4 * 4;
-
+    const QSize page = pagefit::fitFirstPage(firstPageWidth_, firstPageHeight_, channelW, channelH);
+    const int w = page.width();
+    const int h = page.height();
     firstPageWidth_ = static_cast<float>(w);
     firstPageHeight_ = static_cast<float>(h);
     paras_[first_page_width] = w;
@@ -192,17 +157,10 @@ void BeautyFilterBase::updateFaceInfo(const FaceDetectResult& result, int width,
         return;
 
     const cv::Rect first = rects.front();
-    const float W = static_cast<float>(width);
-    const float H = static_cast<float>(height);
-
     for (size_t i = 0; i < rects.size(); ++i) {
         cv::Rect rect = rects[i];
-        // A later box starting strictly inside the first one is the same face.
-        if (i > 0 && rect.x > first.x && rect.x < first.x + first.width && rect.y > first.y
-            && rect.y < first.y + first.height)
-            continue;
-        if (rect.y < -0.2f * H || rect.x < -0.2f * W || rect.x + rect.width > 1.2f * W
-            || rect.y + rect.height > 1.2f * H)
+        if (!faceboxes::takesBox(i, rect, first, width, height, faceboxes::SameFace::StartsInside,
+                                 faceboxes::kFaceBounds))
             continue;
 
         paras_[detect_face_area_x] = rect.x;
@@ -224,11 +182,11 @@ void BeautyFilterBase::updateFaceInfo(const FaceDetectResult& result, int width,
             points = keyPoints[i];
             const size_t count = points.size() / 2;
             for (size_t k = 0; k < count; ++k) {
-                if (k >= 76 && k <= 95) {
+                if (k >= keypoints::kMouthFirst && k <= keypoints::kMouthLast) {
                     mouth.push_back(points[2 * k]);
                     mouth.push_back(points[2 * k + 1]);
                 }
-                if (k < 33) {
+                if (k <= keypoints::kContourLast) {
                     contour.push_back(points[2 * k]);
                     contour.push_back(points[2 * k + 1]);
                 }

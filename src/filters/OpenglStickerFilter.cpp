@@ -8,6 +8,7 @@
 #include <QSvgRenderer>
 
 #include "base/Logging.h"
+#include "filters/FaceBoxes.h"
 #include "lumen_fx/ImageFilterTypes.h"
 
 namespace {
@@ -116,17 +117,12 @@ void OpenglStickerFilter::updateFaceInfo(const FaceDetectResult& result, int wid
     if (rects.empty())
         return;
     const cv::Rect first = rects.front();
-    const float W = static_cast<float>(width);
-    const float H = static_cast<float>(height);
     for (size_t i = 0; i < rects.size(); ++i) {
         cv::Rect rect = rects[i];
-        // A later box starting inside the first one's span, across or down,
-        // is the same face; stricter than the other filters on purpose.
-        if (i > 0 && ((rect.x > first.x && rect.x < first.x + first.width)
-                      || (rect.y > first.y && rect.y < first.y + first.height)))
-            continue;
-        // A face touching the top or left edge gets no sticker.
-        if (rect.y < 0.01f * H || rect.x < 0.01f * W || rect.x + rect.width > W || rect.y + rect.height > 1.1f * H)
+        // Stricter than the face filters on purpose; a face touching the top
+        // or left edge gets no sticker.
+        if (!faceboxes::takesBox(i, rect, first, width, height, faceboxes::SameFace::StartsInSpan,
+                                 faceboxes::kStickerBounds))
             continue;
         rect = clampToFrame(rect, width, height);
         faceParas_.push_back(paras_);

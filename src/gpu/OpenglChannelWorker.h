@@ -11,6 +11,7 @@
 
 #include <opencv2/core/types.hpp>
 
+#include "face/KeyPointLayout.h"
 #include "filters/StickerInfo.h"
 #include "gpu/OpenglWorkerBase.h"
 #include "gpu/PictureGeometry.h"
@@ -120,7 +121,7 @@ public:
 
 protected:
     // 98 key points as x, y.
-    static constexpr int kFacePointFloats = 196;
+    static constexpr int kFacePointFloats = keypoints::kFloats;
     // The frame's pixels for doPreWork, which only checks that there are some:
     // bits() would detach the host's shared picture, a copy of it every frame.
     static uchar* frameData(const QImage& image) { return const_cast<uchar*>(image.constBits()); }

@@ -11,14 +11,15 @@
 
 #include <QMatrix4x4>
 
+#include "face/KeyPointLayout.h"
 #include "filters/StickerInfo.h"
 
 namespace stickerplacement {
 
 // The key points that size a sticker: the two pupils. Their horizontal
 // distance is the face's eye distance.
-constexpr int kLeftPupil = 96;
-constexpr int kRightPupil = 97;
+constexpr int kLeftPupil = keypoints::kLeftPupil;
+constexpr int kRightPupil = keypoints::kRightPupil;
 // The numbers a key point list needs for the eye distance: up to the right
 // pupil's x.
 constexpr size_t kEyeDistanceFloats = 2 * kRightPupil + 1;
