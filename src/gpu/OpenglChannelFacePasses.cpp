@@ -55,26 +55,37 @@ void OpenglChannelWorker::applyFaceFilters(const FilterMap& filters, const QImag
     if (filters.empty() || !fbo || !fboBack)
         return;
 
-    // Looked up by key, in this order whatever the map's order.
-    if (BeautyFilterBase* slim = findFilter(filters, SLIMFACE)) {
-        if (!slim->faceParas().empty()) {
-            drawSlimFace(slim, firstFaceOnly, false);
-            if (!inPlace)
-                copyPassAndFlip();
-        }
+    // The face passes in their fixed order, one row a filter type, whatever
+    // the map's order: whether the pass draws only with a face (and its result
+    // is then copied on to the other framebuffer), and how it draws.
+    using Draw = void (*)(OpenglChannelWorker&, BeautyFilterBase*, const FilterMap&, bool firstFaceOnly);
+    static const struct {
+        ImageFilterType type;
+        bool onlyWithFaces;
+        Draw draw;
+    } passes[] = {
+        {SLIMFACE, true,
+         [](OpenglChannelWorker& w, BeautyFilterBase* f, const FilterMap&, bool firstFaceOnly) {
+             w.drawSlimFace(f, firstFaceOnly, false);
+         }},
+        {REDLIPS, true,
+         [](OpenglChannelWorker& w, BeautyFilterBase* f, const FilterMap&, bool) { w.drawFaceArea(f, false); }},
+        {SMOOTH, false,
+         [](OpenglChannelWorker& w, BeautyFilterBase* f, const FilterMap&, bool) { w.drawSmooth(f, false); }},
+        // Over a smoothed picture, premultiplied.
+        {WHITENING, false,
+         [](OpenglChannelWorker& w, BeautyFilterBase* f, const FilterMap& all, bool) {
+             w.drawWhitening(f, findFilter(all, SMOOTH) != nullptr);
+         }},
+    };
+    for (const auto& pass : passes) {
+        BeautyFilterBase* filter = findFilter(filters, pass.type);
+        if (!filter || (pass.onlyWithFaces && filter->faceParas().empty()))
+            continue;
+        pass.draw(*this, filter, filters, firstFaceOnly);
+        if (pass.onlyWithFaces && !inPlace)
+            copyPassAndFlip();
     }
-    if (BeautyFilterBase* lips = findFilter(filters, REDLIPS)) {
-        if (!lips->faceParas().empty()) {
-            drawFaceArea(lips, false);
-            if (!inPlace)
-                copyPassAndFlip();
-        }
-    }
-    BeautyFilterBase* smooth = findFilter(filters, SMOOTH);
-    if (smooth)
-        drawSmooth(smooth, false);
-    if (BeautyFilterBase* whitening = findFilter(filters, WHITENING))
-        drawWhitening(whitening, smooth != nullptr);
     settleResult();
 }
 
