@@ -30,12 +30,7 @@ void OpenglChannelWorker::drawInput(QOpenGLFramebufferObject* target, const QIma
     imageProgram->resetMatrices();
     imageProgram->initVertices();
     imageProgram->drawStrip();
-    if (fromShare) {
-        textureBuffer->unbindTexture(context);
-    } else {
-        glActiveTexture(GL_TEXTURE0);
-        glBindTexture(GL_TEXTURE_2D, 0);
-    }
+    unbindInput(fromShare);
     imageProgram->setUniformFloat("premulAlpha", 0.0f);
     QOpenGLFramebufferObject::bindDefault();
 }
@@ -229,4 +224,14 @@ BeautyFilterBase* OpenglChannelWorker::findFilter(const FilterMap& filters, Imag
 {
     auto it = filters.find(type);
     return it == filters.end() ? nullptr : it->second;
+}
+
+void OpenglChannelWorker::unbindInput(bool fromShare)
+{
+    if (fromShare) {
+        textureBuffer->unbindTexture(context);
+    } else {
+        glActiveTexture(GL_TEXTURE0);
+        glBindTexture(GL_TEXTURE_2D, 0);
+    }
 }

@@ -11,6 +11,7 @@
 #include "base/Numbers.h"
 #include "filters/BeautyFilterBase.h"
 #include "gpu/GlTextures.h"
+#include "gpu/PixelReadback.h"
 #include "gpu/TextureExchange.h"
 #include "shader/ShaderWorker.h"
 
@@ -96,12 +97,7 @@ void OpenglChannelWorker::drawPicture(const QImage& image, BeautyFilterBase* fil
     }
     basicProgram->initVertices();
     basicProgram->drawStrip();
-    if (fromShare) {
-        textureBuffer->unbindTexture(context);
-    } else {
-        glActiveTexture(GL_TEXTURE0);
-        glBindTexture(GL_TEXTURE_2D, 0);
-    }
+    unbindInput(fromShare);
     if (!isClip)
         basicProgram->setUniformFloat("premulAlpha", 0.0f);
     QOpenGLFramebufferObject::bindDefault();
@@ -230,15 +226,8 @@ void OpenglChannelWorker::rebuildClipFbos(int width, int height)
     // The same two members as the frame's: a rebuild leaves them at the clip size.
     texelWidth = 1.0f / static_cast<float>(width);
     texelHeight = 1.0f / static_cast<float>(height);
-    for (QOpenGLBuffer* buffer : {&clipPackBufferA, &clipPackBufferB}) {
-        if (!buffer->isCreated()) {
-            buffer->create();
-            buffer->setUsagePattern(QOpenGLBuffer::StreamRead);
-        }
-        buffer->bind();
-        buffer->allocate(width * height * 4);
-        buffer->release();
-    }
+    for (QOpenGLBuffer* buffer : {&clipPackBufferA, &clipPackBufferB})
+        readback::allocate(*buffer, width * height * 4);
     gl::dropFbo(clipFbo);
     gl::dropFbo(clipRotateFbo);
     clipFbo = new QOpenGLFramebufferObject(width, height, gl::frameFormat());

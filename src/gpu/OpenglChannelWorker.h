@@ -155,6 +155,9 @@ protected:
     void outputStep(QImage& image, bool toImage);
     // The copy pass of the chain: current into the other framebuffer, flip.
     void copyPassAndFlip();
+    // Unbinds the picture a pass drew from: the shared write texture, or the
+    // picture's own texture on unit 0.
+    void unbindInput(bool fromShare);
     // One pass of `program` over `region` (rectangles of frame pixels) of the
     // current framebuffer: the region grown by `margin` (what the shader may
     // read around a pixel) is copied into the other framebuffer, and the pass

@@ -52,15 +52,8 @@ void OpenglWorkerBase::readFbo(int width, int height, uchar* dst)
 
 void OpenglWorkerBase::allocatePackBuffers(int width, int height)
 {
-    for (QOpenGLBuffer* buffer : {&packBufferA, &packBufferB}) {
-        if (!buffer->isCreated()) {
-            buffer->create();
-            buffer->setUsagePattern(QOpenGLBuffer::StreamRead);
-        }
-        buffer->bind();
-        buffer->allocate(width * height * 4);
-        buffer->release();
-    }
+    for (QOpenGLBuffer* buffer : {&packBufferA, &packBufferB})
+        readback::allocate(*buffer, width * height * 4);
 }
 
 void OpenglWorkerBase::readFboToBuffer(QOpenGLFramebufferObject* source, uchar* dst, int width, int height,

@@ -82,14 +82,17 @@ void PathBuffers::readRing(QOpenGLFunctions* gl, uchar* target, const Layout& la
     current = 1 - current;
 }
 
+void allocate(QOpenGLBuffer& buffer, int bytes)
+{
+    prepare(buffer, 0);
+    buffer.allocate(bytes);
+    buffer.release();
+}
+
 void PathBuffers::allocate(int bytes)
 {
-    for (int i = 0; i < kCount; ++i) {
-        QOpenGLBuffer& b = *buffer(i);
-        prepare(b, 0);
-        b.allocate(bytes);
-        b.release();
-    }
+    for (int i = 0; i < kCount; ++i)
+        readback::allocate(*buffer(i), bytes);
 }
 
 }  // namespace readback

@@ -42,6 +42,10 @@ void start(QOpenGLFunctions* gl, QOpenGLBuffer& buffer, const Layout& layout);
 // Copies what a read left in `buffer` into `target` and releases the buffer.
 void finish(QOpenGLBuffer& buffer, uchar* target, const Layout& layout);
 
+// Gives `buffer` `bytes` of storage, creating it for streaming reads where
+// needed; it is left unbound.
+void allocate(QOpenGLBuffer& buffer, int bytes);
+
 // Both: the bound framebuffer's pixels of this frame into `target`.
 void readNow(QOpenGLFunctions* gl, QOpenGLBuffer& buffer, uchar* target, const Layout& layout);
 
