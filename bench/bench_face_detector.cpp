@@ -162,6 +162,215 @@ void sequence(Stats& stats, int calls, const std::function<cv::Mat(int)>& pictur
     }
 }
 
+// The middle of the 1280 x 720 picture, where the face rests.
+const cv::Point2d kMiddle(640, 360);
+
+// What the sequences gather over all rounds.
+struct SequenceTotals {
+    Stats still{"still"}, moving{"moving"}, walkIn{"walk-in"}, cuts{"cuts"};
+    double jitterSum = 0, pointError = 0, centreError = 0, eyes = 0;
+    int jitterCount = 0, errorCount = 0, missed = 0, walkInFound = 0;
+    std::vector<cv::Point2d> reference;  // the still face's mean points
+};
+
+// Still: the jitter over calls 10 on, once the face has been found. The mean
+// points of the still face become the reference for the moving one.
+void runStill(SequenceTotals& t, int round)
+{
+    std::vector<std::vector<cv::Point2d>> seen;
+    sequence(t.still, 150, [&](int i) { return frame(kMiddle, round * 1000 + i); },
+             [&](int i, const std::vector<Face>& faces) {
+                 if (i >= 10 && faces.size() == 1)
+                     seen.push_back(pointsOf(faces[0]));
+                 t.missed += i >= 10 && faces.size() != 1;
+             });
+    if (seen.empty())
+        return;
+    t.reference.assign(seen[0].size(), cv::Point2d());
+    for (const auto& points : seen)
+        for (size_t k = 0; k < points.size(); ++k)
+            t.reference[k] += points[k] * (1.0 / seen.size());
+    for (const auto& points : seen)
+        for (size_t k = 0; k < points.size(); ++k, ++t.jitterCount) {
+            const cv::Point2d d = points[k] - t.reference[k];
+            t.jitterSum += d.dot(d);
+        }
+    t.eyes = cv::norm(t.reference[97] - t.reference[96]);
+}
+
+// The moving face's offset from the middle at call `i`: a swing of 150
+// pixels each way over 150 calls, after 10 calls at rest.
+double swing(int i)
+{
+    return i < 10 ? 0.0 : 150.0 * std::sin(2 * CV_PI * (i - 10) / 150.0);
+}
+
+// Moving: the error of the key points against the still face's, moved by
+// the swing.
+void runMoving(SequenceTotals& t, int round)
+{
+    sequence(t.moving, 160, [&](int i) { return frame(kMiddle + cv::Point2d(swing(i), 0), 50000 + round * 1000 + i); },
+             [&](int i, const std::vector<Face>& faces) {
+                 if (i < 10 || t.reference.empty())
+                     return;
+                 if (faces.size() != 1) {
+                     ++t.missed;
+                     return;
+                 }
+                 const std::vector<cv::Point2d> points = pointsOf(faces[0]);
+                 const cv::Point2d shift(swing(i), 0);
+                 for (size_t k = 0; k < points.size(); ++k)
+                     t.pointError += cv::norm(points[k] - t.reference[k] - shift) / points.size();
+                 t.centreError += cv::norm(meanOf(points) - meanOf(t.reference) - shift);
+                 ++t.errorCount;
+             });
+}
+
+// Walk-in: from outside the left edge to the middle at 8 pixels a call, then
+// still. The first round prints the call that first shows the face.
+void runWalkIn(SequenceTotals& t, int round)
+{
+    int firstSeen = -1;
+    sequence(t.walkIn, 150, [&](int i) { return frame(cv::Point2d(std::min(-120.0 + 8 * i, 640.0), 360), i); },
+             [&](int i, const std::vector<Face>& faces) {
+                 if (firstSeen < 0 && faces.size() == 1)
+                     firstSeen = i;
+             });
+    t.walkInFound += firstSeen >= 0;
+    if (round == 0)
+        std::printf("walk-in: the face is first shown at call %d, its centre then at x = %.0f\n", firstSeen,
+                    std::min(-120.0 + 8 * firstSeen, 640.0));
+}
+
+// Cuts: two pictures in turn.
+void runCuts(Stats& cuts)
+{
+    const cv::Mat a = frame(kMiddle + cv::Point2d(-200, 0), 1, 4.0, 60);
+    const cv::Mat b = frame(kMiddle + cv::Point2d(150, 40), 2, 4.0, 170);
+    sequence(cuts, 60, [&](int i) { return i % 2 ? b : a; }, [](int, const std::vector<Face>&) {});
+}
+
+// The times of each sequence and of all of them pooled, then the jitter and
+// the error of the key points.
+void printSequenceTotals(const SequenceTotals& t, int rounds)
+{
+    Stats all{"all"};
+    for (const Stats* s : {&t.still, &t.moving, &t.walkIn, &t.cuts})
+        all.ms.insert(all.ms.end(), s->ms.begin(), s->ms.end());
+    t.still.print();
+    t.moving.print();
+    t.walkIn.print();
+    t.cuts.print();
+    all.print();
+    std::printf("eye distance %.1f px; still jitter (RMS distance of a point from its mean) %.3f px\n", t.eyes,
+                std::sqrt(t.jitterSum / std::max(1, t.jitterCount)));
+    std::printf("moving: mean point error %.2f px (%.1f%% of the eye distance), mean centre error %.2f px (%.1f%%)\n",
+                t.pointError / std::max(1, t.errorCount), 100 * t.pointError / std::max(1, t.errorCount) / t.eyes,
+                t.centreError / std::max(1, t.errorCount), 100 * t.centreError / std::max(1, t.errorCount) / t.eyes);
+    std::printf("calls without the one face after the first 10: %d; walk-ins found %d of %d\n", t.missed,
+                t.walkInFound, rounds);
+}
+
+// First calls of new detectors, on a still picture and on one without faces.
+void runFirstCalls(int rounds)
+{
+    Stats first{"first"}, firstEmpty{"first-0"};
+    const cv::Mat face = frame(kMiddle, 7), empty = frame(cv::Point2d(-2000, 0), 8);
+    for (int i = 0; i < 10 * rounds; ++i)
+        for (Stats* s : {&first, &firstEmpty}) {
+            KVOAI::FaceDetector detector(KVOAI::DEFAULT, 1, 1);
+            const Clock::time_point start = Clock::now();
+            detector.Run(s == &first ? face : empty, false, false, 1, 1, 50.f);
+            s->ms.push_back(since(start));
+        }
+    first.print();
+    firstEmpty.print();
+}
+
+cv::Rect boxOf(const Face& f)
+{
+    return cv::Rect(f.box[0], f.box[1], f.box[2] - f.box[0], f.box[3] - f.box[1]);
+}
+
+// What one pass over the labelled pictures counts.
+struct LabelledTally {
+    int labels = 0, found = 0, falseFaces = 0, emptyPictures = 0;
+    Stats labelled{"labelled"};
+};
+
+// Counts and prints the faces found on `p` that overlap none of its labels.
+void countFalseFaces(LabelledTally& tally, const labelled::Picture& p, int call, const std::vector<Face>& faces)
+{
+    for (const Face& f : faces) {
+        const cv::Rect box = boxOf(f);
+        bool labelledFace = false;
+        for (const cv::Rect& label : p.faces)
+            labelledFace = labelledFace || labelled::overlap(box, label) > 0.1;
+        if (!labelledFace) {
+            ++tally.falseFaces;
+            std::printf("false face on %s at call %d: %d,%d %dx%d\n", p.name.c_str(), call + 1, box.x, box.y,
+                        box.width, box.height);
+        }
+    }
+}
+
+// Counts the labels of `p` and those of them that a face found overlaps.
+void countFound(LabelledTally& tally, const labelled::Picture& p, const std::vector<Face>& faces)
+{
+    tally.labels += static_cast<int>(p.faces.size());
+    for (const cv::Rect& label : p.faces)
+        for (const Face& f : faces)
+            if (labelled::overlap(boxOf(f), label) > 0.3) {
+                ++tally.found;
+                break;
+            }
+}
+
+// Hands `p` to the detector five times, a call every `interval` ms at most;
+// the recall is taken at the fifth call.
+void runLabelledPicture(KVOAI::FaceDetector& detector, const labelled::Picture& p, double interval,
+                        LabelledTally& tally)
+{
+    Stats& times = tally.labelled;
+    for (int call = 0; call < 5; ++call) {
+        const Clock::time_point start = Clock::now();
+        const double cpuStart = threadMilliseconds();
+        const std::vector<Face> faces = detector.Run(p.rgb, false, false, 1, 1, 50.f);
+        times.ms.push_back(since(start));
+        if (times.ms.back() >= 31.0 && times.slow() <= 5)
+            std::printf("slow call: %s (%dx%d), call %d: %.1f ms, %.1f ms of it on the calling thread's CPU\n",
+                        p.name.c_str(), p.rgb.cols, p.rgb.rows, call + 1, times.ms.back(),
+                        threadMilliseconds() - cpuStart);
+        countFalseFaces(tally, p, call, faces);
+        if (call == 4)
+            countFound(tally, p, faces);
+        const std::chrono::duration<double, std::milli> pause(interval);
+        std::this_thread::sleep_until(start + std::chrono::duration_cast<Clock::duration>(pause));
+    }
+}
+
+// Labelled pictures through one detector, each handed in five times: back to
+// back (`interval` 0), or as a camera at 30 frames a second would hand them
+// in (a call every 33 ms), which leaves the detector's own thread the time
+// between calls.
+void runLabelledPictures(double interval)
+{
+    KVOAI::FaceDetector detector(KVOAI::DEFAULT, 1, 1);
+    LabelledTally tally;
+    for (const labelled::Picture& p : labelled::withFaces(portrait, {40, 48, 56, 64, 72, 80}))
+        runLabelledPicture(detector, p, interval, tally);
+    for (const labelled::Picture& p : labelled::withoutFaces(portrait)) {
+        runLabelledPicture(detector, p, interval, tally);
+        ++tally.emptyPictures;
+    }
+    std::printf("labelled pictures %s:\n", interval > 0 ? "at 30 calls a second" : "back to back");
+    tally.labelled.print();
+    std::printf("  recall %d of %d faces 40-80 px wide (%.2f) at the fifth call; %d "
+                "false faces over all calls (%d pictures without faces among them)\n",
+                tally.found, tally.labels, tally.found / std::max(1.0, static_cast<double>(tally.labels)),
+                tally.falseFaces, tally.emptyPictures);
+}
+
 }  // namespace
 
 int main(int argc, char** argv)
@@ -172,153 +381,18 @@ int main(int argc, char** argv)
         std::fprintf(stderr, "testdata/astronaut.png not found; set LUMEN_TESTDATA_DIR\n");
         return 1;
     }
-    const cv::Point2d middle(640, 360);
     { KVOAI::FaceDetector warm(KVOAI::DEFAULT, 1, 1); }  // the models are read once per process
 
-    Stats still{"still"}, moving{"moving"}, walkIn{"walk-in"}, cuts{"cuts"}, all{"all"};
-    double jitterSum = 0, pointError = 0, centreError = 0, eyes = 0;
-    int jitterCount = 0, errorCount = 0, missed = 0, walkInFound = 0;
-    std::vector<cv::Point2d> reference;  // the still face's mean points
+    SequenceTotals totals;
     for (int round = 0; round < rounds; ++round) {
-        // Still: the jitter over calls 10 on, once the face has been found.
-        std::vector<std::vector<cv::Point2d>> seen;
-        sequence(still, 150, [&](int i) { return frame(middle, round * 1000 + i); },
-                 [&](int i, const std::vector<Face>& faces) {
-                     if (i >= 10 && faces.size() == 1)
-                         seen.push_back(pointsOf(faces[0]));
-                     missed += i >= 10 && faces.size() != 1;
-                 });
-        if (!seen.empty()) {
-            reference.assign(seen[0].size(), cv::Point2d());
-            for (const auto& points : seen)
-                for (size_t k = 0; k < points.size(); ++k)
-                    reference[k] += points[k] * (1.0 / seen.size());
-            for (const auto& points : seen)
-                for (size_t k = 0; k < points.size(); ++k, ++jitterCount) {
-                    const cv::Point2d d = points[k] - reference[k];
-                    jitterSum += d.dot(d);
-                }
-            eyes = cv::norm(reference[97] - reference[96]);
-        }
-        // Moving: a swing of 150 pixels each way over 150 calls, after 10
-        // calls at rest.
-        const auto swing = [](int i) { return i < 10 ? 0.0 : 150.0 * std::sin(2 * CV_PI * (i - 10) / 150.0); };
-        sequence(moving, 160, [&](int i) { return frame(middle + cv::Point2d(swing(i), 0), 50000 + round * 1000 + i); },
-                 [&](int i, const std::vector<Face>& faces) {
-                     if (i < 10 || reference.empty())
-                         return;
-                     if (faces.size() != 1) {
-                         ++missed;
-                         return;
-                     }
-                     const std::vector<cv::Point2d> points = pointsOf(faces[0]);
-                     const cv::Point2d shift(swing(i), 0);
-                     for (size_t k = 0; k < points.size(); ++k)
-                         pointError += cv::norm(points[k] - reference[k] - shift) / points.size();
-                     centreError += cv::norm(meanOf(points) - meanOf(reference) - shift);
-                     ++errorCount;
-                 });
-        // Walk-in: from outside the left edge to the middle at 8 pixels a
-        // call, then still.
-        int firstSeen = -1;
-        sequence(walkIn, 150, [&](int i) { return frame(cv::Point2d(std::min(-120.0 + 8 * i, 640.0), 360), i); },
-                 [&](int i, const std::vector<Face>& faces) {
-                     if (firstSeen < 0 && faces.size() == 1)
-                         firstSeen = i;
-                 });
-        walkInFound += firstSeen >= 0;
-        if (round == 0)
-            std::printf("walk-in: the face is first shown at call %d, its centre then at x = %.0f\n", firstSeen,
-                        std::min(-120.0 + 8 * firstSeen, 640.0));
-        // Cuts: two pictures in turn.
-        const cv::Mat a = frame(middle + cv::Point2d(-200, 0), 1, 4.0, 60), b = frame(middle + cv::Point2d(150, 40), 2, 4.0, 170);
-        sequence(cuts, 60, [&](int i) { return i % 2 ? b : a; }, [](int, const std::vector<Face>&) {});
+        runStill(totals, round);
+        runMoving(totals, round);
+        runWalkIn(totals, round);
+        runCuts(totals.cuts);
     }
-    for (const Stats* s : {&still, &moving, &walkIn, &cuts})
-        all.ms.insert(all.ms.end(), s->ms.begin(), s->ms.end());
-    still.print();
-    moving.print();
-    walkIn.print();
-    cuts.print();
-    all.print();
-    std::printf("eye distance %.1f px; still jitter (RMS distance of a point from its mean) %.3f px\n", eyes,
-                std::sqrt(jitterSum / std::max(1, jitterCount)));
-    std::printf("moving: mean point error %.2f px (%.1f%% of the eye distance), mean centre error %.2f px (%.1f%%)\n",
-                pointError / std::max(1, errorCount), 100 * pointError / std::max(1, errorCount) / eyes,
-                centreError / std::max(1, errorCount), 100 * centreError / std::max(1, errorCount) / eyes);
-    std::printf("calls without the one face after the first 10: %d; walk-ins found %d of %d\n", missed, walkInFound,
-                rounds);
-
-    // First calls of new detectors, on a still picture and on one without faces.
-    Stats first{"first"}, firstEmpty{"first-0"};
-    const cv::Mat face = frame(middle, 7), empty = frame(cv::Point2d(-2000, 0), 8);
-    for (int i = 0; i < 10 * rounds; ++i)
-        for (Stats* s : {&first, &firstEmpty}) {
-            KVOAI::FaceDetector detector(KVOAI::DEFAULT, 1, 1);
-            const Clock::time_point start = Clock::now();
-            detector.Run(s == &first ? face : empty, false, false, 1, 1, 50.f);
-            s->ms.push_back(since(start));
-        }
-    first.print();
-    firstEmpty.print();
-
-    // Labelled pictures through one detector, each handed in five times:
-    // back to back, and as a camera at 30 frames a second would hand them
-    // in (a call every 33 ms), which leaves the detector's own thread the
-    // time between calls.
-    for (const double interval : {0.0, 1000.0 / 30.0}) {
-        KVOAI::FaceDetector detector(KVOAI::DEFAULT, 1, 1);
-        int labels = 0, found = 0, falseFaces = 0, emptyPictures = 0;
-        Stats labelled{"labelled"};
-        const auto run = [&](const labelled::Picture& p) {
-            for (int call = 0; call < 5; ++call) {
-                const Clock::time_point start = Clock::now();
-                const double cpuStart = threadMilliseconds();
-                const std::vector<Face> faces = detector.Run(p.rgb, false, false, 1, 1, 50.f);
-                labelled.ms.push_back(since(start));
-                if (labelled.ms.back() >= 31.0 && labelled.slow() <= 5)
-                    std::printf("slow call: %s (%dx%d), call %d: %.1f ms, %.1f ms of it on the calling thread's "
-                                "CPU\n",
-                                p.name.c_str(), p.rgb.cols, p.rgb.rows, call + 1, labelled.ms.back(),
-                                threadMilliseconds() - cpuStart);
-                for (const Face& f : faces) {
-                    const cv::Rect box(f.box[0], f.box[1], f.box[2] - f.box[0], f.box[3] - f.box[1]);
-                    bool labelledFace = false;
-                    for (const cv::Rect& label : p.faces)
-                        labelledFace = labelledFace || labelled::overlap(box, label) > 0.1;
-                    if (!labelledFace) {
-                        ++falseFaces;
-                        std::printf("false face on %s at call %d: %d,%d %dx%d\n", p.name.c_str(), call + 1, box.x,
-                                    box.y, box.width, box.height);
-                    }
-                }
-                if (call == 4) {
-                    labels += static_cast<int>(p.faces.size());
-                    for (const cv::Rect& label : p.faces)
-                        for (const Face& f : faces)
-                            if (labelled::overlap(
-                                    cv::Rect(f.box[0], f.box[1], f.box[2] - f.box[0], f.box[3] - f.box[1]), label)
-                                > 0.3) {
-                                ++found;
-                                break;
-                            }
-                }
-                const std::chrono::duration<double, std::milli> pause(interval);
-                std::this_thread::sleep_until(start + std::chrono::duration_cast<Clock::duration>(pause));
-            }
-        };
-        for (const labelled::Picture& p : labelled::withFaces(portrait, {40, 48, 56, 64, 72, 80}))
-            run(p);
-        for (const labelled::Picture& p : labelled::withoutFaces(portrait)) {
-            run(p);
-            ++emptyPictures;
-        }
-        std::printf("labelled pictures %s:\n", interval > 0 ? "at 30 calls a second" : "back to back");
-        labelled.print();
-        std::printf("  recall %d of %d faces 40-80 px wide (%.2f) at the fifth call; %d "
-                    "false faces over all calls (%d pictures without faces among them)\n",
-                    found, labels, found / std::max(1.0, static_cast<double>(labels)), falseFaces,
-                    emptyPictures);
-    }
+    printSequenceTotals(totals, rounds);
+    runFirstCalls(rounds);
+    for (const double interval : {0.0, 1000.0 / 30.0})
+        runLabelledPictures(interval);
     return 0;
 }

@@ -112,6 +112,193 @@ double processCpuSeconds()
     return t.tv_sec + t.tv_nsec / 1e9;
 }
 
+const int kPool = 8;
+const double kWarmUpSeconds = 3.0;
+
+// The scene and its channels as the host sets them up.
+struct Classroom {
+    OpenglImageManager* manager = nullptr;
+    int scene = -1;
+    int channelCount = 0;
+    std::vector<int> channels;
+    QList<_channel_merge_param> params;     // each channel's cell in the merged picture
+    std::vector<QPoint> stampAt;            // where each channel's stamp lands in the merged picture
+    std::vector<std::vector<QImage>> pool;  // each channel's camera buffers
+};
+
+// Adds channel `index` with all four face effects and gives it its cell in a
+// merged picture of `columns` x `rows` cells.
+void addChannel(Classroom& room, int index, int columns, int rows)
+{
+    OpenglImageManager* manager = room.manager;
+    const int channel = manager->genChannelFilters(room.scene, true);
+    room.channels.push_back(channel);
+    _strength_param smooth{60, true}, lips{60, true}, whitening{60, true};
+    _slim_face_param slim{60};
+    manager->addChannelImageFilter(room.scene, channel, SMOOTH, &smooth);
+    manager->addChannelImageFilter(room.scene, channel, REDLIPS, &lips);
+    manager->addChannelImageFilter(room.scene, channel, WHITENING, &whitening);
+    manager->addChannelImageFilter(room.scene, channel, SLIMFACE, &slim);
+    _channel_merge_param p;
+    p.channelId = channel;
+    p.rect = QRect((index % columns) * kMergeWidth / columns, (index / columns) * kMergeHeight / rows,
+                   kMergeWidth / columns, kMergeHeight / rows);
+    room.params.append(p);
+}
+
+// Where each channel's stamp lands in the merged picture: the frame is fitted
+// into its cell and centred.
+std::vector<QPoint> stampPositions(const QList<_channel_merge_param>& params)
+{
+    std::vector<QPoint> stampAt;
+    for (const _channel_merge_param& p : params) {
+        const double k = std::min(double(p.rect.width()) / kFrameWidth, double(p.rect.height()) / kFrameHeight);
+        const QPointF origin(p.rect.x() + (p.rect.width() - kFrameWidth * k) / 2,
+                             p.rect.y() + (p.rect.height() - kFrameHeight * k) / 2);
+        stampAt.push_back((origin + QPointF(kStamp.center()) * k).toPoint());
+    }
+    return stampAt;
+}
+
+// One scene with `channelCount` channels, each with its own camera frame
+// copied into a pool of buffers.
+Classroom setUpClassroom(const QImage& portrait, int channelCount)
+{
+    Classroom room;
+    room.manager = OpenglImageManager::instance();
+    room.scene = room.manager->genSceneFilters();
+    room.channelCount = channelCount;
+    std::vector<QImage> frames;
+    const int columns = channelCount <= 1 ? 1 : channelCount <= 4 ? 2 : 3;
+    const int rows = (channelCount + columns - 1) / columns;
+    for (int i = 0; i < channelCount; ++i) {
+        addChannel(room, i, columns, rows);
+        frames.push_back(cameraFrame(portrait, i));
+    }
+    room.stampAt = stampPositions(room.params);
+    room.pool.resize(channelCount);
+    for (int i = 0; i < channelCount; ++i)
+        for (int k = 0; k < kPool; ++k)
+            room.pool[i].push_back(frames[i].copy());
+    return room;
+}
+
+// What the run saw once the warm-up was over.
+struct Measurement {
+    int newPictures = 0, fetched = 0, rounds = 0, copiedFrames = 0;
+    std::vector<int> lastStamp;    // the stamp level of each channel in the picture fetched before
+    std::vector<int> channelNews;  // merged pictures with a new frame of each channel
+    std::map<int, ThreadTime> before, after;
+    double cpuBefore = 0;
+    double wall = 0, cpu = 0;
+    std::chrono::steady_clock::time_point measureStart;
+    QImage merged;  // the last merged picture fetched
+};
+
+// Stamps each channel's next buffer with the frame's level and hands it in.
+void sendFrames(Classroom& room, int frameNumber, Measurement& m)
+{
+    for (int i = 0; i < room.channelCount; ++i) {
+        // A camera hands out frames from a small pool of buffers: by the
+        // time a buffer comes round again the engine has let it go, and
+        // the stamp is painted without a copy.
+        QImage& frame = room.pool[i][frameNumber % kPool];
+        m.copiedFrames += frame.isDetached() ? 0 : 1;
+        QPainter(&frame).fillRect(kStamp, QColor::fromRgb(QRgb(0x010101u * stampLevel(frameNumber + 7 * i))));
+        room.manager->sendChannelFrame(room.scene, room.channels[i], frame, false, true, false);
+    }
+}
+
+// Counts the merged picture just fetched as new when any channel's stamp in
+// it changed, and each channel whose stamp changed.
+void countNews(const Classroom& room, Measurement& m)
+{
+    ++m.fetched;
+    bool isNew = false;
+    for (int i = 0; i < room.channelCount; ++i) {
+        const int level = qGray(m.merged.pixel(room.stampAt[i]));
+        if (level != m.lastStamp[i]) {
+            isNew = true;
+            ++m.channelNews[i];
+        }
+        m.lastStamp[i] = level;
+    }
+    m.newPictures += isNew ? 1 : 0;
+}
+
+// Hands in a round of frames and asks for and fetches a merge `rate` times a
+// second, for the warm-up and then `seconds` measured.
+Measurement runClassroom(Classroom& room, double seconds, double rate)
+{
+    Measurement m;
+    m.lastStamp.assign(room.channelCount, -1);
+    m.channelNews.assign(room.channelCount, 0);
+    const auto interval = std::chrono::duration<double>(1.0 / rate);
+    auto next = std::chrono::steady_clock::now();
+    const auto start = next;
+    bool measuring = false;
+    for (int frameNumber = 0;; ++frameNumber) {
+        const double elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        if (!measuring && elapsed >= kWarmUpSeconds) {
+            measuring = true;
+            m.before = threadTimes();
+            m.cpuBefore = processCpuSeconds();
+            m.measureStart = std::chrono::steady_clock::now();
+        }
+        if (elapsed >= kWarmUpSeconds + seconds)
+            break;
+        sendFrames(room, frameNumber, m);
+        room.manager->mergeImages(room.scene, room.params, kMergeWidth, kMergeHeight, QColor(30, 30, 30), QImage(),
+                                  QImage());
+        if (room.manager->getMergeImg(room.scene, m.merged) && measuring)
+            countNews(room, m);
+        m.rounds += measuring ? 1 : 0;
+        next += std::chrono::duration_cast<std::chrono::steady_clock::duration>(interval);
+        std::this_thread::sleep_until(next);
+    }
+    m.wall = std::chrono::duration<double>(std::chrono::steady_clock::now() - m.measureStart).count();
+    m.cpu = processCpuSeconds() - m.cpuBefore;
+    m.after = threadTimes();
+    return m;
+}
+
+// The CPU time each group of threads used while measured, and in `total`
+// that of all threads.
+std::map<std::string, double> timeByGroup(const Measurement& m, long hostTid, double& total)
+{
+    std::map<std::string, double> groups;
+    total = 0;
+    for (const auto& [tid, t] : m.after) {
+        auto b = m.before.find(tid);
+        const double used = t.seconds - (b == m.before.end() ? 0.0 : b->second.seconds);
+        groups[groupOf(t.name, tid == hostTid)] += used;
+        total += used;
+    }
+    return groups;
+}
+
+void printReport(const Classroom& room, const Measurement& m, double rate, long hostTid)
+{
+    double threadsTotal = 0;
+    const std::map<std::string, double> groups = timeByGroup(m, hostTid, threadsTotal);
+    const double wall = m.wall;
+    std::printf("classroom: %d channels of %dx%d at %.0f frames a second, all four face effects, merged into %dx%d\n",
+                room.channelCount, kFrameWidth, kFrameHeight, rate, kMergeWidth, kMergeHeight);
+    std::printf("measured %.1f s after %.0f s of warm-up: %d rounds, %d merged pictures fetched\n", wall,
+                kWarmUpSeconds, m.rounds, m.fetched);
+    std::printf("new merged pictures a second: %.2f\n", m.newPictures / wall);
+    std::printf("frames the host had to copy (still held by the engine): %d\n", m.copiedFrames);
+    std::printf("channel frames seen a second:");
+    for (int i = 0; i < room.channelCount; ++i)
+        std::printf(" %.2f", m.channelNews[i] / wall);
+    std::printf("\nCPU time: %.2f s in %.1f s of wall time (%.2f cores busy)\n", m.cpu, wall, m.cpu / wall);
+    std::printf("share of CPU time by thread group:\n");
+    for (const auto& [group, used] : groups)
+        if (used > 0)
+            std::printf("  %-28s %5.1f%%  (%.2f s)\n", group.c_str(),
+                        threadsTotal > 0 ? 100.0 * used / threadsTotal : 0.0, used);
+}
+
 }  // namespace
 
 int main(int argc, char** argv)
@@ -132,126 +319,11 @@ int main(int argc, char** argv)
         return 1;
     }
 
-    OpenglImageManager* manager = OpenglImageManager::instance();
-    const int scene = manager->genSceneFilters();
-    std::vector<int> channels;
-    std::vector<QImage> frames;
-    QList<_channel_merge_param> params;
-    const int columns = channelCount <= 1 ? 1 : channelCount <= 4 ? 2 : 3;
-    const int rows = (channelCount + columns - 1) / columns;
-    for (int i = 0; i < channelCount; ++i) {
-        const int channel = manager->genChannelFilters(scene, true);
-        channels.push_back(channel);
-        frames.push_back(cameraFrame(portrait, i));
-        _strength_param smooth{60, true}, lips{60, true}, whitening{60, true};
-        _slim_face_param slim{60};
-        manager->addChannelImageFilter(scene, channel, SMOOTH, &smooth);
-        manager->addChannelImageFilter(scene, channel, REDLIPS, &lips);
-        manager->addChannelImageFilter(scene, channel, WHITENING, &whitening);
-        manager->addChannelImageFilter(scene, channel, SLIMFACE, &slim);
-        _channel_merge_param p;
-        p.channelId = channel;
-        p.rect = QRect((i % columns) * kMergeWidth / columns, (i / columns) * kMergeHeight / rows,
-                       kMergeWidth / columns, kMergeHeight / rows);
-        params.append(p);
-    }
+    Classroom room = setUpClassroom(portrait, channelCount);
     const long hostTid = static_cast<long>(gettid());
-
-    // Where each channel's stamp lands in the merged picture: the frame is
-    // fitted into its cell and centred.
-    std::vector<QPoint> stampAt;
-    for (const _channel_merge_param& p : params) {
-        const double k = std::min(double(p.rect.width()) / kFrameWidth, double(p.rect.height()) / kFrameHeight);
-        const QPointF origin(p.rect.x() + (p.rect.width() - kFrameWidth * k) / 2,
-                             p.rect.y() + (p.rect.height() - kFrameHeight * k) / 2);
-        stampAt.push_back((origin + QPointF(kStamp.center()) * k).toPoint());
-    }
-
-    const int kPool = 8;
-    std::vector<std::vector<QImage>> pool(channelCount);
-    for (int i = 0; i < channelCount; ++i)
-        for (int k = 0; k < kPool; ++k)
-            pool[i].push_back(frames[i].copy());
-    frames.clear();
-
-    const auto interval = std::chrono::duration<double>(1.0 / rate);
-    const double warmUp = 3.0;
-    auto next = std::chrono::steady_clock::now();
-    const auto start = next;
-    std::vector<int> lastStamp(channelCount, -1);
-    std::vector<int> channelNews(channelCount, 0);
-    int newPictures = 0, fetched = 0, rounds = 0, copiedFrames = 0;
-    bool measuring = false;
-    std::map<int, ThreadTime> before;
-    double cpuBefore = 0;
-    std::chrono::steady_clock::time_point measureStart;
-    QImage merged;
-    for (int frameNumber = 0;; ++frameNumber) {
-        const double elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-        if (!measuring && elapsed >= warmUp) {
-            measuring = true;
-            before = threadTimes();
-            cpuBefore = processCpuSeconds();
-            measureStart = std::chrono::steady_clock::now();
-        }
-        if (elapsed >= warmUp + seconds)
-            break;
-        for (int i = 0; i < channelCount; ++i) {
-            // A camera hands out frames from a small pool of buffers: by the
-            // time a buffer comes round again the engine has let it go, and
-            // the stamp is painted without a copy.
-            QImage& frame = pool[i][frameNumber % kPool];
-            copiedFrames += frame.isDetached() ? 0 : 1;
-            QPainter(&frame).fillRect(kStamp, QColor::fromRgb(QRgb(0x010101u * stampLevel(frameNumber + 7 * i))));
-            manager->sendChannelFrame(scene, channels[i], frame, false, true, false);
-        }
-        manager->mergeImages(scene, params, kMergeWidth, kMergeHeight, QColor(30, 30, 30), QImage(), QImage());
-        if (manager->getMergeImg(scene, merged) && measuring) {
-            ++fetched;
-            bool isNew = false;
-            for (int i = 0; i < channelCount; ++i) {
-                const int level = qGray(merged.pixel(stampAt[i]));
-                if (level != lastStamp[i]) {
-                    isNew = true;
-                    ++channelNews[i];
-                }
-                lastStamp[i] = level;
-            }
-            newPictures += isNew ? 1 : 0;
-        }
-        rounds += measuring ? 1 : 0;
-        next += std::chrono::duration_cast<std::chrono::steady_clock::duration>(interval);
-        std::this_thread::sleep_until(next);
-    }
-    const double wall = std::chrono::duration<double>(std::chrono::steady_clock::now() - measureStart).count();
-    const double cpu = processCpuSeconds() - cpuBefore;
-    const std::map<int, ThreadTime> after = threadTimes();
-
-    std::map<std::string, double> groups;
-    double threadsTotal = 0;
-    for (const auto& [tid, t] : after) {
-        auto b = before.find(tid);
-        const double used = t.seconds - (b == before.end() ? 0.0 : b->second.seconds);
-        groups[groupOf(t.name, tid == hostTid)] += used;
-        threadsTotal += used;
-    }
-
-    std::printf("classroom: %d channels of %dx%d at %.0f frames a second, all four face effects, merged into %dx%d\n",
-                channelCount, kFrameWidth, kFrameHeight, rate, kMergeWidth, kMergeHeight);
-    std::printf("measured %.1f s after %.0f s of warm-up: %d rounds, %d merged pictures fetched\n", wall, warmUp,
-                rounds, fetched);
-    std::printf("new merged pictures a second: %.2f\n", newPictures / wall);
-    std::printf("frames the host had to copy (still held by the engine): %d\n", copiedFrames);
-    std::printf("channel frames seen a second:");
-    for (int i = 0; i < channelCount; ++i)
-        std::printf(" %.2f", channelNews[i] / wall);
-    std::printf("\nCPU time: %.2f s in %.1f s of wall time (%.2f cores busy)\n", cpu, wall, cpu / wall);
-    std::printf("share of CPU time by thread group:\n");
-    for (const auto& [group, used] : groups)
-        if (used > 0)
-            std::printf("  %-28s %5.1f%%  (%.2f s)\n", group.c_str(), threadsTotal > 0 ? 100.0 * used / threadsTotal : 0.0,
-                        used);
-    if (argc > 4 && !merged.isNull() && merged.save(argv[4]))
+    const Measurement m = runClassroom(room, seconds, rate);
+    printReport(room, m, rate, hostTid);
+    if (argc > 4 && !m.merged.isNull() && m.merged.save(argv[4]))
         std::printf("last merged picture: %s\n", argv[4]);
     std::fflush(stdout);
     return 0;

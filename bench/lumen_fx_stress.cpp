@@ -339,57 +339,80 @@ double growthPerMinute(const std::vector<std::pair<double, double>>& samples)
     return d == 0 ? 0.0 : 60.0 * (n * stm - st * sm) / d;
 }
 
-}  // namespace
-
-int main(int argc, char** argv)
-{
-    QGuiApplication app(argc, argv);
-    if (!openglAvailable(argv[0]))
-        return 1;
+// The command line: [SECONDS] [--threads N] [--samples FILE].
+struct Options {
     int seconds = 20;
     int threads = 5;
-    std::FILE* samplesFile = nullptr;
-    const QStringList args = app.arguments();
+    std::FILE* samplesFile = nullptr;  // open, with its header written, when --samples names a file
+};
+
+Options parseOptions(const QStringList& args)
+{
+    Options options;
     for (int i = 1; i < args.size(); ++i) {
         if (args[i] == "--threads" && i + 1 < args.size()) {
-            threads = std::max(1, args[++i].toInt());
+            options.threads = std::max(1, args[++i].toInt());
         } else if (args[i] == "--samples" && i + 1 < args.size()) {
-            samplesFile = std::fopen(qPrintable(args[++i]), "w");
-            if (samplesFile)
-                std::fprintf(samplesFile, "seconds,resident_mib,heap_in_use_mib,heap_mapped_mib,heap_mapped_blocks\n");
+            options.samplesFile = std::fopen(qPrintable(args[++i]), "w");
+            if (options.samplesFile)
+                std::fprintf(options.samplesFile,
+                             "seconds,resident_mib,heap_in_use_mib,heap_mapped_mib,heap_mapped_blocks\n");
         } else {
-            seconds = std::max(1, args[i].toInt());
+            options.seconds = std::max(1, args[i].toInt());
         }
     }
+    return options;
+}
 
-    Storm s;
-    s.m = OpenglImageManager::instance();
-    s.pictures = makePictures();
-    QTemporaryDir scratch;
-    s.stickerFiles = makeStickerFiles(scratch.path());
+// The control scene: one plain channel, fed and merged by the GUI thread only.
+struct Control {
+    int scene = -1;
+    int channel = -1;
+    QImage picture;
+    _channel_merge_param slot;
+};
 
-    // The control scene: one plain channel, fed and merged by the GUI thread only.
-    const int controlScene = s.m->genSceneFilters();
-    const int controlChannel = s.m->genChannelFilters(controlScene, true);
-    const QImage control = controlPicture();
-    _channel_merge_param controlSlot;
-    controlSlot.channelId = controlChannel;
-    controlSlot.rect = QRect(0, 0, 320, 240);
+Control makeControl(OpenglImageManager* m)
+{
+    Control control;
+    control.scene = m->genSceneFilters();
+    control.channel = m->genChannelFilters(control.scene, true);
+    control.picture = controlPicture();
+    control.slot.channelId = control.channel;
+    control.slot.rect = QRect(0, 0, 320, 240);
+    return control;
+}
 
-    for (int i = 0; i < 2; ++i)
-        s.scenes.push_back(s.m->genSceneFilters());
-    for (int scene : s.scenes)
-        s.addChannel(scene);
+// Hands the control picture in and asks for a merge of the control scene.
+void feedControl(Storm& s, const Control& control)
+{
+    s.m->sendChannelFrame(control.scene, control.channel, control.picture, false, true, false);
+    s.m->mergeImages(control.scene, {control.slot}, 320, 240, Qt::black, QImage(), QImage());
+}
 
-    const double startMiB = residentMiB();
-    std::printf("storm: %d s, %d host threads, resident %.0f MiB at start\n", seconds, threads, startMiB);
-    std::fflush(stdout);
+// Writes a sample, with the heap's figures, as a line of the CSV file.
+void writeSample(std::FILE* samplesFile, const std::pair<double, double>& sample)
+{
+    const struct mallinfo2 heap = mallinfo2();
+    std::fprintf(samplesFile, "%.2f,%.1f,%.1f,%.1f,%d\n", sample.first, sample.second, heap.uordblks / 1048576.0,
+                 heap.hblkhd / 1048576.0, int(heap.hblks));
+}
 
-    std::atomic<bool> running{true};
-    std::vector<std::thread> hosts;
-    for (int i = 0; i < threads; ++i)
-        hosts.emplace_back(hostThread, std::ref(s), 1234u + unsigned(i), std::cref(running), i == 0);
+void printProgress(qint64 now, const Counters& counters)
+{
+    std::printf("%3lld s: resident %.0f MiB, frames %ld, filter calls %ld, merges %ld, fetches %ld, "
+                "channels %ld\n",
+                now / 1000, residentMiB(), counters.frames.load(), counters.filters.load(), counters.merges.load(),
+                counters.fetches.load(), counters.channelsMade.load());
+}
 
+// The GUI thread's part of the storm for `seconds`: it feeds and merges the
+// control scene, now and then adds a channel, and samples resident memory
+// four times a second, printing it at the middle of the run and every 10 s.
+// Returns the samples as (seconds, MiB).
+std::vector<std::pair<double, double>> runGuiThread(Storm& s, const Control& control, int seconds,
+                                                    std::FILE* samplesFile)
+{
     std::vector<std::pair<double, double>> samples;
     QElapsedTimer timer;
     timer.start();
@@ -401,18 +424,14 @@ int main(int argc, char** argv)
     const qint64 totalMs = qint64(seconds) * 1000;
     while (timer.elapsed() < totalMs) {
         QCoreApplication::processEvents();
-        s.m->sendChannelFrame(controlScene, controlChannel, control, false, true, false);
-        s.m->mergeImages(controlScene, {controlSlot}, 320, 240, Qt::black, QImage(), QImage());
+        feedControl(s, control);
         if (rng() % 40 == 0)
             s.addChannel(s.scenes[rng() % s.scenes.size()]);
         const qint64 now = timer.elapsed();
         if (now >= nextSample) {
             samples.emplace_back(now / 1000.0, residentMiB());
-            if (samplesFile) {
-                const struct mallinfo2 heap = mallinfo2();
-                std::fprintf(samplesFile, "%.2f,%.1f,%.1f,%.1f,%d\n", samples.back().first, samples.back().second,
-                             heap.uordblks / 1048576.0, heap.hblkhd / 1048576.0, int(heap.hblks));
-            }
+            if (samplesFile)
+                writeSample(samplesFile, samples.back());
             nextSample += sampleMs;
         }
         if (!middlePrinted && now >= totalMs / 2) {
@@ -420,38 +439,40 @@ int main(int argc, char** argv)
             middlePrinted = true;
         }
         if (now >= nextReport) {
-            std::printf("%3lld s: resident %.0f MiB, frames %ld, filter calls %ld, merges %ld, fetches %ld, "
-                        "channels %ld\n",
-                        now / 1000, residentMiB(), s.counters.frames.load(), s.counters.filters.load(),
-                        s.counters.merges.load(), s.counters.fetches.load(), s.counters.channelsMade.load());
+            printProgress(now, s.counters);
             nextReport += 10000;
         }
         std::fflush(stdout);
         QThread::msleep(20);
     }
-    if (qEnvironmentVariableIsSet("LUMEN_STRESS_ABANDON")) {
-        // For heap profilers: what is live now shows as left at exit.
-        std::fflush(stdout);
-        std::_Exit(0);
-    }
-    running = false;
-    for (std::thread& t : hosts)
-        t.join();
+    return samples;
+}
 
-    // The control scene, untouched by the storm, must still show its input.
+// The control scene, untouched by the storm, must still show its input: it is
+// fed and merged for up to 5 s until the merged picture is within 2 levels of
+// it. Returns the worst difference of the last merged picture (256 when none
+// came).
+int settleControl(Storm& s, const Control& control)
+{
     QImage merged;
     int worst = 256;
     QElapsedTimer settle;
     settle.start();
     while (settle.elapsed() < 5000) {
-        s.m->sendChannelFrame(controlScene, controlChannel, control, false, true, false);
-        s.m->mergeImages(controlScene, {controlSlot}, 320, 240, Qt::black, QImage(), QImage());
+        feedControl(s, control);
         QCoreApplication::processEvents();
         QThread::msleep(70);
-        if (s.m->getMergeImg(controlScene, merged) && (worst = worstDifference(merged, control)) <= 2)
+        if (s.m->getMergeImg(control.scene, merged) && (worst = worstDifference(merged, control.picture)) <= 2)
             break;
     }
+    return worst;
+}
 
+// Prints the operations done, the resident memory and its growth after the
+// first third, and the control check. Returns whether the run passes.
+bool printResults(const Storm& s, const std::vector<std::pair<double, double>>& samples, int seconds,
+                  double startMiB, int worst)
+{
     // The growth after the first third (minutes 2 and 3 of a 3-minute storm):
     // the working set swings by hundreds of MiB as channels take big and small
     // pictures, so the slope is fitted to four samples a second.
@@ -462,15 +483,63 @@ int main(int argc, char** argv)
     }
     const double growth = growthPerMinute(settled);
     const bool growthChecked = seconds >= kGrowthCheckMinSeconds;
+    const Counters& c = s.counters;
     std::printf("operations: frames %ld, filter calls %ld, merges %ld, fetches %ld; channels made %ld, refused %ld\n",
-                s.counters.frames.load(), s.counters.filters.load(), s.counters.merges.load(),
-                s.counters.fetches.load(), s.counters.channelsMade.load(), s.counters.refused.load());
-    std::printf("resident: start %.0f MiB, middle (see above), end %.0f MiB; after the first third grows %.1f MiB a minute%s\n",
+                c.frames.load(), c.filters.load(), c.merges.load(), c.fetches.load(), c.channelsMade.load(),
+                c.refused.load());
+    std::printf("resident: start %.0f MiB, middle (see above), end %.0f MiB; after the first third grows %.1f MiB a "
+                "minute%s\n",
                 startMiB, residentMiB(), growth, growthChecked ? "" : " (checked on runs of 60 s or more)");
     std::printf("control scene: worst difference %d level(s)\n", worst);
-    if (samplesFile)
-        std::fclose(samplesFile);
-    const bool ok = worst <= 2 && (!growthChecked || growth <= kGrowthLimitMiBPerMinute);
+    return worst <= 2 && (!growthChecked || growth <= kGrowthLimitMiBPerMinute);
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    QGuiApplication app(argc, argv);
+    if (!openglAvailable(argv[0]))
+        return 1;
+    const Options options = parseOptions(app.arguments());
+
+    Storm s;
+    s.m = OpenglImageManager::instance();
+    s.pictures = makePictures();
+    QTemporaryDir scratch;
+    s.stickerFiles = makeStickerFiles(scratch.path());
+
+    // The control scene comes first, so that its ids are the first ones made.
+    const Control control = makeControl(s.m);
+    for (int i = 0; i < 2; ++i)
+        s.scenes.push_back(s.m->genSceneFilters());
+    for (int scene : s.scenes)
+        s.addChannel(scene);
+
+    const double startMiB = residentMiB();
+    std::printf("storm: %d s, %d host threads, resident %.0f MiB at start\n", options.seconds, options.threads,
+                startMiB);
+    std::fflush(stdout);
+
+    std::atomic<bool> running{true};
+    std::vector<std::thread> hosts;
+    for (int i = 0; i < options.threads; ++i)
+        hosts.emplace_back(hostThread, std::ref(s), 1234u + unsigned(i), std::cref(running), i == 0);
+    const std::vector<std::pair<double, double>> samples =
+        runGuiThread(s, control, options.seconds, options.samplesFile);
+    if (qEnvironmentVariableIsSet("LUMEN_STRESS_ABANDON")) {
+        // For heap profilers: what is live now shows as left at exit.
+        std::fflush(stdout);
+        std::_Exit(0);
+    }
+    running = false;
+    for (std::thread& t : hosts)
+        t.join();
+
+    const int worst = settleControl(s, control);
+    const bool ok = printResults(s, samples, options.seconds, startMiB, worst);
+    if (options.samplesFile)
+        std::fclose(options.samplesFile);
     std::printf("%s\n", ok ? "PASS" : "FAIL");
     std::fflush(stdout);
     return ok ? 0 : 1;
