@@ -56,8 +56,11 @@ void ImageFilters::process()
 {
     lastTickNs = nowNs();
     lastFpsChangeNs = lastTickNs;
-    while (!stopRequested)
+    while (!stopRequested) {
         tick();
+        if (channelWorker)
+            channelWorker->endGlTurn();  // no step keeps the driver's turn
+    }
     closeAll();
 }
 

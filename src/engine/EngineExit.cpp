@@ -11,6 +11,7 @@
 #include <QReadWriteLock>
 #include <opencv2/imgproc.hpp>
 
+#include "base/DriverLock.h"
 #include "base/Logging.h"
 #include "channel/ImageFilters.h"
 
@@ -39,6 +40,7 @@ void bringUpProcessWideState()
 
     QOffscreenSurface surface;
     surface.create();
+    GlDriverTurn turn;
     QOpenGLContext context;
     if (context.create() && context.makeCurrent(&surface)) {
         QOpenGLFunctions* f = context.functions();

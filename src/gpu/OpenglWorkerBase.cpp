@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <string>
 #include <vector>
 
 #include <QCoreApplication>
@@ -15,26 +16,20 @@
 #include <QWriteLocker>
 
 #include "base/ExitHooks.h"
+#include "base/DriverLock.h"
 #include "base/GlLock.h"
 #include "base/Logging.h"
 #include "gpu/GlTextures.h"
+#include "gpu/RasterizerThreads.h"
 #include "gpu/TextureExchange.h"
 #include "shader/ShaderWorker.h"
 
 namespace {
 
-// Mesa's software rasterizer, llvmpipe, hands each context's rasterization to
-// threads of its own. In the Mesa of Debian 12 its check whether a texture is
-// still used by a scene in flight races with those threads finishing the
-// scene: under many contexts resizing their textures it crashed the process
-// (twice in 25 minutes of the stress storm, never in the same time with the
-// setting below). The engine draws every channel and scene on a thread of its
-// own already, so rasterizing on that thread costs little. Set when the
-// library is loaded, before any context exists; a host's own choice stays.
-const bool rasterizeOnCallingThread = [] {
-    setenv("LP_NUM_THREADS", "0", 0);
-    return true;
-}();
+// Set when the library is loaded, before any context exists: Mesa's software
+// rasterizer reads it when the first context is made. Safe only because every
+// GL call of the process waits for its turn at the driver (base/DriverLock.h).
+const std::string rasterizerThreads = rasterizer::applyDefault();
 
 // Workers queued for deletion on the application's thread. Never destroyed:
 // a channel thread may still queue one while the process exits.
@@ -105,6 +100,7 @@ void OpenglWorkerBase::releaseContext()
     }
     releaseTextures();
     releaseGlObjects();
+    GlDriverTurn turn;
     const bool current = makeCurrent();
     deleteOwnGlObjects();
     if (current)
@@ -155,24 +151,46 @@ void OpenglWorkerBase::deleteDisposed()
 
 bool OpenglWorkerBase::makeCurrent()
 {
-    return context && context->makeCurrent(this);
+    if (!context)
+        return false;
+    if (!holdsDriverTurn) {
+        takeGlDriver();
+        holdsDriverTurn = true;
+    }
+    if (context->makeCurrent(this))
+        return true;
+    holdsDriverTurn = false;
+    releaseGlDriver();
+    return false;
 }
 
 void OpenglWorkerBase::doneCurrent()
 {
-    if (!context)
+    if (context) {
+        // Letting go of a context makes Mesa draw what is queued in it, and
+        // it does so holding the lock that every GLX call of the process
+        // takes. Handed to the rasterizer first, the release itself is short.
+        if (QOpenGLContext::currentContext() == context)
+            context->functions()->glFlush();
+        context->doneCurrent();
+    }
+    if (holdsDriverTurn) {
+        holdsDriverTurn = false;
+        releaseGlDriver();
+    }
+}
+
+void OpenglWorkerBase::endGlTurn()
+{
+    if (!holdsDriverTurn)
         return;
-    // Letting go of a context makes Mesa draw what is queued in it, and it
-    // does so holding the lock that every GLX call of the process takes: with
-    // the software rasteriser the other channels and scenes would wait for
-    // the whole frame. Drawn first, the release itself is short.
-    if (QOpenGLContext::currentContext() == context)
-        context->functions()->glFlush();
-    context->doneCurrent();
+    qCDebug(lcGpu) << "[OpenglWorkerBase::endGlTurn] a step ended with its context current; released";
+    doneCurrent();
 }
 
 bool OpenglWorkerBase::initContext()
 {
+    GlDriverTurn turn;
     QWriteLocker locker(&glLock());
     QSurfaceFormat surfaceFormat = requestedFormat();
     surfaceFormat.setVersion(3, 3);
@@ -279,6 +297,7 @@ void OpenglWorkerBase::releaseGlObjects()
 {
     if (!context)
         return;
+    GlDriverTurn turn;
     QWriteLocker locker(&glLock());
     makeCurrent();
     for (QOpenGLBuffer* buffer : pixelBuffers) {
@@ -324,6 +343,7 @@ void OpenglWorkerBase::onClearAll()
 {
     // Runs on the destroying thread, which may not be the context's: no
     // makeCurrent here.
+    GlDriverTurn turn;
     QWriteLocker locker(&glLock());
     for (QOpenGLBuffer* buffer : pixelBuffers)
         buffer->destroy();

@@ -129,8 +129,12 @@ public:
         *width = readWidth;
         *height = readHeight;
     }
-    // Ends the GL work of one call: releases the context from this thread.
+    // Ends the GL work of one call: releases the context from this thread,
+    // and with it the turn at the driver that makeCurrent took.
     virtual void doneCurrent();
+    // Gives back the context and the driver's turn if a failed step left
+    // them held. Called at the end of each step of a pipeline.
+    void endGlTurn();
 
     QOpenGLContext* glContext() const { return context; }
     int getFrameWidth() const { return frameWidth; }
@@ -140,7 +144,8 @@ public:
     QOpenGLFramebufferObject* backFbo() const { return fboBack; }
 
 protected:
-    // makeCurrent of the worker's context on its own surface.
+    // makeCurrent of the worker's context on its own surface, after taking
+    // the turn at the driver (base/DriverLock.h) once for this worker.
     bool makeCurrent();
     // Deletes the programs and texture wrappers of the class. With the
     // context current their GL names go too; without, only the wrappers do,
@@ -177,6 +182,7 @@ protected:
     QOpenGLBuffer* reserveBuffer0 = nullptr;
     QOpenGLBuffer* reserveBuffer1 = nullptr;
     QOpenGLContext* context = nullptr;
+    bool holdsDriverTurn = false;
     QOpenGLFramebufferObject* firstFbo = nullptr;
     QOpenGLFramebufferObject* fbo = nullptr;
     QOpenGLFramebufferObject* fboBack = nullptr;

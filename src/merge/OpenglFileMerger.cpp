@@ -13,6 +13,7 @@
 #include <QThread>
 
 #include "base/ExitHooks.h"
+#include "base/DriverLock.h"
 #include "base/GlLock.h"
 #include "base/Logging.h"
 #include "gpu/GlTextures.h"
@@ -282,7 +283,9 @@ void OpenglFileMerger::mergeImages(const QList<_channel_merge_param>& params, in
         buffers = textureBuffers;
     }
 
-    // Keeps channel threads from swapping textures while the frame is drawn.
+    // Keeps channel threads from swapping textures while the frame is drawn;
+    // the driver's turn comes first, as everywhere.
+    GlDriverTurn turn;
     QReadLocker locker(&sharedTextureLock());
     if (!shareHandshakeDone(params, buffers))
         return;

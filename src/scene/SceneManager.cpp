@@ -11,6 +11,7 @@ extern "C" {
 #include <libavutil/mem.h>
 }
 
+#include "base/DriverLock.h"
 #include "base/Logging.h"
 #include "merge/OpenglFileMerger.h"
 #include "scene/TextureBuffer.h"
@@ -163,8 +164,11 @@ bool SceneManager::requestFitsLimits(int width, int height) const
 void SceneManager::process()
 {
     lastTickNs = nowNs();
-    while (!stopRequested)
+    while (!stopRequested) {
         tick();
+        if (merger)
+            merger->endGlTurn();  // no step keeps the driver's turn
+    }
     cleanUp(false);
     emit clearFin();
 }
@@ -251,10 +255,12 @@ void SceneManager::mergeAndRead(const MergeRequest& request)
         merger->mergeImages(request.params, width, height, request.background, graffiti);
     // Read-backs under the read lock, outside the merger's draw, which takes it too.
     if (hasGraffiti) {
+        GlDriverTurn turn;
         QReadLocker locker(&sharedTextureLock());
         merger->readFinalImage(finalBits, finalImage->width(), finalImage->height(), false, false);
     }
     if (!request.params.isEmpty()) {
+        GlDriverTurn turn;
         QReadLocker locker(&sharedTextureLock());
         merger->readLastFboByAlpha(mergedBits, width, height, false, false);
         if (!merger->lastReadWrote() && !published.isNull() && published.constBits() != mergedImage->constBits()) {
@@ -311,6 +317,7 @@ void SceneManager::takeUnsharedBuffer()
 void SceneManager::keepBgr()
 {
     if (hasGraffiti) {
+        GlDriverTurn turn;
         QReadLocker locker(&sharedTextureLock());
         merger->readFinalImage(finalBits, finalImage->width(), finalImage->height(), false, false);
         storeBgr(*finalImage);

@@ -6,6 +6,7 @@
 #include <memory>
 
 #include "LogCapture.h"
+#include "base/DriverLock.h"
 #include "filters/BeautyFilterBase.h"
 #include "channel/FilterKinds.h"
 #include "filters/OpenglBasicImageFilter.h"
@@ -111,6 +112,27 @@ TEST(OpenglWorker, FrameSizeDrivesTheFramebuffers)
     }
     EXPECT_FALSE(worker.doPreWork(a.bits(), 0, 16));
     EXPECT_EQ(worker.getFrameWidth(), 40);
+}
+
+TEST(OpenglWorker, TheDriverTurnLastsFromMakeCurrentToDoneCurrent)
+{
+    ProbeWorker worker;
+    QImage frame = testPicture(32, 16);
+    ASSERT_TRUE(worker.doPreWork(frame.bits(), 32, 16));
+    EXPECT_TRUE(holdsGlDriverLock());
+    worker.doneCurrent();
+    EXPECT_FALSE(holdsGlDriverLock());
+    // A whole pass takes and gives back the turn.
+    worker.passThrough(frame, false);
+    EXPECT_FALSE(holdsGlDriverLock());
+    // A frame over the GL limit is refused with the context current: the
+    // end of the step gives the turn back.
+    EXPECT_FALSE(worker.doPreWork(frame.bits(), 1 << 20, 16));
+    EXPECT_TRUE(holdsGlDriverLock());
+    worker.endGlTurn();
+    EXPECT_FALSE(holdsGlDriverLock());
+    worker.endGlTurn();  // nothing held: nothing to give back
+    EXPECT_FALSE(holdsGlDriverLock());
 }
 
 TEST(OpenglWorker, PassesDrawThePictureAsItIs)
