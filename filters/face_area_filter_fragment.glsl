@@ -25,8 +25,23 @@ vec4 withAlpha(vec3 color, float alpha)
     return vec4(color, alpha);
 }
 
+// The face weight: a Gaussian over the face area that drops to 0 abruptly at
+// the level exp(-4.0).
+float faceWeight()
+{
+    float face_area_x = (textureCoordinate.x - smooth_face_area.x) / smooth_face_area.z;
+    float face_area_y = (textureCoordinate.y - smooth_face_area.y) / smooth_face_area.w;
+    float dx = (face_area_x - 0.5) / 0.4;
+    float dy = (face_area_y - 0.5) / 0.4;
+    float expFac = -(dx * dx + dy * dy) / 2.0;
+    float kernelVal = exp(expFac);
+    float smallVal = exp(-4.0);
+    return kernelVal < smallVal ? 0.0 : kernelVal;
+}
+
 void Image_Beauty_Smooth()
 {
+    float kernelRatio = faceWeight();
     vec4 bgColor = texture2D(inputImageTexture, textureCoordinate);
 
     vec2 blurCoordinates[20];
@@ -81,24 +96,13 @@ void Image_Beauty_Smooth()
     float aa = 1.0 + pow(sum, 0.3) * 0.09;
     vec3 smoothColor = centralColor * aa - vec3(sample_pt) * (aa - 1.0);
     smoothColor = clamp(smoothColor, vec3(0.0), vec3(1.0));
-    // Dark pixels stay unsmoothed.
-    smoothColor = mix(centralColor, smoothColor, pow(central, 0.33));
-    smoothColor = mix(centralColor, smoothColor, pow(central, 0.39));
-    smoothColor = mix(centralColor, smoothColor, smoothStrength);
+    // Dark pixels stay unsmoothed: a mix by central^0.33, then one by
+    // central^0.39 of that, which is one mix by central^0.72.
+    smoothColor = mix(centralColor, smoothColor, pow(central, 0.72) * smoothStrength);
     // A strength above 1 can carry a dark channel below 0, whose power is
     // undefined (NaN on Mesa): that would blacken the pixel even where the
     // face weight is 0.
     vec3 fgColor = pow(max(smoothColor, vec3(0.0)), vec3(0.96));
-
-    // The face weight drops to 0 abruptly at the level exp(-4.0).
-    float face_area_x = (textureCoordinate.x - smooth_face_area.x) / smooth_face_area.z;
-    float face_area_y = (textureCoordinate.y - smooth_face_area.y) / smooth_face_area.w;
-    float dx = (face_area_x - 0.5) / 0.4;
-    float dy = (face_area_y - 0.5) / 0.4;
-    float expFac = -(dx * dx + dy * dy) / 2.0;
-    float kernelVal = exp(expFac);
-    float smallVal = exp(-4.0);
-    float kernelRatio = kernelVal < smallVal ? 0.0 : kernelVal;
 
     vec3 result = bgColor.rgb * (1.0 - kernelRatio) + fgColor * kernelRatio;
     gl_FragColor = withAlpha(result, bgColor.a);
