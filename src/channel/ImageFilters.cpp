@@ -107,6 +107,8 @@ void ImageFilters::writeFrame(const QImage& image, bool skipFaces, bool isChange
     if (isDirect)
         directImage = image;
     srcImage = image;
+    if (isChanged)
+        ++pictureChanges;
     locker.unlock();
     skipFaceFilters = skipFaces;
     if (isChanged)

@@ -17,6 +17,7 @@
 #include <QSemaphore>
 
 #include "channel/FilterInbox.h"
+#include "channel/FrameRepeat.h"
 #include "face/FaceDetectResult.h"
 #include "lumen_fx/ImageFilterTypes.h"
 
@@ -220,6 +221,14 @@ protected:
 
     // The queued calls still waiting, which newer ones leave their values with.
     FilterInbox inbox;
+    // Frames whose output would be the last one's are left out.
+    FrameRepeat repeat;
+    quint64 settingsChanges = 0;         // calls that may change the output
+    bool facesRepeated = true;           // this frame's faces were the last frame's
+    FaceDetectResult lastFaces;          // the faces of the last frame worked on
+    quint64 pictureChanges = 0;          // pictures handed in as changed; under srcMutex
+    FrameInputs frameInputs(const QImage& src, quint64 handedIn) const;
+    bool outputFollowsInputs() const;    // only face passes: nothing animates by itself
     bool exitHookArmed = false;
 };
 

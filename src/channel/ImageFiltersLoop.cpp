@@ -9,6 +9,7 @@
 
 #include "base/ExitHooks.h"
 #include "base/Logging.h"
+#include "channel/FilterKinds.h"
 #include "channel/FramePacing.h"
 #include "gpu/OpenglChannelWorker.h"
 #include "scene/TextureBuffer.h"
@@ -71,9 +72,11 @@ void ImageFilters::tick()
         return;
     }
     QImage src;
+    quint64 handedIn = 0;
     {
         QMutexLocker locker(&srcMutex);
         src = srcImage;
+        handedIn = pictureChanges;
     }
     if (src.isNull()) {
         pace();
@@ -101,6 +104,18 @@ void ImageFilters::tick()
     if (filters.size() == 1 && filters.count(NOFILTER))
         channelWorker->setClip(false);
 
+    // The same picture, settings and faces as the last frame delivered: its
+    // output stands.
+    const bool repeatable = outputFollowsInputs();
+    const FrameInputs inputs = frameInputs(src, handedIn);
+    if (repeatable && repeat.unchanged(inputs)) {
+        pace();
+        QCoreApplication::processEvents();
+        return;
+    }
+    repeat.forget();
+    facesRepeated = true;
+
     QImage dst;
     const int64_t started = nowNs();
     const bool readBack = !(sceneShareEnabled && isSceneChannel && pauseMode != kPauseKeepingGpuState);
@@ -125,8 +140,35 @@ void ImageFilters::tick()
     if (channelWorker->isFrameSkipped())
         return;
     deliver(dst);
+    if (repeatable) {
+        FrameInputs after = inputs;
+        after.exchange = frameInputs(src, handedIn).exchange;
+        repeat.delivered(after, facesRepeated);
+    }
     pace();
     QCoreApplication::processEvents();
+}
+
+FrameInputs ImageFilters::frameInputs(const QImage& src, quint64 handedIn) const
+{
+    FrameInputs inputs;
+    inputs.picture = src.cacheKey();
+    inputs.handedIn = handedIn;
+    inputs.settings = settingsChanges;
+    inputs.exchange = textureBuffer_ ? textureBuffer_->generation() : 0;
+    inputs.faceless = skipFaceFilters.load();
+    return inputs;
+}
+
+bool ImageFilters::outputFollowsInputs() const
+{
+    // The sticker, the picture pass and the page layout may animate or turn
+    // pages from frame to frame; the face passes draw what the picture and
+    // the faces give.
+    for (const auto& kv : filters)
+        if (kv.first != NOFILTER && !isFaceFilterType(kv.first))
+            return false;
+    return true;
 }
 
 void ImageFilters::idleTick()

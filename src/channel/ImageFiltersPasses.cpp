@@ -78,6 +78,11 @@ bool ImageFilters::runFacePass(QImage& image, bool stickerPass, bool hadEarlierF
     if (!faceDetector)
         return false;
     faceDetector->detectFaces(image, result, false);
+    if (!stickerPass) {
+        const bool same = result.faceRects == lastFaces.faceRects && result.keyPoints == lastFaces.keyPoints;
+        facesRepeated = facesRepeated && same;
+        lastFaces = result;
+    }
     OpenglChannelWorker::FilterMap local;
     for (const auto& kv : filters) {
         const bool selected = stickerPass ? kv.first == STICKER : isFaceFilterType(kv.first);

@@ -13,6 +13,7 @@
 
 void ImageFilters::onClearFrame()
 {
+    ++settingsChanges;
     if (channelWorker)
         channelWorker->resetSize();
     if (faceDetector)
@@ -30,6 +31,7 @@ void ImageFilters::onClearFrame()
 
 void ImageFilters::onSetFilterParameter(ImageFilterType t, std::map<std::string, double> par)
 {
+    ++settingsChanges;
     inbox.takeParameters(t, par);
     auto existing = filters.find(t);
     if (existing != filters.end() && existing->second == nullptr) {
@@ -56,6 +58,7 @@ void ImageFilters::onSetFilterParameter(ImageFilterType t, std::map<std::string,
 
 void ImageFilters::onAddImageFilter(ImageFilterType t, bool)
 {
+    ++settingsChanges;
     inbox.takeAdd(t);
     refreshFrames = kIdleRefreshFrames;
     if (filters.count(t) || !isFilterType(t))
@@ -76,6 +79,7 @@ void ImageFilters::onAddImageFilter(ImageFilterType t, bool)
 
 void ImageFilters::onRemoveImageFilter(ImageFilterType t)
 {
+    ++settingsChanges;
     refreshFrames = kIdleRefreshFrames;
     auto it = filters.find(t);
     if (it == filters.end() || !isFilterType(t))
@@ -101,6 +105,7 @@ void ImageFilters::onRemoveImageFilter(ImageFilterType t)
 
 void ImageFilters::onUpdateBgImg(ImageFilterType t, std::string bgImgPath, bool, bool, bool)
 {
+    ++settingsChanges;
     inbox.takePicture(t, bgImgPath);
     auto it = filters.find(t);
     if (it != filters.end() && t == STICKER && it->second)
@@ -110,12 +115,14 @@ void ImageFilters::onUpdateBgImg(ImageFilterType t, std::string bgImgPath, bool,
 
 void ImageFilters::onStopAllFilters()
 {
+    ++settingsChanges;
     filtersStopped = true;
     refreshFrames = kIdleRefreshFrames;
 }
 
 void ImageFilters::onRestartAllFilters()
 {
+    ++settingsChanges;
     filtersStopped = false;
     refreshFrames = kIdleRefreshFrames;
 }
@@ -129,8 +136,10 @@ void ImageFilters::writeDstImage(QImage image)
 void ImageFilters::writeSrcImage(QImage image, bool)
 {
     // isChanged is ignored here on purpose; refreshFrames stays as it is.
+    // The picture counts as new for the frames that still run.
     QMutexLocker locker(&srcMutex);
     srcImage = image;
+    ++pictureChanges;
 }
 
 void ImageFilters::writeSrcImage(QImage image)
@@ -155,6 +164,7 @@ void ImageFilters::dropPictures()
 
 void ImageFilters::onDoPauseWork(bool isPaused)
 {
+    ++settingsChanges;
     if (isPaused) {
         filtersStopped = true;
         if (pauseMode == kPauseKeepingGpuState)

@@ -30,6 +30,7 @@ public:
     int frameCostMs = 0;           // what a run of the filters takes on the clock
     int runs = 0;
     QImage lastRunSource;
+    bool facesMove = false;  // each run finds faces other than the last run's
 
     int64_t tickStamp() const { return lastTickNs; }
     int64_t lastRateChange() const { return lastFpsChangeNs; }
@@ -52,6 +53,8 @@ protected:
     {
         ++runs;
         lastRunSource = src;
+        if (facesMove)
+            facesRepeated = false;
         dst = src;
         clock += int64_t(frameCostMs) * 1000000;
     }

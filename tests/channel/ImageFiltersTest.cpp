@@ -121,6 +121,8 @@ TEST(ImageFiltersFrames, AChangedFrameWakesTheChannelForTwentyTicks)
     for (int i = 0; i < 5; ++i)
         ch.tick();
     EXPECT_EQ(ch.runs, 0);
+    // Twenty ticks awake; while its faces move, each works on the frame.
+    ch.facesMove = true;
     changedTicks(ch, 1);
     for (int i = 0; i < 49; ++i)
         ch.tick();
@@ -132,6 +134,54 @@ TEST(ImageFiltersFrames, AChangedFrameWakesTheChannelForTwentyTicks)
     EXPECT_EQ(ch.runs, 20);
     changedTicks(ch, 1);
     EXPECT_EQ(ch.runs, 21);
+}
+
+TEST(ImageFiltersFrames, AFrameThatWouldComeOutAsTheLastIsLeftOut)
+{
+    // Awake for twenty ticks on one picture: once the faces of two frames in a
+    // row agree, the output stands until the picture, a setting, the faces'
+    // skipping or the exchange buffer changes, or a picture is handed in as
+    // changed. The runs after each step.
+    ChannelHarness ch(true);
+    ch.setSceneShareEnabled(false);  // delivers into the exchange buffer's picture
+    ch.startClock();
+    const QImage img = picture();
+    ch.writeFrame(img, false, true, false);
+    const struct {
+        const char* step;
+        std::function<void()> change;
+        int runs;
+    } steps[] = {
+        {"the first frame, its faces as the last (none)", [] {}, 1},
+        {"the picture handed in again as changed", [&] { ch.writeFrame(img, false, true, false); }, 2},
+        {"another picture, not flagged", [&] { ch.writeFrame(picture(Qt::blue), false, false, false); }, 3},
+        {"a parameter", [&] { ch.onSetFilterParameter(WHITENING, {{whitening_strength, 0.4}}); }, 4},
+        {"face passes skipped", [&] { ch.writeFrame(picture(Qt::blue), true, false, false); }, 5},
+        {"the exchange buffer changed by another", [&] { ch.textureBuffer()->setImage(picture(Qt::green)); }, 6},
+        {"nothing", [] {}, 6},
+    };
+    for (const auto& step : steps) {
+        step.change();
+        for (int i = 0; i < 3; ++i)
+            ch.tick();
+        EXPECT_EQ(ch.runs, step.runs) << step.step;
+    }
+    // Faces that move: every frame is worked on, and the first frame whose
+    // faces repeat the last settles the output.
+    ch.facesMove = true;
+    ch.writeFrame(img, false, true, false);
+    for (int i = 0; i < 3; ++i)
+        ch.tick();
+    EXPECT_EQ(ch.runs, 9);
+    ch.facesMove = false;
+    for (int i = 0; i < 3; ++i)
+        ch.tick();
+    EXPECT_EQ(ch.runs, 10);
+    // A sticker may animate: with one, every awake tick works.
+    ch.onAddImageFilter(STICKER, true);
+    for (int i = 0; i < 3; ++i)
+        ch.tick();
+    EXPECT_EQ(ch.runs, 13);
 }
 
 TEST(ImageFiltersFrames, NewestFrameWinsAndNoPixelIsCopied)
