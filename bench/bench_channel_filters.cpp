@@ -40,6 +40,15 @@ QImage framePicture(bool twoFaces = false)
     return frame;
 }
 
+// The face as a video call shows it: the portrait's head and shoulders
+// filling the frame, the face about 270 pixels wide (as the classroom's
+// close-up).
+QImage closeUpPicture()
+{
+    const QImage portrait = QImage(LUMEN_BENCH_PORTRAIT).convertToFormat(QImage::Format_RGBA8888);
+    return portrait.copy(61, 40, 328, 184).scaled(1280, 720, Qt::IgnoreAspectRatio, Qt::SmoothTransformation);
+}
+
 // A channel without its thread: the benchmark calls its frame step directly.
 class BenchChannel : public ImageFilters {
 public:
@@ -77,9 +86,11 @@ const std::map<std::string, std::pair<ImageFilterType, std::string>> kEffects = 
     {"slimface", {SLIMFACE, "slim_face_strength"}},
 };
 
-void runChannel(benchmark::State& state, const std::vector<std::string>& effects)
+void runChannel(benchmark::State& state, const std::vector<std::string>& effects, bool closeUp = false)
 {
-    static const QImage picture = framePicture();
+    static const QImage small = framePicture();
+    static const QImage close = closeUpPicture();
+    const QImage& picture = closeUp ? close : small;
     BenchChannel channel;
     for (const std::string& name : effects) {
         const auto& e = kEffects.at(name);
@@ -104,6 +115,13 @@ void BM_Smooth(benchmark::State& state) { runChannel(state, {"smooth"}); }
 void BM_RedLips(benchmark::State& state) { runChannel(state, {"redlips"}); }
 void BM_Whitening(benchmark::State& state) { runChannel(state, {"whitening"}); }
 void BM_SlimFace(benchmark::State& state) { runChannel(state, {"slimface"}); }
+void BM_CloseUpAllFour(benchmark::State& state)
+{
+    runChannel(state, {"slimface", "redlips", "smooth", "whitening"}, true);
+}
+void BM_CloseUpSmooth(benchmark::State& state) { runChannel(state, {"smooth"}, true); }
+void BM_CloseUpWhitening(benchmark::State& state) { runChannel(state, {"whitening"}, true); }
+void BM_CloseUpSlimFace(benchmark::State& state) { runChannel(state, {"slimface"}, true); }
 
 // Glasses on each face.
 void runSticker(benchmark::State& state, bool twoFaces)
@@ -175,6 +193,10 @@ BENCHMARK(BM_Smooth)->Unit(benchmark::kMillisecond)->MinTime(1.0);
 BENCHMARK(BM_RedLips)->Unit(benchmark::kMillisecond)->MinTime(1.0);
 BENCHMARK(BM_Whitening)->Unit(benchmark::kMillisecond)->MinTime(1.0);
 BENCHMARK(BM_SlimFace)->Unit(benchmark::kMillisecond)->MinTime(1.0);
+BENCHMARK(BM_CloseUpAllFour)->Unit(benchmark::kMillisecond)->MinTime(1.0);
+BENCHMARK(BM_CloseUpSmooth)->Unit(benchmark::kMillisecond)->MinTime(1.0);
+BENCHMARK(BM_CloseUpWhitening)->Unit(benchmark::kMillisecond)->MinTime(1.0);
+BENCHMARK(BM_CloseUpSlimFace)->Unit(benchmark::kMillisecond)->MinTime(1.0);
 BENCHMARK(BM_StickerOneFace)->Unit(benchmark::kMillisecond)->MinTime(1.0);
 BENCHMARK(BM_StickerTwoFaces)->Unit(benchmark::kMillisecond)->MinTime(1.0);
 BENCHMARK(BM_PictureColour)->Unit(benchmark::kMillisecond)->MinTime(1.0);

@@ -12,9 +12,16 @@
 // rasteriser's threads (the drawing of channels and scene alike), the face
 // detectors' search threads and any other thread.
 //
-//   lumen_fx_classroom [seconds, 20] [channels, 4] [frames a second, 15] [last merged picture.png]
+// By default the whole portrait is scaled into each frame, a face about 150
+// pixels wide as at the back of a room. With --close-up each frame shows the
+// face as a video call does, about 270 pixels wide and 330 tall, so that the
+// smoothing covers about a third of the frame, and the face moves by a few
+// pixels from every frame to the next.
+//
+//   lumen_fx_classroom [--close-up] [seconds, 20] [channels, 4] [frames a second, 15] [last merged picture.png]
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
@@ -41,9 +48,11 @@ const int kFrameHeight = 720;
 const int kMergeWidth = 1920;
 const int kMergeHeight = 1080;
 const QRect kStamp(16, 16, 64, 64);
+const int kPool = 8;
+const double kWarmUpSeconds = 3.0;
 
-// The portrait in a camera frame: one large face, each channel's a little
-// apart from the others' in place and background.
+// The portrait in a camera frame: one face, each channel's a little apart
+// from the others' in place and background.
 QImage cameraFrame(const QImage& portrait, int channel)
 {
     QImage frame(kFrameWidth, kFrameHeight, QImage::Format_RGBA8888);
@@ -51,6 +60,22 @@ QImage cameraFrame(const QImage& portrait, int channel)
     QPainter painter(&frame);
     const QImage scaled = portrait.scaled(720, 720, Qt::KeepAspectRatio, Qt::SmoothTransformation);
     painter.drawImage((kFrameWidth - scaled.width()) / 2 + 40 * (channel - 2), 0, scaled);
+    return frame;
+}
+
+// The head and shoulders of the 512x512 portrait, cropped and scaled up into
+// the frame, then shifted by a few pixels: buffer `k` of the pool
+// shows it at its own point of a small loop, so that it moves at every frame.
+QImage closeUpFrame(const QImage& portrait, int channel, int k)
+{
+    static const QImage face = portrait.copy(61, 40, 328, 184).scaled(kFrameWidth + 24, kFrameHeight + 16,
+                                                                      Qt::IgnoreAspectRatio, Qt::SmoothTransformation);
+    const double turn = 2 * M_PI * k / kPool;
+    const int dx = static_cast<int>(std::lround(10 * std::cos(turn))) + 4 * (channel - 2);
+    const int dy = static_cast<int>(std::lround(6 * std::sin(turn)));
+    QImage frame(kFrameWidth, kFrameHeight, QImage::Format_RGBA8888);
+    QPainter painter(&frame);
+    painter.drawImage(-12 + dx, -8 + dy, face);
     return frame;
 }
 
@@ -112,8 +137,6 @@ double processCpuSeconds()
     return t.tv_sec + t.tv_nsec / 1e9;
 }
 
-const int kPool = 8;
-const double kWarmUpSeconds = 3.0;
 
 // The scene and its channels as the host sets them up.
 struct Classroom {
@@ -161,8 +184,8 @@ std::vector<QPoint> stampPositions(const QList<_channel_merge_param>& params)
 }
 
 // One scene with `channelCount` channels, each with its own camera frame
-// copied into a pool of buffers.
-Classroom setUpClassroom(const QImage& portrait, int channelCount)
+// copied into a pool of buffers, or with close-up frames that move.
+Classroom setUpClassroom(const QImage& portrait, int channelCount, bool closeUp)
 {
     Classroom room;
     room.manager = OpenglImageManager::instance();
@@ -179,7 +202,7 @@ Classroom setUpClassroom(const QImage& portrait, int channelCount)
     room.pool.resize(channelCount);
     for (int i = 0; i < channelCount; ++i)
         for (int k = 0; k < kPool; ++k)
-            room.pool[i].push_back(frames[i].copy());
+            room.pool[i].push_back(closeUp ? closeUpFrame(portrait, i, k) : frames[i].copy());
     return room;
 }
 
@@ -277,13 +300,16 @@ std::map<std::string, double> timeByGroup(const Measurement& m, long hostTid, do
     return groups;
 }
 
-void printReport(const Classroom& room, const Measurement& m, double rate, long hostTid)
+void printReport(const Classroom& room, const Measurement& m, double rate, long hostTid, bool closeUp)
 {
     double threadsTotal = 0;
     const std::map<std::string, double> groups = timeByGroup(m, hostTid, threadsTotal);
     const double wall = m.wall;
-    std::printf("classroom: %d channels of %dx%d at %.0f frames a second, all four face effects, merged into %dx%d\n",
-                room.channelCount, kFrameWidth, kFrameHeight, rate, kMergeWidth, kMergeHeight);
+    const char* threads = std::getenv("LP_NUM_THREADS");
+    std::printf("classroom%s: %d channels of %dx%d at %.0f frames a second, all four face effects, merged into "
+                "%dx%d; LP_NUM_THREADS=%s\n",
+                closeUp ? " with close-up moving faces" : "", room.channelCount, kFrameWidth, kFrameHeight, rate,
+                kMergeWidth, kMergeHeight, threads ? threads : "unset");
     std::printf("measured %.1f s after %.0f s of warm-up: %d rounds, %d merged pictures fetched\n", wall,
                 kWarmUpSeconds, m.rounds, m.fetched);
     std::printf("new merged pictures a second: %.2f\n", m.newPictures / wall);
@@ -309,6 +335,11 @@ int main(int argc, char** argv)
     QGuiApplication app(argc, argv);
     if (!openglAvailable(argv[0]))
         return 1;
+    const bool closeUp = argc > 1 && std::string(argv[1]) == "--close-up";
+    if (closeUp) {
+        --argc;
+        ++argv;
+    }
     const double seconds = argc > 1 ? std::max(2.0, std::atof(argv[1])) : 20.0;
     const int channelCount = argc > 2 ? std::max(1, std::min(9, std::atoi(argv[2]))) : 4;
     const double rate = argc > 3 ? std::max(1.0, std::atof(argv[3])) : 15.0;
@@ -319,10 +350,10 @@ int main(int argc, char** argv)
         return 1;
     }
 
-    Classroom room = setUpClassroom(portrait, channelCount);
+    Classroom room = setUpClassroom(portrait, channelCount, closeUp);
     const long hostTid = static_cast<long>(gettid());
     const Measurement m = runClassroom(room, seconds, rate);
-    printReport(room, m, rate, hostTid);
+    printReport(room, m, rate, hostTid, closeUp);
     if (argc > 4 && !m.merged.isNull() && m.merged.save(argv[4]))
         std::printf("last merged picture: %s\n", argv[4]);
     std::fflush(stdout);
