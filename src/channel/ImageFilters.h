@@ -124,6 +124,8 @@ protected:
     // of stopRequested, and its steps.
     void tick();
     void idleTick();
+    // Runs the filters on the frame's picture and delivers the result.
+    void workOnFrame(QImage& src, const FrameInputs& inputs, bool repeatable);
     // False while the scene channel still waits for its scene's context.
     bool shareHandshakeDone(const QImage& src);
     void handOverDirectFrame();

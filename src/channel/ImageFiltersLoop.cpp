@@ -114,8 +114,12 @@ void ImageFilters::tick()
         return;
     }
     repeat.forget();
-    facesRepeated = true;
+    workOnFrame(src, inputs, repeatable);
+}
 
+void ImageFilters::workOnFrame(QImage& src, const FrameInputs& inputs, bool repeatable)
+{
+    facesRepeated = true;
     QImage dst;
     const int64_t started = nowNs();
     const bool readBack = !(sceneShareEnabled && isSceneChannel && pauseMode != kPauseKeepingGpuState);
@@ -142,7 +146,7 @@ void ImageFilters::tick()
     deliver(dst);
     if (repeatable) {
         FrameInputs after = inputs;
-        after.exchange = frameInputs(src, handedIn).exchange;
+        after.exchange = textureBuffer_ ? textureBuffer_->generation() : 0;
         repeat.delivered(after, facesRepeated);
     }
     pace();
