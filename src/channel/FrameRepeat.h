@@ -1,9 +1,9 @@
 #pragma once
 // Whether a channel's next frame would come out as its last one did, so that
 // its passes can be left out: the same picture (no frame handed in as changed
-// since, and the same QImage, untouched), the same settings, an exchange buffer that nobody else
-// changed since the last delivery, and faces that the detector had already
-// settled on. The last output then stays where it is: in the shared texture,
+// since, and the same QImage, untouched), the same settings, an exchange
+// buffer that nobody else changed since the last delivery, and faces that the
+// detector had already settled on. The last output then stays where it is: in the shared texture,
 // in the scene's picture or in the channel's own.
 
 #include <QtGlobal>
@@ -17,8 +17,8 @@ struct FrameInputs {
 
     bool operator==(const FrameInputs& other) const
     {
-        return picture == other.picture && handedIn == other.handedIn && settings == other.settings && exchange == other.exchange &&
-               faceless == other.faceless;
+        return picture == other.picture && handedIn == other.handedIn && settings == other.settings &&
+               exchange == other.exchange && faceless == other.faceless;
     }
 };
 

@@ -126,6 +126,10 @@ protected:
     void idleTick();
     // Runs the filters on the frame's picture and delivers the result.
     void workOnFrame(QImage& src, const FrameInputs& inputs, bool repeatable);
+    // What a frame of `src` is worked from, for leaving out repeated frames.
+    FrameInputs frameInputs(const QImage& src, quint64 handedIn) const;
+    // Only face passes: nothing in the output animates by itself.
+    bool outputFollowsInputs() const;
     // False while the scene channel still waits for its scene's context.
     bool shareHandshakeDone(const QImage& src);
     void handOverDirectFrame();
@@ -229,8 +233,6 @@ protected:
     bool facesRepeated = true;           // this frame's faces were the last frame's
     FaceDetectResult lastFaces;          // the faces of the last frame worked on
     quint64 pictureChanges = 0;          // pictures handed in as changed; under srcMutex
-    FrameInputs frameInputs(const QImage& src, quint64 handedIn) const;
-    bool outputFollowsInputs() const;    // only face passes: nothing animates by itself
     bool exitHookArmed = false;
 };
 
