@@ -32,6 +32,25 @@ bool holdsGlDriverLock()
     return heldHere > 0;
 }
 
+int glDriverHolds()
+{
+    return heldHere;
+}
+
+int setGlDriverAside()
+{
+    const int holds = heldHere;
+    for (int i = 0; i < holds; ++i)
+        releaseGlDriver();
+    return holds;
+}
+
+void takeGlDriverBack(int holds)
+{
+    for (int i = 0; i < holds; ++i)
+        takeGlDriver();
+}
+
 GlDriverTurn::GlDriverTurn()
 {
     takeGlDriver();

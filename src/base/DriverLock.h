@@ -1,9 +1,11 @@
 #pragma once
 // The process-wide turn at the GL driver. Every thread holds it while it
 // calls GL on any context: from before it makes a context current until after
-// it lets it go. Recursive, and the outermost of the engine's locks: a thread
-// takes it before the shared texture lock or any GL object's mutex, never
-// while it holds one of them.
+// it lets it go, except while it waits for the rasterizer to finish what it
+// has queued (a wait on a fence, which touches none of the lists below).
+// Recursive. A thread takes it before any GL object's mutex; it may wait for
+// it while holding the shared texture lock, which is why a holder of the turn
+// never waits for that lock (base/GlLock.h).
 //
 // Why: the Mesa of Debian 12 (22.3) keeps, per context, a list of the
 // textures that each of the context's queued scenes reads or writes. Whenever
@@ -29,6 +31,16 @@ void releaseGlDriver();
 
 // Whether the calling thread holds the turn (for checks and tests).
 bool holdsGlDriverLock();
+
+// How many takes of the turn the calling thread has not given back.
+int glDriverHolds();
+
+// Gives back every take of the turn the calling thread holds and returns
+// their number; takeGlDriverBack takes them again. For a wait on the
+// rasterizer that calls no GL that bins, flushes or binds, by a thread that
+// holds no other engine lock meanwhile.
+int setGlDriverAside();
+void takeGlDriverBack(int holds);
 
 // The turn for a scope.
 class GlDriverTurn

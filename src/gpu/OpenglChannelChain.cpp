@@ -145,8 +145,9 @@ void OpenglChannelWorker::flushOutsideTextureLock()
     // Mesa guards a copy into a texture, or new pixels for one, with one lock
     // for all of them. The software rasteriser draws what is queued when such
     // a copy needs it, under that lock: every channel would wait while
-    // another draws its frame. Drawn first, the copy under the lock is short.
-    glFlush();
+    // another draws its frame. Drawn first, the copy under the lock is short,
+    // and drawn without the driver's turn, the other contexts go on binning.
+    settleOutsideTurn();
 }
 
 void OpenglChannelWorker::copyFboToShare()

@@ -74,7 +74,7 @@ OpenglWorkerBase::OpenglWorkerBase(int channelId_, int sceneId_)
     surfaceFormat.setSamples(16);
     setFormat(surfaceFormat);
 
-    QWriteLocker locker(&glLock());
+    SharedTexturesLocked locker(SharedTexturesLocked::Writing);
     QOffscreenSurface::create();
 }
 
@@ -105,7 +105,7 @@ void OpenglWorkerBase::releaseContext()
     deleteOwnGlObjects();
     if (current)
         doneCurrent();
-    QWriteLocker locker(&glLock());
+    SharedTexturesLocked locker(SharedTexturesLocked::Writing);
     delete context;
     context = nullptr;
     glInited = false;
@@ -191,7 +191,7 @@ void OpenglWorkerBase::endGlTurn()
 bool OpenglWorkerBase::initContext()
 {
     GlDriverTurn turn;
-    QWriteLocker locker(&glLock());
+    SharedTexturesLocked locker(SharedTexturesLocked::Writing);
     QSurfaceFormat surfaceFormat = requestedFormat();
     surfaceFormat.setVersion(3, 3);
     surfaceFormat.setProfile(QSurfaceFormat::CompatibilityProfile);
@@ -298,7 +298,7 @@ void OpenglWorkerBase::releaseGlObjects()
     if (!context)
         return;
     GlDriverTurn turn;
-    QWriteLocker locker(&glLock());
+    SharedTexturesLocked locker(SharedTexturesLocked::Writing);
     makeCurrent();
     for (QOpenGLBuffer* buffer : pixelBuffers) {
         buffer->destroy();
@@ -344,7 +344,7 @@ void OpenglWorkerBase::onClearAll()
     // Runs on the destroying thread, which may not be the context's: no
     // makeCurrent here.
     GlDriverTurn turn;
-    QWriteLocker locker(&glLock());
+    SharedTexturesLocked locker(SharedTexturesLocked::Writing);
     for (QOpenGLBuffer* buffer : pixelBuffers)
         buffer->destroy();
     gl::dropFbo(fbo);

@@ -147,6 +147,12 @@ protected:
     // makeCurrent of the worker's context on its own surface, after taking
     // the turn at the driver (base/DriverLock.h) once for this worker.
     bool makeCurrent();
+    // Waits until what the context has drawn so far is rasterized, with the
+    // driver's turn given back meanwhile: other contexts bin and queue their
+    // frames while the rasterizer threads draw this one, and the read or
+    // copy that follows finds nothing left to wait for. The caller holds no
+    // lock but the turn and perhaps the shared texture lock.
+    void settleOutsideTurn();
     // Deletes the programs and texture wrappers of the class. With the
     // context current their GL names go too; without, only the wrappers do,
     // and the names go with the context.

@@ -5,10 +5,44 @@
 #include <utility>
 
 #include <QDebug>
+#include <QOpenGLContext>
+#include <QOpenGLExtraFunctions>
 #include <QOpenGLFramebufferObject>
 
+#include "base/DriverLock.h"
 #include "base/Logging.h"
 #include "gpu/PixelReadback.h"
+
+namespace {
+
+// A fence not signalled by then is left; the read after it waits as it
+// always did, under the turn.
+const GLuint64 kSettleTimeoutNs = 2000000000ull;
+
+}  // namespace
+
+void OpenglWorkerBase::settleOutsideTurn()
+{
+    if (!context || QOpenGLContext::currentContext() != context)
+        return;
+    QOpenGLExtraFunctions* gl = context->extraFunctions();
+    if (!holdsDriverTurn) {
+        gl->glFlush();
+        return;
+    }
+    GLsync drawn = gl->glFenceSync(GL_SYNC_GPU_COMMANDS_COMPLETE, 0);
+    gl->glFlush();
+    if (!drawn)
+        return;
+    // The wait reads only the fence: none of the driver's lists that the
+    // turn guards. Every take of the turn is given back, a caller's scope
+    // included: the shared texture lock is the only lock a caller may hold
+    // here, and no thread waits for it with the turn (base/GlLock.h).
+    const int holds = setGlDriverAside();
+    gl->glClientWaitSync(drawn, 0, kSettleTimeoutNs);
+    takeGlDriverBack(holds);
+    gl->glDeleteSync(drawn);
+}
 
 OpenglWorkerBase::ResultFbo OpenglWorkerBase::resultFbo() const
 {
@@ -61,6 +95,7 @@ void OpenglWorkerBase::readFboToBuffer(QOpenGLFramebufferObject* source, uchar* 
 {
     if (!source || !dst)
         return;
+    settleOutsideTurn();
     source->bind();
     const readback::Layout layout = readback::layout(width, height, readback::formatByAlpha(hasAlpha));
     readback::start(this, *readBuffer, layout);

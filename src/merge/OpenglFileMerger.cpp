@@ -286,7 +286,7 @@ void OpenglFileMerger::mergeImages(const QList<_channel_merge_param>& params, in
     // Keeps channel threads from swapping textures while the frame is drawn;
     // the driver's turn comes first, as everywhere.
     GlDriverTurn turn;
-    QReadLocker locker(&sharedTextureLock());
+    SharedTexturesLocked locker(SharedTexturesLocked::Reading);
     if (!shareHandshakeDone(params, buffers))
         return;
     // The same request over the same pictures would draw the same frame:
@@ -298,12 +298,15 @@ void OpenglFileMerger::mergeImages(const QList<_channel_merge_param>& params, in
     if (!beginFrame(width, height))
         return;
     composeChannels(params, buffers, width, height, background);
+    // Rasterized without the driver's turn; the copies then find it drawn.
+    settleOutsideTurn();
     copyComposed(mergedFbo());  // the frame without overlay
     if (graffiti.isNull()) {
         delete graffitiTexture;
         graffitiTexture = nullptr;
     } else {
         drawOverlay(graffiti);
+        settleOutsideTurn();
     }
     copyComposed(finalFbo());  // the frame with overlay
     doneCurrent();

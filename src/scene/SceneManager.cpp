@@ -256,12 +256,12 @@ void SceneManager::mergeAndRead(const MergeRequest& request)
     // Read-backs under the read lock, outside the merger's draw, which takes it too.
     if (hasGraffiti) {
         GlDriverTurn turn;
-        QReadLocker locker(&sharedTextureLock());
+        SharedTexturesLocked locker(SharedTexturesLocked::Reading);
         merger->readFinalImage(finalBits, finalImage->width(), finalImage->height(), false, false);
     }
     if (!request.params.isEmpty()) {
         GlDriverTurn turn;
-        QReadLocker locker(&sharedTextureLock());
+        SharedTexturesLocked locker(SharedTexturesLocked::Reading);
         merger->readLastFboByAlpha(mergedBits, width, height, false, false);
         if (!merger->lastReadWrote() && !published.isNull() && published.constBits() != mergedImage->constBits()) {
             mergedImage->swap(published);
@@ -318,7 +318,7 @@ void SceneManager::keepBgr()
 {
     if (hasGraffiti) {
         GlDriverTurn turn;
-        QReadLocker locker(&sharedTextureLock());
+        SharedTexturesLocked locker(SharedTexturesLocked::Reading);
         merger->readFinalImage(finalBits, finalImage->width(), finalImage->height(), false, false);
         storeBgr(*finalImage);
     } else {

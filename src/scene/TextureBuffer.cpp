@@ -28,7 +28,7 @@ void TextureBuffer::makeTexture(QOpenGLContext* context, unsigned int& name, int
 
 void TextureBuffer::createTextures(QOpenGLContext* context, int width, int height)
 {
-    QWriteLocker writeLock(&sharedTextureLock());
+    SharedTexturesLocked writeLock(SharedTexturesLocked::Writing);
     QMutexLocker locker(&textureMutex);
     QOpenGLFunctions* f = context->functions();
     if (writeTexture != 0)
@@ -51,7 +51,7 @@ void TextureBuffer::copyInto(QOpenGLContext* context, unsigned int& name, int& s
     QOpenGLFunctions* f = context->functions();
     // A recreation happens only at a change of size: it stalls every reader.
     if (width != storedWidth || height != storedHeight || name == 0) {
-        QWriteLocker writeLock(&sharedTextureLock());
+        SharedTexturesLocked writeLock(SharedTexturesLocked::Writing);
         QMutexLocker locker(&textureMutex);
         storedWidth = width;
         storedHeight = height;
@@ -202,7 +202,7 @@ void TextureBuffer::deleteTextures(QOpenGLContext* context)
 {
     {
         // A scene may be drawing the read texture under the read lock.
-        QWriteLocker writeLock(&sharedTextureLock());
+        SharedTexturesLocked writeLock(SharedTexturesLocked::Writing);
         QMutexLocker locker(&textureMutex);
         QOpenGLFunctions* f = context->functions();
         if (writeTexture != 0)

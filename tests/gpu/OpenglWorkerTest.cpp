@@ -5,6 +5,8 @@
 // input and the CPU formulas.
 #include <memory>
 
+#include <QOpenGLContext>
+
 #include "LogCapture.h"
 #include "base/DriverLock.h"
 #include "filters/BeautyFilterBase.h"
@@ -23,6 +25,14 @@ namespace {
 class ProbeWorker : public OpenglChannelWorker {
 public:
     ProbeWorker() : OpenglChannelWorker(1, 2) {}
+    using OpenglWorkerBase::settleOutsideTurn;
+    // Fills the frame's framebuffer with one colour, queued, not drawn yet.
+    void fillFrame(const QColor& colour)
+    {
+        frameFbo()->bind();
+        glClearColor(colour.redF(), colour.greenF(), colour.blueF(), 1.0f);
+        glClear(GL_COLOR_BUFFER_BIT);
+    }
     bool textureHasAlpha() const { return inputTexHasAlpha; }
     QImage readBack(int width, int height)
     {
@@ -133,6 +143,36 @@ TEST(OpenglWorker, TheDriverTurnLastsFromMakeCurrentToDoneCurrent)
     EXPECT_FALSE(holdsGlDriverLock());
     worker.endGlTurn();  // nothing held: nothing to give back
     EXPECT_FALSE(holdsGlDriverLock());
+}
+
+// A wait on the rasterizer gives back every take of the turn and takes them
+// all again, with the context still current and the queued work drawn; with
+// no context current it does nothing.
+TEST(OpenglWorker, SettlingTakesTheTurnBackAsItWasWithTheWorkDrawn)
+{
+    ProbeWorker worker;
+    QImage frame = testPicture(256, 128);
+    worker.settleOutsideTurn();
+    EXPECT_EQ(glDriverHolds(), 0);
+    const struct {
+        int outerTurns;  // a scope's turns around the worker's own
+        QColor colour;
+    } cases[] = {{0, QColor(200, 40, 10)}, {1, QColor(10, 220, 30)}, {2, QColor(0, 0, 250)}};
+    for (const auto& c : cases) {
+        for (int i = 0; i < c.outerTurns; ++i)
+            takeGlDriver();
+        ASSERT_TRUE(worker.doPreWork(frame.bits(), 256, 128));
+        worker.fillFrame(c.colour);
+        worker.settleOutsideTurn();
+        EXPECT_EQ(glDriverHolds(), c.outerTurns + 1) << c.outerTurns;
+        EXPECT_EQ(QOpenGLContext::currentContext(), worker.glContext());
+        const QImage out = worker.readBack(256, 128);
+        for (const QPoint& p : {QPoint(0, 0), QPoint(255, 127), QPoint(100, 60)})
+            EXPECT_EQ(out.pixelColor(p), c.colour) << c.outerTurns << " at " << p.x() << "," << p.y();
+        for (int i = 0; i < c.outerTurns; ++i)
+            releaseGlDriver();
+        EXPECT_EQ(glDriverHolds(), 0);
+    }
 }
 
 TEST(OpenglWorker, PassesDrawThePictureAsItIs)
