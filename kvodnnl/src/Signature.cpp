@@ -1,6 +1,7 @@
 #include "Signature.h"
 
 #include <algorithm>
+#include <cmath>
 
 #include <opencv2/imgproc.hpp>
 
@@ -41,6 +42,78 @@ Change pictureChange(const Picture& a, const Picture& b)
     cv::Mat changed;
     cv::absdiff(a.thumb, b.thumb, changed);
     return cv::countNonZero(changed > kChangedPatch) >= kChangedPatches ? Change::Local : Change::None;
+}
+
+bool movedAsAWhole(const cv::Mat& before, const cv::Mat& after)
+{
+    if (before.empty() || before.size() != after.size())
+        return false;
+    const double scale = std::min(1.0, kMovedSide / std::max(before.cols, before.rows));
+    cv::Mat a, b;
+    cv::resize(before, a, cv::Size(), scale, scale, cv::INTER_AREA);
+    cv::resize(after, b, cv::Size(), scale, scale, cv::INTER_AREA);
+    if (a.cols < kPatchSide || a.rows < kPatchSide)
+        return false;
+    a.convertTo(a, CV_32F);
+    b.convertTo(b, CV_32F);
+    cv::Mat window;
+    cv::createHanningWindow(window, a.size(), CV_32F);
+    // OpenCV 4.6 multiplies the pictures it correlates by the window in
+    // place: it gets copies.
+    const cv::Point2d shift = cv::phaseCorrelate(a.clone(), b.clone(), window);
+    // Only the part that both show counts, less a pixel for the interpolation.
+    const int marginX = static_cast<int>(std::ceil(std::abs(shift.x))) + 1;
+    const int marginY = static_cast<int>(std::ceil(std::abs(shift.y))) + 1;
+    if (4 * marginX > a.cols || 4 * marginY > a.rows)
+        return false;
+    cv::Mat back, diff;
+    cv::warpAffine(b, back, cv::Matx23d(1, 0, -shift.x, 0, 1, -shift.y), b.size(), cv::INTER_LINEAR);
+    const cv::Rect both(marginX, marginY, a.cols - 2 * marginX, a.rows - 2 * marginY);
+    cv::absdiff(a(both), back(both), diff);
+    // Every part must match: a view that changed in a quarter of it can
+    // match well on the mean.
+    for (int y = 0; y < kMovedParts; ++y) {
+        for (int x = 0; x < kMovedParts; ++x) {
+            const cv::Rect part(x * diff.cols / kMovedParts, y * diff.rows / kMovedParts, diff.cols / kMovedParts,
+                                diff.rows / kMovedParts);
+            if (cv::mean(diff(part))[0] > kMovedPicture)
+                return false;
+        }
+    }
+    return true;
+}
+
+bool changedOnlyRound(const Picture& a, const Picture& b, const std::vector<dlib::rectangle>& faces)
+{
+    if (a.grey.size() != b.grey.size() || a.thumb.size() != b.thumb.size())
+        return false;
+    const double cellW = static_cast<double>(a.grey.cols) / kThumbSide;
+    const double cellH = static_cast<double>(a.grey.rows) / kThumbSide;
+    double sum = 0;
+    int cells = 0;
+    for (int gy = 0; gy < kThumbSide; ++gy) {
+        for (int gx = 0; gx < kThumbSide; ++gx) {
+            const double x = (gx + 0.5) * cellW, y = (gy + 0.5) * cellH;
+            const bool nearFace = std::any_of(faces.begin(), faces.end(), [&](const dlib::rectangle& f) {
+                const double w = static_cast<double>(f.width()), h = static_cast<double>(f.height());
+                return x >= f.left() - w && x <= f.right() + w && y >= f.top() - h && y <= f.bottom() + h;
+            });
+            if (nearFace)
+                continue;
+            sum += std::abs(a.thumb.at<float>(gy, gx) - b.thumb.at<float>(gy, gx));
+            ++cells;
+        }
+    }
+    return 4 * cells >= kThumbSide * kThumbSide && sum / cells <= kChangeThreshold;
+}
+
+Change sceneChange(Change change, const Picture& before, const Picture& after,
+                   const std::vector<dlib::rectangle>& followed, bool lost)
+{
+    if (change != Change::Whole || lost || followed.empty())
+        return change;
+    const bool sameScene = changedOnlyRound(before, after, followed) || movedAsAWhole(before.grey, after.grey);
+    return sameScene ? Change::Local : Change::Whole;
 }
 
 cv::Mat patchOf(const cv::Mat& picture, const dlib::rectangle& box)

@@ -3,6 +3,7 @@
 // tells a new picture from the last one, the look of a face's box, and how
 // far the picture moved round a face.
 #include <memory>
+#include <vector>
 
 #include <dlib/geometry/rectangle.h>
 #include <opencv2/core.hpp>
@@ -30,6 +31,29 @@ double difference(const Picture& a, const Picture& b);
 // much (a face come or gone, or anything else that moves), or hardly.
 enum class Change { None, Local, Whole };
 Change pictureChange(const Picture& a, const Picture& b);
+
+// Whether `after` shows the view of `before` moved, as when a camera pans or
+// shakes: their reductions to kMovedSide pixels a side, once the shift that
+// phase correlation finds is undone, differ by at most kMovedPicture grey
+// levels on the mean in every part of a kMovedParts x kMovedParts grid. False
+// for pictures of different sizes.
+bool movedAsAWhole(const cv::Mat& before, const cv::Mat& after);
+
+// Whether `b` differs from `a` only round `faces`: the signature's cells
+// farther than a face size from every face differ by at most kChangeThreshold
+// on the mean. False when such cells cover less than a quarter of the
+// picture, or the pictures differ in size.
+bool changedOnlyRound(const Picture& a, const Picture& b, const std::vector<dlib::rectangle>& faces);
+
+// How `after` differs from `before` once the faces of `before` were followed
+// into it (`followed`, with `lost` set when one of them was not found): a
+// picture that differs on the whole (`change`) but whose faces were all found
+// again near their places is no new scene when it is the last one moved (a
+// camera that pans or shakes) or changed only round those faces (a person
+// close to the camera who moves). It then counts as changed in a few places,
+// and needs no search of the whole picture at once.
+Change sceneChange(Change change, const Picture& before, const Picture& after,
+                   const std::vector<dlib::rectangle>& followed, bool lost);
 
 // The box's part of the picture reduced to kPatchSide x kPatchSide; empty when
 // the box lies outside the picture.

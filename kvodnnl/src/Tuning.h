@@ -97,6 +97,14 @@ constexpr double kChangedPatch = 10.0;
 constexpr int kChangedPatches = 4;
 constexpr double kSameThreshold = 3.0;
 constexpr int kThumbSide = 32;
+// A picture that differs from the last on the whole is the last one moved
+// when their reductions to kMovedSide pixels a side, once the shift between
+// them is undone, differ by at most kMovedPicture grey levels on the mean in
+// each of kMovedParts x kMovedParts parts. Undone at a fraction of a pixel,
+// the shift leaves about 6 levels in the most textured part of a close-up.
+constexpr double kMovedSide = 128.0;
+constexpr double kMovedPicture = 10.0;
+constexpr int kMovedParts = 4;
 constexpr int kPatch = 4;
 
 }  // namespace KVOAI::kvodnnl

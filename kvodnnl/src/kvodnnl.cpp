@@ -155,14 +155,20 @@ void FaceDetectorImpl::run(const cv::Mat& image, bool wholePicture)
     cv::cvtColor(image, made->grey, image.channels() == 4 ? cv::COLOR_RGBA2GRAY : cv::COLOR_RGB2GRAY);
     made->thumb = signature(made->grey);
     const PicturePtr picture = made;
-    const Change change = last ? pictureChange(*last, *picture) : Change::Whole;
+    const PicturePtr before = last;
+    Change change = before ? pictureChange(*before, *picture) : Change::Whole;
     last = picture;
 
     bool lost = false;
     std::vector<Track> kept = follow(tracks, *picture, change == Change::Whole, lost);
     std::vector<Detection> followed;
-    for (const Track& t : kept)
+    std::vector<dlib::rectangle> boxes;
+    for (const Track& t : kept) {
         followed.push_back(t.detection);
+        boxes.push_back(t.detection.box);
+    }
+    if (before)
+        change = sceneChange(change, *before, *picture, boxes, lost);
 
     const bool busy = scheduler.schedule(picture, change, followed, lost, wholePicture);
     // While faces are shown, a search asked for by a picture that keeps

@@ -56,6 +56,34 @@ cv::Mat textured(cv::Size size)
 
 Picture pictureOf(const cv::Mat& grey) { return Picture{grey, signature(grey)}; }
 
+// A grey 1280 x 720 view with blobs from a few pixels to a hundred across, as
+// a camera's picture has: it still has texture once reduced to 128 pixels.
+cv::Mat view(int seed)
+{
+    static std::map<int, cv::Mat> made;
+    if (made.count(seed))
+        return made[seed].clone();
+    const int first = seed;
+    cv::Mat sum(720, 1280, CV_32F, cv::Scalar(0)), noise(720, 1280, CV_32F), blurred, out;
+    for (double sigma : {3.0, 12.0, 40.0}) {
+        cv::RNG(seed++).fill(noise, cv::RNG::UNIFORM, 0.0, 1.0);
+        cv::GaussianBlur(noise, blurred, cv::Size(), sigma);
+        cv::normalize(blurred, blurred, 0, 1, cv::NORM_MINMAX);
+        sum += blurred;
+    }
+    cv::normalize(sum, out, 20, 235, cv::NORM_MINMAX, CV_8U);
+    made[first] = out;
+    return out.clone();
+}
+
+cv::Mat shifted(const cv::Mat& picture, cv::Point2d by)
+{
+    cv::Mat out;
+    cv::warpAffine(picture, out, cv::Matx23d(1, 0, by.x, 0, 1, by.y), picture.size(), cv::INTER_LINEAR,
+                   cv::BORDER_REFLECT);
+    return out;
+}
+
 }  // namespace
 
 // Every point of the layout of kvodnnl.h from the model's points: copies,
@@ -198,6 +226,80 @@ TEST(KvodnnlSignature, TellsNoiseAChangeInAFewPlacesAndANewPicture)
     const Picture before = pictureOf(base);
     for (const auto& c : cases)
         EXPECT_EQ(static_cast<int>(pictureChange(before, pictureOf(c.picture))), static_cast<int>(c.expected))
+            << c.name;
+}
+
+// A camera that pans or shakes shows the last view moved: so does a view
+// moved by a few pixels, with noise or not, and by up to a fifth of it; a
+// brighter copy, another view, one whose half changed, one moved too far and
+// one of another size are new pictures.
+TEST(KvodnnlSignature, TellsAViewMovedAsAWholeFromANewOne)
+{
+    const cv::Mat before = view(1);
+    cv::Mat noisy = shifted(before, {8, -5}), halfNew = before.clone(), quarterNew = before.clone();
+    cv::Mat noise(before.size(), CV_16S), sum;
+    cv::randn(noise, 0, 3);
+    noisy.convertTo(sum, CV_16S);
+    cv::Mat(sum + noise).convertTo(noisy, CV_8U);
+    view(7)(cv::Rect(640, 0, 640, 720)).copyTo(halfNew(cv::Rect(640, 0, 640, 720)));
+    view(7)(cv::Rect(0, 0, 640, 360)).copyTo(quarterNew(cv::Rect(0, 0, 640, 360)));
+    const struct {
+        const char* name;
+        cv::Mat after;
+        bool moved;
+    } cases[] = {
+        {"the same", before.clone(), true},
+        {"8 right, 5 up", shifted(before, {8, -5}), true},
+        {"13 left", shifted(before, {-13, 0}), true},
+        {"6.5 down", shifted(before, {0, 6.5}), true},
+        {"8 right, 5 up, with noise", noisy, true},
+        {"a fifth of it to the right", shifted(before, {256, 0}), true},
+        {"30 grey levels brighter", before + cv::Scalar(30), false},
+        {"another view", view(7), false},
+        {"half of it another view", halfNew, false},
+        {"a quarter of it another view", quarterNew, false},
+        {"half of it to the right", shifted(before, {640, 0}), false},
+        {"another size", view(1)(cv::Rect(0, 0, 1200, 720)).clone(), false},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(movedAsAWhole(before, c.after), c.moved) << c.name;
+}
+
+// A picture that differs on the whole is a new scene unless all its followed
+// faces were found again and it is the last view moved or changed only round
+// them; other changes stay what they were.
+TEST(KvodnnlSignature, AViewMovedOrChangedRoundItsFacesIsNoNewScene)
+{
+    const cv::Mat base = view(1);
+    const dlib::rectangle face(540, 200, 739, 399);
+    // Everything within a face size of the face changed, and what lies
+    // farther out too.
+    cv::Mat roundFace = base.clone(), farOut = base.clone();
+    view(7)(cv::Rect(340, 0, 600, 600)).copyTo(roundFace(cv::Rect(340, 0, 600, 600)));
+    view(7)(cv::Rect(0, 0, 1280, 360)).copyTo(farOut(cv::Rect(0, 0, 1280, 360)));
+    const std::vector<dlib::rectangle> one = {face}, huge = {dlib::rectangle(200, 100, 1079, 619)}, none;
+    const struct {
+        const char* name;
+        cv::Mat after;
+        Change change;
+        std::vector<dlib::rectangle> followed;
+        bool lost;
+        Change expected;
+    } cases[] = {
+        {"moved, its face found again", shifted(base, {9, 4}), Change::Whole, one, false, Change::Local},
+        {"changed round its face only", roundFace, Change::Whole, one, false, Change::Local},
+        {"moved, but a face lost", shifted(base, {9, 4}), Change::Whole, one, true, Change::Whole},
+        {"moved, no face followed", shifted(base, {9, 4}), Change::Whole, none, false, Change::Whole},
+        {"changed far from its face", farOut, Change::Whole, one, false, Change::Whole},
+        {"changed round a face that fills it", view(7), Change::Whole, huge, false, Change::Whole},
+        {"brighter", base + cv::Scalar(30), Change::Whole, one, false, Change::Whole},
+        {"changed in a few places", base.clone(), Change::Local, one, false, Change::Local},
+        {"the same", base.clone(), Change::None, one, false, Change::None},
+    };
+    const Picture before = pictureOf(base);
+    for (const auto& c : cases)
+        EXPECT_EQ(static_cast<int>(sceneChange(c.change, before, pictureOf(c.after), c.followed, c.lost)),
+                  static_cast<int>(c.expected))
             << c.name;
 }
 
