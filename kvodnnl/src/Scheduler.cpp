@@ -41,16 +41,23 @@ bool Scheduler::schedule(const PicturePtr& picture, Change change, const std::ve
         if (shared_.planSize != picture->grey.size())
             replan(picture->grey.size());
         shared_.latest = picture;
-        const int period = followed.empty() ? kSearchPeriod : kFollowedSearchPeriod;
+        const int period = followed.empty() ? kSearchPeriod : followedPeriod_;
         // A change in a few places (in a video, most pictures have one) asks
         // for a search in the background while no face is shown, at most
         // every kSearchCalls calls: restarted on every such picture, the
-        // search would never rest. Faces shown keep the regular period.
+        // search would never rest. Faces shown keep the period.
         const bool local = change == Change::Local && followed.empty() && callsSinceSearch_ >= kSearchCalls;
-        if (change == Change::Whole || (wholePicture && !(urgent_ && searching())))
+        if (change == Change::Whole || (wholePicture && !(urgent_ && searching()))) {
             startSearch(followed, true);
-        else if ((lost || local || callsSinceSearch_ >= period) && !searching())
+            followedPeriod_ = kFollowedSearchPeriod;
+        } else if ((lost || local || callsSinceSearch_ >= period) && !searching()) {
+            // The last search done, a search that only the period asks for
+            // waits longer next time when the last one found nobody new.
+            const bool quiet = !lost && !local && !followed.empty() && shared_.newFaces == 0;
+            followedPeriod_ = quiet ? std::min(2 * followedPeriod_, kLongestFollowedSearchPeriod)
+                                    : kFollowedSearchPeriod;
             startSearch(followed, false);
+        }
         busy = searching();
     }
     wake_.notify_all();
@@ -75,6 +82,7 @@ void Scheduler::replan(cv::Size size)
 void Scheduler::startSearch(const std::vector<Detection>& followed, bool mustEnd)
 {
     ++shared_.search;
+    shared_.newFaces = 0;
     shared_.known.clear();
     shared_.candidates.clear();
     for (const Detection& d : followed)
@@ -174,8 +182,10 @@ void Scheduler::addFound(const std::vector<Detection>& out, uint64_t search, con
             *again = {d, picture};
         else
             shared_.found.push_back({d, picture});
-        if (search == shared_.search)
+        if (search == shared_.search) {
             shared_.known.push_back(d.box);
+            ++shared_.newFaces;
+        }
     }
 }
 

@@ -13,6 +13,7 @@
 #include "SearchPlan.h"
 #include "Signature.h"
 #include "Timing.h"
+#include "Tuning.h"
 
 namespace KVOAI::kvodnnl {
 
@@ -39,8 +40,8 @@ public:
     // at once for a new picture (`change` Whole) and for `wholePicture` (unless
     // such a search is under way), and, once the last search is done, when a
     // face was `lost`, when no face is `followed` and the picture changed in a
-    // few places, or after the calls of the regular period. Returns whether a
-    // search is under way.
+    // few places, or after the calls of the period. Returns whether a search
+    // is under way.
     bool schedule(const PicturePtr& picture, Change change, const std::vector<Detection>& followed, bool lost,
                   bool wholePicture);
 
@@ -76,6 +77,7 @@ private:
         std::vector<dlib::rectangle> known;       // faces followed when the search began, and confirmed since
         std::vector<dlib::rectangle> candidates;  // candidates taken in this search
         std::vector<Found> found;       // confirmed faces not yet handed out
+        int newFaces = 0;               // faces that the latest search confirmed
         uint64_t search = 0;            // the latest search; 0 before the first
         int running = 0;                // tasks at work
         Clock::time_point workerEnds;   // when the detector's thread should end its task
@@ -99,6 +101,7 @@ private:
 
     // The calling thread's own.
     int callsSinceSearch_ = 0;  // calls since the latest search began
+    int followedPeriod_ = kFollowedSearchPeriod;  // the period while faces are followed
     bool urgent_ = false;       // the latest search must end by its kSearchCalls-th call
 
     mutable std::mutex mutex_;

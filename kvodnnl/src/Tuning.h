@@ -56,9 +56,14 @@ constexpr double kKeepBoxOverlap = 0.8;
 // are given up once this many searched for near their places are all lost.
 constexpr int kCutLosses = 2;
 // Calls between the starts of two searches of the whole picture while nothing
-// else asks for one, when no face is followed and when some are.
+// else asks for one, when no face is followed and when some are. While faces
+// are followed, each such search that finds no face new to the calls doubles
+// the period for the next, up to kLongestFollowedSearchPeriod: a scene whose
+// faces are all found costs a search every few seconds, and one who comes in
+// is found within that time.
 constexpr int kSearchPeriod = 10;
 constexpr int kFollowedSearchPeriod = 15;
+constexpr int kLongestFollowedSearchPeriod = 60;
 // A search of the whole picture that a new picture or `flagA` asked for is
 // finished, by the calling thread if need be, on the kSearchCalls-th call
 // since it began.
