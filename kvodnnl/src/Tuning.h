@@ -102,6 +102,7 @@ constexpr double kChangedPatch = 10.0;
 constexpr int kChangedPatches = 4;
 constexpr double kSameThreshold = 3.0;
 constexpr int kThumbSide = 32;
+constexpr int kPatch = 4;
 // A picture that differs from the last on the whole is the last one moved
 // when their reductions to kMovedSide pixels a side, once the shift between
 // them is undone, differ by at most kMovedPicture grey levels on the mean in
@@ -110,6 +111,5 @@ constexpr int kThumbSide = 32;
 constexpr double kMovedSide = 128.0;
 constexpr double kMovedPicture = 10.0;
 constexpr int kMovedParts = 4;
-constexpr int kPatch = 4;
 
 }  // namespace KVOAI::kvodnnl
