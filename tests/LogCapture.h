@@ -1,6 +1,7 @@
 #pragma once
 // Collects the Qt log lines written, on any thread, while it lives. One at a
-// time: a new capture starts from an empty list.
+// time: a new capture starts from an empty list, and with the engine's
+// warning limits forgotten, so that each test sees its first warnings.
 
 #include <mutex>
 #include <utility>
@@ -10,12 +11,15 @@
 #include <QStringList>
 #include <QtGlobal>
 
+#include "base/WarningLimit.h"
+
 class LogCapture {
 public:
     LogCapture()
     {
         std::lock_guard<std::mutex> lock(mutex);
         lines.clear();
+        lumenlog::resetWarningLimits();
         previous = qInstallMessageHandler(&LogCapture::handler);
     }
     ~LogCapture() { qInstallMessageHandler(previous); }

@@ -6,6 +6,8 @@
 
 #include <QLoggingCategory>
 
+#include "base/WarningLimit.h"
+
 Q_DECLARE_LOGGING_CATEGORY(lcEngine)   // "lumen_fx.engine": the facade, the start and the end
 Q_DECLARE_LOGGING_CATEGORY(lcChannel)  // "lumen_fx.channel": channel pipelines
 Q_DECLARE_LOGGING_CATEGORY(lcScene)    // "lumen_fx.scene": scenes and their exchange with channels

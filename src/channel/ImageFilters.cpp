@@ -149,7 +149,8 @@ void ImageFilters::setManagerValue(int value)
 void ImageFilters::setFrameRate(int fps)
 {
     if (fps <= 0) {
-        qCWarning(lcChannel) << "[ImageFilters::setFrameRate] ignored a frame rate of" << fps << "on channel" << channelId;
+        LUMEN_WARNING(lcChannel) << "[ImageFilters::setFrameRate] ignored a frame rate of" << fps << "on channel"
+                                 << channelId;
         return;
     }
     configuredFps = fps;
@@ -195,10 +196,11 @@ bool ImageFilters::isFilterTypeValue(ImageFilterType type, const char* function)
     if (isFilterType(type))
         return true;
     if (type == NOFILTER)
-        qCWarning(lcChannel).nospace() << "[ImageFilters::" << function << "] filter type 0 is not a filter; call dropped";
+        LUMEN_WARNING(lcChannel).nospace() << "[ImageFilters::" << function
+                                           << "] filter type 0 is not a filter; call dropped";
     else
-        qCWarning(lcChannel).nospace() << "[ImageFilters::" << function << "] " << int(type)
-                             << " is not a filter type; call dropped";
+        LUMEN_WARNING(lcChannel).nospace() << "[ImageFilters::" << function << "] " << int(type)
+                                           << " is not a filter type; call dropped";
     return false;
 }
 
@@ -207,8 +209,8 @@ void ImageFilters::addImageFilter(ImageFilterType type, void* para)
     if (!isFilterTypeValue(type, "addImageFilter"))
         return;
     if (type != UNUSEDFILTER && para == nullptr) {
-        qCWarning(lcChannel) << "[ImageFilters::addImageFilter] null parameter record for filter type" << int(type)
-                             << "; call dropped";
+        LUMEN_WARNING(lcChannel) << "[ImageFilters::addImageFilter] null parameter record for filter type" << int(type)
+                                 << "; call dropped";
         return;
     }
     FilterParaMap par;
@@ -228,8 +230,8 @@ void ImageFilters::setFilterPara(ImageFilterType type, FilterParaType paraType, 
         return;
     }
     if (para == nullptr) {
-        qCWarning(lcChannel) << "[ImageFilters::setFilterPara] null parameter record for filter type" << int(type)
-                             << "; call dropped";
+        LUMEN_WARNING(lcChannel) << "[ImageFilters::setFilterPara] null parameter record for filter type" << int(type)
+                                 << "; call dropped";
         return;
     }
     if (readRecord(type, para, true, par))
@@ -240,9 +242,9 @@ bool ImageFilters::readRecord(ImageFilterType type, void* para, bool fromSetter,
 {
     const RecordReading reading = readFilterRecord(type, para, fromSetter);
     if (!reading.notFinite.empty()) {
-        qCWarning(lcChannel).nospace() << "[ImageFilters::" << (fromSetter ? "setFilterPara" : "addImageFilter") << "] "
-                                       << reading.notFinite.c_str() << " of filter type " << int(type)
-                                       << " is not a finite number; call dropped";
+        const char* function = fromSetter ? "setFilterPara" : "addImageFilter";
+        LUMEN_WARNING(lcChannel).nospace() << "[ImageFilters::" << function << "] " << reading.notFinite.c_str() << " of filter type " << int(type)
+                                           << " is not a finite number; call dropped";
         return false;
     }
     if (reading.add)

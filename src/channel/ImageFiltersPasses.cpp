@@ -178,8 +178,9 @@ void ImageFilters::fitPage(QImage& image, int, int fileType, float pageWidth, fl
         if (page.width() >= 1 && page.height() >= 1 && page.width() <= pagelayout::kPageLimit && page.height() <= pagelayout::kPageLimit) {
             fitToWidth(image, page.width(), page.height());
         } else if (page != refusedPage) {
-            qCWarning(lcChannel) << "[ImageFilters::fitPage] a page of" << page.width() << "x" << page.height()
-                                 << "is not fitted to; first_page_width and first_page_height go up to" << pagelayout::kPageLimit;
+            LUMEN_WARNING(lcChannel) << "[ImageFilters::fitPage] a page of" << page.width() << "x" << page.height()
+                                     << "is not fitted to; first_page_width and first_page_height go up to"
+                                     << pagelayout::kPageLimit;
         }
         refusedPage = page;
     }

@@ -35,8 +35,8 @@ void ImageFilters::onSetFilterParameter(ImageFilterType t, std::map<std::string,
     inbox.takeParameters(t, par);
     auto existing = filters.find(t);
     if (existing != filters.end() && existing->second == nullptr) {
-        qCWarning(lcChannel) << "[ImageFilters::onSetFilterParameter] no filter object behind type" << int(t)
-                   << "; parameters dropped";
+        LUMEN_WARNING(lcChannel) << "[ImageFilters::onSetFilterParameter] no filter object behind type" << int(t)
+                                 << "; parameters dropped";
         return;
     }
     filterParams[t] = par;
@@ -67,7 +67,7 @@ void ImageFilters::onAddImageFilter(ImageFilterType t, bool)
         return;
     BeautyFilterBase* filter = createImageFilter(t);
     if (!filter) {
-        qCWarning(lcChannel) << "[ImageFilters::onAddImageFilter] no filter object for type" << int(t);
+        LUMEN_WARNING(lcChannel) << "[ImageFilters::onAddImageFilter] no filter object for type" << int(t);
         return;
     }
     filters[t] = filter;

@@ -27,8 +27,8 @@ cv::Mat wrapImage(const QImage& image, int type)
 void warnInvalidFormat(const char* where, QImage::Format format)
 {
     const char* name = QMetaEnum::fromType<QImage::Format>().valueToKey(format);
-    qCWarning(lcConvert).noquote() << QStringLiteral("[FrameConverter::%1] Invalid image format").arg(where)
-                         << (name ? name : "unknown");
+    LUMEN_WARNING(lcConvert).noquote() << QStringLiteral("[FrameConverter::%1] Invalid image format").arg(where)
+                                       << (name ? name : "unknown");
 }
 
 // Converts `src` into `out` without ever writing into memory that `out`
@@ -152,7 +152,7 @@ QImage FrameConverter::matToQImage(const cv::Mat& mat)
 void FrameConverter::frameToMat(const AVFrame* frame, cv::Mat& out, bool withAlpha, int width, int height)
 {
     if (!frame || frame->width <= 0 || frame->height <= 0 || width <= 0 || height <= 0) {
-        qCWarning(lcConvert) << "[FrameConverter::frameToMat] no frame or empty size, nothing converted";
+        LUMEN_WARNING(lcConvert) << "[FrameConverter::frameToMat] no frame or empty size, nothing converted";
         return;
     }
 
@@ -206,7 +206,8 @@ void FrameConverter::matToFrame(const cv::Mat& mat, AVFrame*& frame, int width, 
     if (mat.cols <= 0 || mat.rows <= 0)
         return;
     if (width <= 0 || height <= 0) {
-        qCWarning(lcConvert) << "[FrameConverter::matToFrame] empty target size" << width << height << ", no frame made";
+        LUMEN_WARNING(lcConvert) << "[FrameConverter::matToFrame] empty target size" << width << height
+                                 << ", no frame made";
         return;
     }
 

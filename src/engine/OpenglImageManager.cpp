@@ -87,8 +87,8 @@ int onApplicationThread(const char* function, int waitMs, const std::function<in
 {
     QCoreApplication* app = QCoreApplication::instance();
     if (!qobject_cast<QGuiApplication*>(app)) {
-        qCWarning(lcEngine).nospace() << "[OpenglImageManager::" << function
-                             << "] no QGuiApplication: create it before the first scene or channel";
+        LUMEN_WARNING(lcEngine).nospace() << "[OpenglImageManager::" << function
+                                          << "] no QGuiApplication: create it before the first scene or channel";
         return -1;
     }
     if (QThread::currentThread() == app->thread())
@@ -121,9 +121,9 @@ int onApplicationThread(const char* function, int waitMs, const std::function<in
         }
         if (!call->changed.wait(&call->mutex, deadline) && call->state == CreationCall::Waiting) {
             call->state = CreationCall::Abandoned;
-            qCWarning(lcEngine).nospace() << "[OpenglImageManager::" << function
-                                 << "] the application's thread took no events for " << waitMs
-                                 << " ms; nothing made";
+            LUMEN_WARNING(lcEngine).nospace() << "[OpenglImageManager::" << function
+                                              << "] the application's thread took no events for " << waitMs
+                                              << " ms; nothing made";
             return -1;
         }
     }
@@ -147,7 +147,8 @@ void joinThreads(const std::vector<std::pair<int, QThread*>>& threads, const QDe
         if (thread->wait(deadline))
             delete thread;
         else
-            qCWarning(lcEngine) << "[OpenglImageManager::shutdown]" << kind << entry.first << "did not stop in time";
+            LUMEN_WARNING(lcEngine) << "[OpenglImageManager::shutdown]" << kind << entry.first
+                                    << "did not stop in time";
     }
 }
 
@@ -180,7 +181,7 @@ int OpenglImageManagerPrivate::makeScene()
 {
     QMutexLocker locker(&sceneMutex);
     if (closed) {
-        qCWarning(lcEngine) << "[OpenglImageManager::genSceneFilters] the process is exiting; no scene made";
+        LUMEN_WARNING(lcEngine) << "[OpenglImageManager::genSceneFilters] the process is exiting; no scene made";
         return -1;
     }
     hookApplication();
@@ -199,7 +200,7 @@ int OpenglImageManagerPrivate::makeChannel(int sceneId, bool isSceneChannel)
     QMutexLocker sceneLocker(&sceneMutex);
     QMutexLocker channelLocker(&channelMutex);
     if (closed) {
-        qCWarning(lcEngine) << "[OpenglImageManager::genChannelFilters] the process is exiting; no channel made";
+        LUMEN_WARNING(lcEngine) << "[OpenglImageManager::genChannelFilters] the process is exiting; no channel made";
         return -1;
     }
     auto scene = scenes.find(sceneId);

@@ -424,7 +424,7 @@ void BeautyFilterBase::filterFrameThroughMat(AVFrame* src, AVFrame* dst, const M
                                              const char* who)
 {
     if (!src) {
-        qCWarning(lcFilters).nospace() << "[" << who << "] no source frame; call dropped";
+        LUMEN_WARNING(lcFilters).nospace() << "[" << who << "] no source frame; call dropped";
         return;
     }
     if (src->width < 1 || src->height < 1)
@@ -447,11 +447,11 @@ void BeautyFilterBase::filterFrameThroughMat(AVFrame* src, AVFrame* dst, const M
             av_image_copy(dst->data, dst->linesize, const_cast<const uint8_t**>(result->data), result->linesize,
                           static_cast<AVPixelFormat>(result->format), result->width, result->height);
         } else {
-            qCWarning(lcFilters).nospace() << "[" << who << "] destination frame "
-                                 << (dst ? dst->width : 0) << "x" << (dst ? dst->height : 0) << " format "
-                                 << (dst ? dst->format : -1) << " does not match the result "
-                                 << result->width << "x" << result->height << " format " << result->format
-                                 << "; result dropped";
+            LUMEN_WARNING(lcFilters).nospace() << "[" << who << "] destination frame "
+                                               << (dst ? dst->width : 0) << "x" << (dst ? dst->height : 0) << " format "
+                                               << (dst ? dst->format : -1) << " does not match the result "
+                                               << result->width << "x" << result->height << " format " << result->format
+                                               << "; result dropped";
         }
         av_freep(&result->data[0]);
     }
@@ -465,8 +465,8 @@ void handPictureToRenderer(QObject* renderer, uchar* data, int width, int height
     const bool taken = QMetaObject::invokeMethod(renderer, "doPreWork", Qt::DirectConnection, Q_ARG(uchar*, data),
                                                  Q_ARG(int, width), Q_ARG(int, height));
     if (!taken)
-        qCWarning(lcFilters).nospace() << "[" << who << "] renderer " << renderer->metaObject()->className()
-                             << " takes no picture; nothing drawn";
+        LUMEN_WARNING(lcFilters).nospace() << "[" << who << "] renderer " << renderer->metaObject()->className()
+                                           << " takes no picture; nothing drawn";
 }
 
 cv::Rect clampToFrame(cv::Rect rect, int width, int height)

@@ -65,8 +65,8 @@ cv::Mat BeautyFilterBase::fadeWithGaussianMask(const cv::Mat& image)
 {
     cv::Mat result = image.clone();
     if (!isFourByteBgra(image)) {
-        qCWarning(lcFilters) << "[BeautyFilterBase::fadeWithGaussianMask] needs an 8-bit four-channel picture, got type"
-                   << image.type() << "; picture left as it is";
+        LUMEN_WARNING(lcFilters) << "[BeautyFilterBase::fadeWithGaussianMask] needs an 8-bit four-channel picture,"
+                                 << "got type" << image.type() << "; picture left as it is";
         return result;
     }
     const cv::Mat mask = gaussianMask(image.rows, image.cols, 3);
@@ -88,8 +88,8 @@ cv::Mat BeautyFilterBase::restoreSideStrips(const cv::Mat& image, const cv::Mat&
     if (image.rows < 1)
         return result;
     if (!isFourByteBgra(image) || source.type() != image.type() || source.size() != image.size()) {
-        qCWarning(lcFilters) << "[BeautyFilterBase::restoreSideStrips] needs two 8-bit four-channel pictures of one size;"
-                   << "picture left as it is";
+        LUMEN_WARNING(lcFilters) << "[BeautyFilterBase::restoreSideStrips] needs two 8-bit four-channel pictures"
+                                 << "of one size; picture left as it is";
         return result;
     }
     const int topRows = image.rows / 3;

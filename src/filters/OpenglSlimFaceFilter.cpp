@@ -37,7 +37,7 @@ cv::Rect OpenglSlimFaceFilter::expandFaceArea(cv::Rect rect, int width, int heig
 void OpenglSlimFaceFilter::setUniforms(QOpenGLShaderProgram* program, ParaMap paras, int width, int height)
 {
     if (!program) {
-        qCWarning(lcFilters) << "[OpenglSlimFaceFilter::setUniforms] no shader program; uniforms not set";
+        LUMEN_WARNING(lcFilters) << "[OpenglSlimFaceFilter::setUniforms] no shader program; uniforms not set";
         return;
     }
     auto strength = paras.find(slim_face_strength);

@@ -96,14 +96,14 @@ void OpenglStickerFilter::setFilePath(const std::string& path)
     if (size.width() <= kLargestSticker && size.height() <= kLargestSticker)
         loaded = QImage(QString::fromStdString(path));
     else
-        qCWarning(lcFilters) << "[OpenglStickerFilter::setFilePath]" << path.c_str() << "is" << size.width() << "x"
-                             << size.height() << "; stickers are at most" << kLargestSticker << "a side";
+        LUMEN_WARNING(lcFilters) << "[OpenglStickerFilter::setFilePath]" << path.c_str() << "is" << size.width() << "x"
+                                 << size.height() << "; stickers are at most" << kLargestSticker << "a side";
     // Red and blue exchanged, as the sticker goes to the GPU.
     stickerSource_ = new QImage(loaded.convertToFormat(QImage::Format_RGBA8888).rgbSwapped());
     sourceChanged = true;
     if (stickerSource_->isNull())
-        qCWarning(lcFilters) << "[OpenglStickerFilter::setFilePath] no picture in" << path.c_str()
-                             << "; no sticker until another file arrives";
+        LUMEN_WARNING(lcFilters) << "[OpenglStickerFilter::setFilePath] no picture in" << path.c_str()
+                                 << "; no sticker until another file arrives";
 }
 
 void OpenglStickerFilter::updateFaceInfo(const FaceDetectResult& result, int width, int height)

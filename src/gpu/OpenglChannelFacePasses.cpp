@@ -120,7 +120,8 @@ void OpenglChannelWorker::drawSlimFace(BeautyFilterBase* filter, bool firstFaceO
     const std::vector<std::vector<int32_t>> points = filter->facePoints();
     for (size_t i = 0; i < faces.size(); ++i) {
         if (i >= points.size() || points[i].size() < static_cast<size_t>(kFacePointFloats)) {
-            qCWarning(lcGpu) << "[OpenglChannelWorker::drawSlimFace] face" << i << "has fewer than 98 key points, skipped";
+            LUMEN_WARNING(lcGpu) << "[OpenglChannelWorker::drawSlimFace] face" << i
+                                 << "has fewer than 98 key points, skipped";
         } else {
             slimFaceProgram->bind();
             filter->setUniforms(slimFaceProgram->shaderProgram(), faces[i], frameWidth, frameHeight);

@@ -146,9 +146,9 @@ bool OpenglChannelWorker::acceptClipSize(const QSize& size)
         return true;
     }
     if (size != refusedClip)
-        qCWarning(lcGpu) << "[OpenglChannelWorker::drawClip] no clip of" << size.width() << "x" << size.height()
-                         << "for a frame of" << frameWidth << "x" << frameHeight
-                         << "(channel_width, channel_height or scale_strength out of range); frame left out";
+        LUMEN_WARNING(lcGpu) << "[OpenglChannelWorker::drawClip] no clip of" << size.width() << "x" << size.height()
+                             << "for a frame of" << frameWidth << "x" << frameHeight
+                             << "(channel_width, channel_height or scale_strength out of range); frame left out";
     refusedClip = size;
     frameSkipped = true;
     return false;

@@ -61,8 +61,8 @@ bool OpenglChannelWorker::drawSticker(const QImage& picture, const StickerInfo& 
                                       const std::vector<float>& angles, bool premul)
 {
     if (keyPoints.size() < static_cast<size_t>(kFacePointFloats)) {
-        qCWarning(lcGpu) << "[OpenglChannelWorker::drawSticker] a face with" << keyPoints.size() / 2
-                         << "key points instead of 98 gets no sticker";
+        LUMEN_WARNING(lcGpu) << "[OpenglChannelWorker::drawSticker] a face with" << keyPoints.size() / 2
+                             << "key points instead of 98 gets no sticker";
         return false;
     }
     // The picture so far into the other framebuffer. Opaque, that copy is

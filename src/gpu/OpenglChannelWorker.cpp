@@ -58,7 +58,7 @@ OpenglChannelWorker::~OpenglChannelWorker()
     if (context && context->thread() == QThread::currentThread()) {
         releaseContext();
     } else if (context) {
-        qCWarning(lcGpu) << "[OpenglChannelWorker::~OpenglChannelWorker] destroyed off its context's thread";
+        LUMEN_WARNING(lcGpu) << "[OpenglChannelWorker::~OpenglChannelWorker] destroyed off its context's thread";
         deleteOwnGlObjects();
     }
 }

@@ -95,7 +95,7 @@ void OpenglWorkerBase::releaseContext()
     if (!context)
         return;
     if (context->thread() != QThread::currentThread()) {
-        qCWarning(lcGpu) << "[OpenglWorkerBase::releaseContext] called off the context's thread; nothing released";
+        LUMEN_WARNING(lcGpu) << "[OpenglWorkerBase::releaseContext] called off the context's thread; nothing released";
         return;
     }
     releaseTextures();
@@ -230,7 +230,8 @@ bool OpenglWorkerBase::doPreWork(uchar* data, int width, int height)
     if (width == 0 || height == 0 || data == nullptr)
         return false;
     if (width < 0 || height < 0) {
-        qCWarning(lcGpu) << "[OpenglWorkerBase::doPreWork] dropped a frame of negative size" << width << "x" << height;
+        LUMEN_WARNING(lcGpu) << "[OpenglWorkerBase::doPreWork] dropped a frame of negative size" << width << "x"
+                             << height;
         return false;
     }
     if (!makeCurrent()) {
@@ -246,8 +247,8 @@ bool OpenglWorkerBase::doPreWork(uchar* data, int width, int height)
     }
     if (width > maxFrameSide || height > maxFrameSide) {
         if (refusedFrame != QSize(width, height))
-            qCWarning(lcGpu) << "[OpenglWorkerBase::doPreWork] dropped a frame of" << width << "x" << height
-                             << ": the GL limit is" << maxFrameSide << "a side";
+            LUMEN_WARNING(lcGpu) << "[OpenglWorkerBase::doPreWork] dropped a frame of" << width << "x" << height
+                                 << ": the GL limit is" << maxFrameSide << "a side";
         refusedFrame = QSize(width, height);
         return false;
     }

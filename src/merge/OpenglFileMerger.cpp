@@ -68,7 +68,7 @@ OpenglFileMerger::~OpenglFileMerger()
     if (context && context->thread() == QThread::currentThread()) {
         releaseContext();
     } else if (context) {
-        qCWarning(lcGpu) << "[OpenglFileMerger::~OpenglFileMerger] destroyed off its context's thread";
+        LUMEN_WARNING(lcGpu) << "[OpenglFileMerger::~OpenglFileMerger] destroyed off its context's thread";
         deleteOwnGlObjects();
     }
     // The read paths' buffers go with their members, before the base's part
@@ -272,7 +272,7 @@ void OpenglFileMerger::mergeImages(const QList<_channel_merge_param>& params, in
         return;
     }
     if (width <= 0 || height <= 0) {
-        qCWarning(lcGpu) << "[OpenglFileMerger::mergeImages] dropped a merge of size" << width << "x" << height;
+        LUMEN_WARNING(lcGpu) << "[OpenglFileMerger::mergeImages] dropped a merge of size" << width << "x" << height;
         return;
     }
 

@@ -192,7 +192,7 @@ void SceneManager::tick()
     if (width == 0 || height == 0)
         return;
     if (width < 0 || height < 0) {
-        qCWarning(lcScene) << "[SceneManager::process] dropped a merge of negative size" << width << "x" << height;
+        LUMEN_WARNING(lcScene) << "[SceneManager::process] dropped a merge of negative size" << width << "x" << height;
         return;
     }
     if (!requestFitsLimits(width, height))

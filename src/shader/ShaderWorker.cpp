@@ -105,7 +105,7 @@ int ShaderWorker::initShaders(const QString& vertexPath, const QString& fragment
         return 0;
     }
     if (!program->addShaderFromSourceCode(QOpenGLShader::Vertex, vertexCode)) {
-        qCWarning(lcGpu) << "init vertex shader fail!";
+        LUMEN_WARNING(lcGpu) << "init vertex shader fail!";
         return 0;
     }
 
@@ -115,11 +115,11 @@ int ShaderWorker::initShaders(const QString& vertexPath, const QString& fragment
         return 0;
     }
     if (!program->addShaderFromSourceCode(QOpenGLShader::Fragment, fragmentCode)) {
-        qCWarning(lcGpu) << "init fragment shader fail!";
+        LUMEN_WARNING(lcGpu) << "init fragment shader fail!";
         return 0;
     }
     if (!program->link()) {
-        qCWarning(lcGpu) << "link shader fail!";
+        LUMEN_WARNING(lcGpu) << "link shader fail!";
         return 0;
     }
     if (!program->bind()) {
@@ -342,11 +342,11 @@ void ShaderWorker::buildLipsMesh(std::vector<int> lipPoints, std::map<std::strin
     indexCount = 0;
     // Lip points 14 and 18 (the inner middle) are needed for the mouth centre.
     if (lipPoints.size() < 38) {
-        qCWarning(lcGpu) << "[ShaderWorker::buildLipsMesh] lip point list too short:" << lipPoints.size();
+        LUMEN_WARNING(lcGpu) << "[ShaderWorker::buildLipsMesh] lip point list too short:" << lipPoints.size();
         return;
     }
     if (width <= 0 || height <= 0) {
-        qCWarning(lcGpu) << "[ShaderWorker::buildLipsMesh] invalid picture size" << width << "x" << height;
+        LUMEN_WARNING(lcGpu) << "[ShaderWorker::buildLipsMesh] invalid picture size" << width << "x" << height;
         return;
     }
 

@@ -156,11 +156,15 @@ TEST(PicturePass, BadSettingsWarnAtMostAndLeaveNoGlError)
         [](P& p) { p.isClip = 1, p.channelWidth = 1e300, p.channelHeight = 1e-300, p.centerXOffset = 1e30; },
         [](P& p) { p.isClip = 1, p.firstPageWidth = 1e30, p.fileType = 2, p.channelWidth = 64, p.channelHeight = 48; },
     };
-    for (const auto& set : settings)
-        for (int frame = 0; frame < 2; ++frame)
+    // The log's own limit on repeats is lifted at each frame: the channel
+    // itself warns once for each box, not for each frame; the rotation of one
+    // setting meets the clip of the next in one frame.
+    for (const auto& set : settings) {
+        for (int frame = 0; frame < 2; ++frame) {
+            lumenlog::resetWarningLimits();
             channel.frame(picture::gradientPicture(), picture::settings(set));
-    // Once for each box, not for each frame; the rotation of one setting
-    // meets the clip of the next in one frame.
+        }
+    }
     EXPECT_EQ(log.count("[OpenglChannelWorker::drawClip]", QtWarningMsg), 5) << log.all();
     // Infinity and NaN never arrive.
     _basic_image_param nan = picture::settings([](auto& p) { p.rotationZ = std::nan(""); });

@@ -1,0 +1,118 @@
+// Repeated warnings: the first of a message is written as it is, then one in
+// ten seconds at most, which counts those left out. Texts that differ only in
+// their numbers are one message.
+#include <QLoggingCategory>
+#include <QString>
+
+#include <gtest/gtest.h>
+
+#include "LogCapture.h"
+#include "base/WarningLimit.h"
+
+namespace {
+
+Q_LOGGING_CATEGORY(lcLimitTest, "lumen_fx.limittest")
+
+using lumenlog::kWarningIntervalMs;
+using lumenlog::warningKey;
+using lumenlog::WarningLimiter;
+
+TEST(WarningLimit, TextsThatDifferOnlyInTheirNumbersAreOneMessage)
+{
+    struct Case {
+        const char* a;
+        const char* b;
+        bool same;
+    };
+    const Case cases[] = {
+        {"[F::f] 5 is not a filter type; call dropped", "[F::f] 17 is not a filter type; call dropped", true},
+        {"[F::f] -2 is not a filter type", "[F::f] 16 is not a filter type", true},
+        {"dropped a frame of 1921 x 1080", "dropped a frame of 3 x 3", true},
+        {"a ratio of 1.5 kept", "a ratio of 20 kept", true},
+        {"channel_height of filter type 7", "channel_width of filter type 7", false},
+        {"[F::addImageFilter] null record", "[F::setFilterPara] null record", false},
+        {"face 2 has fewer than 98 key points", "face 2 has fewer than 98 key points, skipped", false},
+        {"range 3-4", "range 3", false},
+    };
+    for (const Case& c : cases) {
+        EXPECT_EQ(warningKey("lumen_fx.channel", c.a) == warningKey("lumen_fx.channel", c.b), c.same)
+            << c.a << " | " << c.b;
+    }
+    EXPECT_NE(warningKey("lumen_fx.channel", "no picture"), warningKey("lumen_fx.gpu", "no picture"));
+    EXPECT_EQ(warningKey("c", "x-12.5y7 -"), QString("c:x#y# -"));
+}
+
+TEST(WarningLimit, FirstIsWrittenThenOneInTenSecondsWithTheCountLeftOut)
+{
+    struct Step {
+        const char* key;
+        qint64 atMs;
+        bool write;
+        int leftOut;  // for a written warning, how many it reports left out
+    };
+    const Step steps[] = {
+        {"a", 0, true, 0},
+        {"a", 1, false, 1},
+        {"b", 2, true, 0},  // another message is not held back by the first
+        {"a", 5000, false, 2},
+        {"a", kWarningIntervalMs - 1, false, 3},
+        {"a", kWarningIntervalMs, true, 3},
+        {"a", kWarningIntervalMs + 1, false, 1},
+        {"b", kWarningIntervalMs + 2, true, 0},  // nothing of b was left out
+        {"a", 3 * kWarningIntervalMs, true, 1},
+        {"a", 5 * kWarningIntervalMs, true, 0},  // a quiet message is written again at once
+    };
+    WarningLimiter limiter;
+    for (const Step& step : steps) {
+        const WarningLimiter::Verdict verdict = limiter.admit(step.key, "site:1", step.atMs);
+        EXPECT_EQ(verdict.write, step.write) << step.key << " at " << step.atMs;
+        EXPECT_EQ(verdict.leftOut, step.leftOut) << step.key << " at " << step.atMs;
+    }
+}
+
+TEST(WarningLimit, PastTheMessagesFollowedTheCallSiteStandsForItsMessages)
+{
+    WarningLimiter limiter;
+    for (int i = 0; i < WarningLimiter::kMaxMessages; ++i)
+        ASSERT_TRUE(limiter.admit(QString("text %1").arg(QChar('a' + i % 26)) + QString(i / 26, 'z'), "s:1", 0).write);
+    // Full: new texts of one call site share one limit...
+    EXPECT_TRUE(limiter.admit("new one", "s:2", 1).write);
+    EXPECT_FALSE(limiter.admit("new two", "s:2", 2).write);
+    EXPECT_TRUE(limiter.admit("new three", "s:3", 3).write);
+    // ...until the old messages are quiet for the interval and make room.
+    EXPECT_TRUE(limiter.admit("new two", "s:2", kWarningIntervalMs + 10).write);
+    EXPECT_FALSE(limiter.admit("new two", "s:2", kWarningIntervalMs + 11).write);
+    EXPECT_TRUE(limiter.admit("new four", "s:2", kWarningIntervalMs + 12).write);
+}
+
+TEST(WarningLimit, TheMacroWritesTheFirstAsItIsAndHoldsBackTheRepeats)
+{
+    LogCapture log;
+    for (int type = 20; type < 120; ++type)
+        LUMEN_WARNING(lcLimitTest) << "[Test::call]" << type << "is not a filter type; call dropped";
+    for (int i = 0; i < 3; ++i)
+        LUMEN_WARNING(lcLimitTest).nospace() << "[Test::other] record " << i << " refused";
+    EXPECT_EQ(log.count("is not a filter type"), 1) << log.all();
+    EXPECT_EQ(log.count("[Test::call] 20 is not a filter type; call dropped", QtWarningMsg), 1) << log.all();
+    EXPECT_EQ(log.count("[Test::other] record 0 refused", QtWarningMsg), 1) << log.all();
+    EXPECT_EQ(log.count("refused"), 1) << log.all();
+
+    // A new capture forgets the limits: the same warning is written again.
+    LogCapture again;
+    LUMEN_WARNING(lcLimitTest) << "[Test::call]" << 7 << "is not a filter type; call dropped";
+    EXPECT_TRUE(again.contains("[Test::call] 7 is not a filter type; call dropped", QtWarningMsg)) << again.all();
+}
+
+TEST(WarningLimit, ASilencedCategoryWritesNothingAndCountsNothing)
+{
+    LogCapture log;
+    QLoggingCategory::setFilterRules("lumen_fx.limittest.warning=false");
+    int evaluated = 0;
+    LUMEN_WARNING(lcLimitTest) << "[Test::quiet]" << ++evaluated;
+    QLoggingCategory::setFilterRules(QString());
+    EXPECT_EQ(evaluated, 0);  // nothing of the line is even formatted
+    LUMEN_WARNING(lcLimitTest) << "[Test::quiet]" << 1;
+    EXPECT_EQ(log.count("[Test::quiet] 1", QtWarningMsg), 1) << log.all();
+}
+
+}  // namespace
