@@ -1,0 +1,72 @@
+#pragma once
+// Control scenes: scenes that no storm call touches, each with one channel fed
+// a fixed picture (a gradient carrying the scene's stamp) and merged at a
+// fixed place over a fixed background. From the first merged picture that
+// shows it on, every picture fetched from a control must reproduce that
+// composition within kControlTolerance levels; the first one that doesn't is
+// written to disk with what was expected.
+
+#include <QImage>
+#include <QPoint>
+#include <QSize>
+#include <QString>
+
+#include <lumen_fx/OpenglImageManager.h>
+
+namespace stress {
+
+const int kControlTolerance = 2;
+
+struct ControlPlan {
+    QSize picture;
+    QSize canvas;
+    QPoint at;  // where the picture's top-left corner lies on the canvas
+    QRgb background;
+    bool late;  // first fed and merged only after the storm
+};
+
+// The largest difference, in levels of any colour channel, between two
+// pictures (256 when their sizes differ).
+int worstDifference(const QImage& a, const QImage& b);
+
+// The picture a control channel is fed: a gradient with the stamp.
+QImage controlPicture(QSize size, int stampIndex);
+
+class ControlScene {
+public:
+    // Makes the scene and its channel.
+    ControlScene(OpenglImageManager* m, const ControlPlan& plan, int stampIndex);
+
+    int scene() const { return scene_; }
+    int channel() const { return channel_; }
+    bool late() const { return plan_.late; }
+    // Hands the picture in and asks for a merge.
+    void feed();
+    // From now on feeds `picture` instead, while still expecting its own:
+    // a fault planted to show that the check fails.
+    void plant(const QImage& picture) { picture_ = picture; }
+    // Fetches the merged picture and compares it with the composition.
+    // Returns false when a picture after the first one that showed it differs.
+    bool check(const QString& failureDir);
+    // Passed: shown, and no fetch after that differed.
+    bool passed() const { return shown_ && worstAfterShown_ <= kControlTolerance; }
+    // One line of results.
+    QString summary() const;
+
+private:
+    void writeFailure(const QImage& merged, int difference, const QString& failureDir);
+
+    OpenglImageManager* m_;
+    ControlPlan plan_;
+    int scene_ = -1;
+    int channel_ = -1;
+    QImage picture_;
+    QImage expected_;
+    bool shown_ = false;
+    long fetches_ = 0;
+    long checkedAfterShown_ = 0;
+    int worstAfterShown_ = 0;
+    QString failurePath_;
+};
+
+}  // namespace stress
