@@ -80,24 +80,6 @@ void StampChecker::checkOne(const Item& item)
     std::fflush(stdout);
 }
 
-long StampChecker::offered() const
-{
-    std::lock_guard<std::mutex> lock(mutex_);
-    return offered_;
-}
-
-long StampChecker::checked() const
-{
-    std::lock_guard<std::mutex> lock(mutex_);
-    return checked_;
-}
-
-long StampChecker::showingOwn() const
-{
-    std::lock_guard<std::mutex> lock(mutex_);
-    return showingOwn_;
-}
-
 long StampChecker::failures() const
 {
     std::lock_guard<std::mutex> lock(mutex_);

@@ -26,10 +26,10 @@ public:
     // Checks what is queued and stops the thread.
     void finish();
 
-    long offered() const;
-    long checked() const;
-    long showingOwn() const;  // checked pictures that showed one of their own stamps
+    // Checked pictures that showed another scene's stamp.
     long failures() const;
+    // The pictures offered and checked, those that showed one of their own
+    // stamps and those that showed another's.
     QString summary() const;
 
 private:
