@@ -56,6 +56,8 @@ ControlScene::ControlScene(OpenglImageManager* m, const ControlPlan& plan, int s
 
 void ControlScene::feed()
 {
+    if (!sinceFirstFeed_.isValid())
+        sinceFirstFeed_.start();
     m_->sendChannelFrame(scene_, channel_, picture_, false, true, false);
     _channel_merge_param slot;
     slot.channelId = channel_;
@@ -73,6 +75,8 @@ bool ControlScene::check(const QString& failureDir)
     const int difference = worstDifference(merged, expected_);
     if (!shown_) {
         shown_ = difference <= kControlTolerance;
+        if (shown_)
+            firstShownMs_ = sinceFirstFeed_.elapsed();
         return true;
     }
     ++checkedAfterShown_;
@@ -108,7 +112,8 @@ QString ControlScene::summary() const
                        .arg(plan_.late ? "fed after the storm" : "fed through the storm");
     if (!shown_)
         return line + QStringLiteral("never showed its input in %1 fetches").arg(fetches_);
-    line += QStringLiteral("%1 fetches after its first picture, worst difference %2 level(s)")
+    line += QStringLiteral("first picture %1 ms after its first feed, %2 fetches after it, worst difference %3 level(s)")
+                .arg(firstShownMs_)
                 .arg(checkedAfterShown_)
                 .arg(worstAfterShown_);
     if (!failurePath_.isEmpty())

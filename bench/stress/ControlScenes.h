@@ -6,6 +6,7 @@
 // composition within kControlTolerance levels; the first one that doesn't is
 // written to disk with what was expected.
 
+#include <QElapsedTimer>
 #include <QImage>
 #include <QPoint>
 #include <QSize>
@@ -63,6 +64,8 @@ private:
     QImage picture_;
     QImage expected_;
     bool shown_ = false;
+    QElapsedTimer sinceFirstFeed_;
+    qint64 firstShownMs_ = -1;  // from the first feed to the first picture that showed it
     long fetches_ = 0;
     long checkedAfterShown_ = 0;
     int worstAfterShown_ = 0;

@@ -50,35 +50,41 @@ QString warningKey(const char* category, const QString& text)
 WarningLimiter::Verdict WarningLimiter::admit(const QString& key, const QString& site, qint64 now)
 {
     std::lock_guard<std::mutex> lock(mutex_);
-    auto entry = entries_.find(key);
-    if (entry == entries_.end()) {
+    auto message = messages_.find(key);
+    if (message == messages_.end()) {
         makeRoom(now);
-        const QString& kept = entries_.size() < kMaxMessages ? key : site;
-        entry = entries_.find(kept);
-        if (entry == entries_.end()) {
-            entries_.insert(kept, Entry{now, 0});
+        if (messages_.size() < kMaxMessages) {
+            messages_.insert(key, now);
+            if (!sites_.contains(site))
+                sites_.insert(site, Site{now, 0});  // its repeats wait from here
             return Verdict{};
         }
+    } else {
+        message.value() = now;
     }
-    Entry& e = entry.value();
-    if (now - e.writtenMs < kWarningIntervalMs) {
-        ++e.leftOut;
-        return Verdict{false, e.leftOut, now - e.writtenMs};
+    auto place = sites_.find(site);
+    if (place == sites_.end()) {
+        sites_.insert(site, Site{now, 0});
+        return Verdict{};
     }
-    const Verdict verdict{true, e.leftOut, now - e.writtenMs};
-    e = Entry{now, 0};
+    Site& s = place.value();
+    if (now - s.writtenMs < kWarningIntervalMs) {
+        ++s.leftOut;
+        return Verdict{false, s.leftOut, now - s.writtenMs};
+    }
+    const Verdict verdict{true, s.leftOut, now - s.writtenMs};
+    s = Site{now, 0};
     return verdict;
 }
 
-// Forgets messages whose last warning is older than the interval and that
-// have nothing left out to report.
+// Forgets messages not seen for the interval.
 void WarningLimiter::makeRoom(qint64 now)
 {
-    if (entries_.size() < kMaxMessages)
+    if (messages_.size() < kMaxMessages)
         return;
-    for (auto it = entries_.begin(); it != entries_.end();) {
-        if (it->leftOut == 0 && now - it->writtenMs >= kWarningIntervalMs)
-            it = entries_.erase(it);
+    for (auto it = messages_.begin(); it != messages_.end();) {
+        if (now - it.value() >= kWarningIntervalMs)
+            it = messages_.erase(it);
         else
             ++it;
     }
@@ -87,7 +93,8 @@ void WarningLimiter::makeRoom(qint64 now)
 void WarningLimiter::reset()
 {
     std::lock_guard<std::mutex> lock(mutex_);
-    entries_.clear();
+    messages_.clear();
+    sites_.clear();
 }
 
 WarningLimiter& warningLimiter()

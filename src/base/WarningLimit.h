@@ -1,10 +1,11 @@
 #pragma once
 // Warnings about a host's bad calls are limited, so that a host with a bug
-// doesn't flood its own log: the first one of a message is written as it is,
-// then at most one every ten seconds, which says how many like it were left
-// out since. Texts that differ only in their numbers (ids, sizes, types) are
-// the same message. Use LUMEN_WARNING(category) where qCWarning(category)
-// would stand; info lines are never limited.
+// doesn't flood its own log: the first one of each message is written as it
+// is; repeats from the same place in the code are written at most once every
+// ten seconds, saying how many like them were left out since. Texts that
+// differ only in their numbers (ids, sizes, types) are the same message. Use
+// LUMEN_WARNING(category) where qCWarning(category) would stand; info lines
+// are never limited.
 
 #include <mutex>
 #include <optional>
@@ -22,7 +23,8 @@ const qint64 kWarningIntervalMs = 10000;
 // number (sign and decimals included) folded to '#'.
 QString warningKey(const char* category, const QString& text);
 
-// Counts warnings per message and decides which are written.
+// Knows the messages seen, counts repeats per call site and decides which
+// warnings are written.
 class WarningLimiter {
 public:
     struct Verdict {
@@ -30,22 +32,24 @@ public:
         int leftOut = 0;  // warnings of the message not written since the last one written
         qint64 sinceMs = 0;  // how long ago that one was written
     };
-    // At most this many messages are followed; past it, the call site
-    // (`site`) stands for its messages.
+    // At most this many messages are remembered; past it, a new text counts
+    // as a repeat until older messages have been quiet for the interval.
     static const int kMaxMessages = 256;
 
+    // A warning of message `key` from call site `site`.
     Verdict admit(const QString& key, const QString& site, qint64 nowMs);
     void reset();
 
 private:
-    struct Entry {
+    struct Site {
         qint64 writtenMs = 0;
         int leftOut = 0;
     };
     void makeRoom(qint64 nowMs);
 
     std::mutex mutex_;
-    QHash<QString, Entry> entries_;
+    QHash<QString, qint64> messages_;  // the time each was last seen
+    QHash<QString, Site> sites_;
 };
 
 // The limiter of the process.

@@ -1,6 +1,6 @@
-// Repeated warnings: the first of a message is written as it is, then one in
-// ten seconds at most, which counts those left out. Texts that differ only in
-// their numbers are one message.
+// Repeated warnings: the first of each message is written as it is; repeats
+// from one place in the code, one in ten seconds at most, which counts those
+// left out. Texts that differ only in their numbers are one message.
 #include <QLoggingCategory>
 #include <QString>
 
@@ -42,47 +42,54 @@ TEST(WarningLimit, TextsThatDifferOnlyInTheirNumbersAreOneMessage)
     EXPECT_EQ(warningKey("c", "x-12.5y7 -"), QString("c:x#y# -"));
 }
 
-TEST(WarningLimit, FirstIsWrittenThenOneInTenSecondsWithTheCountLeftOut)
+TEST(WarningLimit, EachMessageIsWrittenOnceThenOnePlaceWritesOneRepeatInTenSeconds)
 {
     struct Step {
         const char* key;
+        const char* site;
         qint64 atMs;
         bool write;
         int leftOut;  // for a written warning, how many it reports left out
     };
+    const qint64 t = kWarningIntervalMs;
     const Step steps[] = {
-        {"a", 0, true, 0},
-        {"a", 1, false, 1},
-        {"b", 2, true, 0},  // another message is not held back by the first
-        {"a", 5000, false, 2},
-        {"a", kWarningIntervalMs - 1, false, 3},
-        {"a", kWarningIntervalMs, true, 3},
-        {"a", kWarningIntervalMs + 1, false, 1},
-        {"b", kWarningIntervalMs + 2, true, 0},  // nothing of b was left out
-        {"a", 3 * kWarningIntervalMs, true, 1},
-        {"a", 5 * kWarningIntervalMs, true, 0},  // a quiet message is written again at once
+        {"a", "s1", 0, true, 0},
+        {"a", "s1", 1, false, 1},
+        {"b", "s1", 2, true, 0},   // a new message of the same place is written at once...
+        {"b", "s1", 3, false, 2},  // ...its repeats wait with those of the place
+        {"c", "s2", 4, true, 0},   // another place is not held back by the first
+        {"c", "s2", 5, false, 1},
+        {"a", "s1", 5000, false, 3},
+        {"a", "s1", t - 1, false, 4},
+        {"a", "s1", t, true, 4},
+        {"b", "s1", t + 1, false, 1},
+        {"c", "s2", t + 5, true, 1},
+        {"a", "s1", 3 * t, true, 1},
+        {"a", "s1", 5 * t, true, 0},  // a quiet place writes again at once
     };
     WarningLimiter limiter;
     for (const Step& step : steps) {
-        const WarningLimiter::Verdict verdict = limiter.admit(step.key, "site:1", step.atMs);
+        const WarningLimiter::Verdict verdict = limiter.admit(step.key, step.site, step.atMs);
         EXPECT_EQ(verdict.write, step.write) << step.key << " at " << step.atMs;
         EXPECT_EQ(verdict.leftOut, step.leftOut) << step.key << " at " << step.atMs;
     }
 }
 
-TEST(WarningLimit, PastTheMessagesFollowedTheCallSiteStandsForItsMessages)
+TEST(WarningLimit, PastTheMessagesRememberedNewTextsCountAsRepeats)
 {
     WarningLimiter limiter;
     for (int i = 0; i < WarningLimiter::kMaxMessages; ++i)
         ASSERT_TRUE(limiter.admit(QString("text %1").arg(QChar('a' + i % 26)) + QString(i / 26, 'z'), "s:1", 0).write);
-    // Full: new texts of one call site share one limit...
+    // Full: new texts are repeats of their place...
     EXPECT_TRUE(limiter.admit("new one", "s:2", 1).write);
     EXPECT_FALSE(limiter.admit("new two", "s:2", 2).write);
-    EXPECT_TRUE(limiter.admit("new three", "s:3", 3).write);
-    // ...until the old messages are quiet for the interval and make room.
-    EXPECT_TRUE(limiter.admit("new two", "s:2", kWarningIntervalMs + 10).write);
-    EXPECT_FALSE(limiter.admit("new two", "s:2", kWarningIntervalMs + 11).write);
-    EXPECT_TRUE(limiter.admit("new four", "s:2", kWarningIntervalMs + 12).write);
+    EXPECT_FALSE(limiter.admit("new three", "s:1", 3).write);
+    // ...until the old messages have been quiet for the interval.
+    const qint64 t = kWarningIntervalMs;
+    EXPECT_TRUE(limiter.admit("new two", "s:2", t + 10).write);   // a first now
+    EXPECT_TRUE(limiter.admit("new two", "s:2", t + 11).write);   // its place last wrote at 1
+    EXPECT_FALSE(limiter.admit("new two", "s:2", t + 12).write);
+    EXPECT_TRUE(limiter.admit("new four", "s:2", t + 13).write);  // a first again
 }
 
 TEST(WarningLimit, TheMacroWritesTheFirstAsItIsAndHoldsBackTheRepeats)
