@@ -431,26 +431,30 @@ const stress::ControlPlan kControlPlans[] = {
 
 using Controls = std::vector<std::unique_ptr<stress::ControlScene>>;
 
-// Feeds and checks the controls (the late ones too when `all`).
-void feedAndCheck(Controls& controls, bool all, const QString& failureDir)
+// Feeds and checks the controls (the late ones too when `all`); their
+// pictures go to the stamp checker as well.
+void feedAndCheck(Controls& controls, bool all, const QString& failureDir, stress::StampChecker& checker)
 {
     for (auto& control : controls) {
         if (all || !control->late()) {
             control->feed();
             control->check(failureDir);
+            if (!control->lastFetched().isNull())
+                checker.offer(control->scene(), control->ownStamp(), control->lastFetched());
         }
     }
 }
 
 // For --plant: from the middle of the storm on, the first storm scene's
 // witness is fed a picture stamped for the second, and the first control
-// scene another picture than its own.
+// scene a picture of its size that carries the second storm scene's stamp.
 void plantFaults(Storm& s, Controls& controls)
 {
     s.witnessPictures.front() = s.witnessPictures.back();
-    controls.front()->plant(stress::controlPicture(QSize(320, 240), 7));
-    std::printf("planted: scene %d's witness shows scene %d's stamp, control scene %d another picture\n",
-                s.witnesses.front().first, s.witnesses.back().first, controls.front()->scene());
+    const int otherStamp = int(controls.size()) + kStormScenes - 1;
+    controls.front()->plant(stress::controlPicture(QSize(320, 240), otherStamp));
+    std::printf("planted: scene %d's witness and control scene %d show scene %d's stamp\n", s.witnesses.front().first,
+                controls.front()->scene(), s.witnesses.back().first);
 }
 
 // Writes a sample, with the heap's figures, as a line of the CSV file.
@@ -487,7 +491,7 @@ std::vector<std::pair<double, double>> runGuiThread(Storm& s, Controls& controls
     const qint64 totalMs = qint64(options.seconds) * 1000;
     while (timer.elapsed() < totalMs) {
         QCoreApplication::processEvents();
-        feedAndCheck(controls, false, options.failureDir);
+        feedAndCheck(controls, false, options.failureDir, *s.checker);
         for (size_t i = 0; i < s.witnesses.size(); ++i)
             s.m->sendChannelFrame(s.witnesses[i].first, s.witnesses[i].second, s.witnessPictures[i], false, true,
                                   false);
@@ -518,12 +522,12 @@ std::vector<std::pair<double, double>> runGuiThread(Storm& s, Controls& controls
 
 // After the storm every control scene, the late one's first time, is fed,
 // merged and checked every kAfterStormPeriodMs for kAfterStormMs.
-void runAfterStorm(Controls& controls, const QString& failureDir)
+void runAfterStorm(Controls& controls, const QString& failureDir, stress::StampChecker& checker)
 {
     QElapsedTimer timer;
     timer.start();
     while (timer.elapsed() < kAfterStormMs) {
-        feedAndCheck(controls, true, failureDir);
+        feedAndCheck(controls, true, failureDir, checker);
         QCoreApplication::processEvents();
         QThread::msleep(kAfterStormPeriodMs);
     }
@@ -622,9 +626,8 @@ int main(int argc, char** argv)
     running = false;
     for (std::thread& t : hosts)
         t.join();
+    runAfterStorm(controls, options.failureDir, checker);
     checker.finish();
-
-    runAfterStorm(controls, options.failureDir);
     const bool ok = printResults(s, controls, samples, options.seconds, startMiB);
     if (options.samplesFile)
         std::fclose(options.samplesFile);

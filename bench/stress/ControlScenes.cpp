@@ -43,7 +43,8 @@ QImage controlPicture(QSize size, int stampIndex)
     return stamped(picture, stampIndex);
 }
 
-ControlScene::ControlScene(OpenglImageManager* m, const ControlPlan& plan, int stampIndex) : m_(m), plan_(plan)
+ControlScene::ControlScene(OpenglImageManager* m, const ControlPlan& plan, int stampIndex)
+    : m_(m), plan_(plan), stampIndex_(stampIndex)
 {
     scene_ = m->genSceneFilters();
     channel_ = m->genChannelFilters(scene_, true);
@@ -71,6 +72,7 @@ bool ControlScene::check(const QString& failureDir)
     QImage merged;
     if (!m_->getMergeImg(scene_, merged))
         return true;
+    lastFetched_ = merged;
     ++fetches_;
     const int difference = worstDifference(merged, expected_);
     if (!shown_) {

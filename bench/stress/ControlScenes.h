@@ -40,6 +40,10 @@ public:
 
     int scene() const { return scene_; }
     int channel() const { return channel_; }
+    // The stamp the control's picture carries, as a bit.
+    unsigned ownStamp() const { return 1u << stampIndex_; }
+    // The picture the last check fetched (null before the first).
+    const QImage& lastFetched() const { return lastFetched_; }
     bool late() const { return plan_.late; }
     // Hands the picture in and asks for a merge.
     void feed();
@@ -61,7 +65,9 @@ private:
     ControlPlan plan_;
     int scene_ = -1;
     int channel_ = -1;
+    int stampIndex_ = 0;
     QImage picture_;
+    QImage lastFetched_;
     QImage expected_;
     bool shown_ = false;
     QElapsedTimer sinceFirstFeed_;

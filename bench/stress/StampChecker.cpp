@@ -89,8 +89,8 @@ long StampChecker::failures() const
 QString StampChecker::summary() const
 {
     std::lock_guard<std::mutex> lock(mutex_);
-    return QStringLiteral("isolation: %1 of %2 pictures fetched from the storm's scenes checked, %3 of them showing "
-                          "their own scene's stamp, %4 showing another scene's")
+    return QStringLiteral("isolation: %1 of %2 pictures fetched from the scenes checked, %3 of them showing their "
+                          "own scene's stamp, %4 showing another scene's")
         .arg(checked_)
         .arg(offered_)
         .arg(showingOwn_)

@@ -1,6 +1,6 @@
 #pragma once
-// Checks, on a thread of its own, pictures fetched from the storm's scenes:
-// none may show the stamp of another scene. Pictures offered while it is busy
+// Checks, on a thread of its own, pictures fetched from the scenes: none may
+// show the stamp of another scene. Pictures offered while it is busy
 // are dropped, so the check never slows the storm down; the figures say how
 // many were checked. The first failing picture is written to disk.
 
