@@ -55,6 +55,9 @@ public:
     bool check(const QString& failureDir);
     // Passed: shown, and no fetch after that differed.
     bool passed() const { return shown_ && worstAfterShown_ <= kControlTolerance; }
+    // Milliseconds from the first feed to the first picture that showed it
+    // (-1 before that).
+    qint64 firstShownMs() const { return firstShownMs_; }
     // One line of results.
     QString summary() const;
 
