@@ -19,7 +19,10 @@
 // CSV; --failures names the folder for the first failing pictures (the
 // current one by default); --plant feeds, at the middle of the storm, one
 // storm channel a picture stamped for another scene and one control scene
-// another picture, to show that both checks fail.
+// another picture, to show that both checks fail. When the control scene
+// fed after the storm still shows nothing 10 s after its first feed, the
+// stacks of every thread are written to that folder (with gdb, where it is
+// installed), to show what its first picture waits for.
 #include <algorithm>
 #include <array>
 #include <atomic>
@@ -48,6 +51,7 @@
 
 #include <lumen_fx/OpenglImageManager.h>
 #include "../examples/OpenglCheck.h"
+#include "stress/ControlRounds.h"
 #include "stress/ControlScenes.h"
 #include "stress/SceneStamps.h"
 #include "stress/StampChecker.h"
@@ -57,8 +61,6 @@ namespace {
 const int kMaxStormChannels = 12;
 const int kStormScenes = 2;
 // After the storm, the control scenes are fed and merged this often, this long.
-const int kAfterStormPeriodMs = 150;
-const int kAfterStormMs = 15000;
 const double kGrowthLimitMiBPerMinute = 50.0;
 const int kGrowthCheckMinSeconds = 60;
 
@@ -419,36 +421,12 @@ Options parseOptions(const QStringList& args)
 }
 
 
-// The control scenes: of different sizes, one placed inside a larger canvas
-// over a colour, one first fed only after the storm, as a scene that a host
-// made early and uses late.
-const stress::ControlPlan kControlPlans[] = {
-    {{320, 240}, {320, 240}, {0, 0}, qRgb(0, 0, 0), false},
-    {{1280, 720}, {1280, 720}, {0, 0}, qRgb(0, 0, 0), false},
-    {{333, 517}, {640, 600}, {101, 37}, qRgb(30, 60, 90), false},
-    {{1280, 720}, {1280, 720}, {0, 0}, qRgb(0, 0, 0), true},
-};
 
-using Controls = std::vector<std::unique_ptr<stress::ControlScene>>;
-
-// Feeds and checks the controls (the late ones too when `all`); their
-// pictures go to the stamp checker as well.
-void feedAndCheck(Controls& controls, bool all, const QString& failureDir, stress::StampChecker& checker)
-{
-    for (auto& control : controls) {
-        if (all || !control->late()) {
-            control->feed();
-            control->check(failureDir);
-            if (!control->lastFetched().isNull())
-                checker.offer(control->scene(), control->ownStamp(), control->lastFetched());
-        }
-    }
-}
 
 // For --plant: from the middle of the storm on, the first storm scene's
 // witness is fed a picture stamped for the second, and the first control
 // scene a picture of its size that carries the second storm scene's stamp.
-void plantFaults(Storm& s, Controls& controls)
+void plantFaults(Storm& s, stress::Controls& controls)
 {
     s.witnessPictures.front() = s.witnessPictures.back();
     const int otherStamp = int(controls.size()) + kStormScenes - 1;
@@ -478,7 +456,7 @@ void printProgress(qint64 now, const Counters& counters)
 // checks the control scenes fed through the storm, now and then adds a
 // channel, and samples resident memory four times a second, printing it at
 // the middle of the run and every 10 s. Returns the samples as (seconds, MiB).
-std::vector<std::pair<double, double>> runGuiThread(Storm& s, Controls& controls, const Options& options)
+std::vector<std::pair<double, double>> runGuiThread(Storm& s, stress::Controls& controls, const Options& options)
 {
     std::vector<std::pair<double, double>> samples;
     QElapsedTimer timer;
@@ -491,7 +469,7 @@ std::vector<std::pair<double, double>> runGuiThread(Storm& s, Controls& controls
     const qint64 totalMs = qint64(options.seconds) * 1000;
     while (timer.elapsed() < totalMs) {
         QCoreApplication::processEvents();
-        feedAndCheck(controls, false, options.failureDir, *s.checker);
+        stress::feedAndCheck(controls, false, options.failureDir, *s.checker);
         for (size_t i = 0; i < s.witnesses.size(); ++i)
             s.m->sendChannelFrame(s.witnesses[i].first, s.witnesses[i].second, s.witnessPictures[i], false, true,
                                   false);
@@ -520,23 +498,11 @@ std::vector<std::pair<double, double>> runGuiThread(Storm& s, Controls& controls
     return samples;
 }
 
-// After the storm every control scene, the late one's first time, is fed,
-// merged and checked every kAfterStormPeriodMs for kAfterStormMs.
-void runAfterStorm(Controls& controls, const QString& failureDir, stress::StampChecker& checker)
-{
-    QElapsedTimer timer;
-    timer.start();
-    while (timer.elapsed() < kAfterStormMs) {
-        feedAndCheck(controls, true, failureDir, checker);
-        QCoreApplication::processEvents();
-        QThread::msleep(kAfterStormPeriodMs);
-    }
-}
 
 // Prints the operations done, the resident memory and its growth after the
 // first third, the isolation check and the control scenes. Returns whether
 // the run passes.
-bool printResults(const Storm& s, const Controls& controls, const std::vector<std::pair<double, double>>& samples,
+bool printResults(const Storm& s, const stress::Controls& controls, const std::vector<std::pair<double, double>>& samples,
                   int seconds, double startMiB)
 {
     // The growth after the first third (minutes 2 and 3 of a 3-minute storm):
@@ -567,7 +533,7 @@ bool printResults(const Storm& s, const Controls& controls, const std::vector<st
 
 // Makes the storm's scenes with a channel and a witness each, after the
 // control scenes, and the pictures stamped for each.
-void makeStormScenes(Storm& s, const Controls& controls)
+void makeStormScenes(Storm& s, const stress::Controls& controls)
 {
     for (const auto& control : controls)
         s.controlChannels.push_back(control->channel());
@@ -603,8 +569,8 @@ int main(int argc, char** argv)
     s.checker = &checker;
 
     // The control scenes come first, so that their ids are the first ones made.
-    Controls controls;
-    for (const stress::ControlPlan& plan : kControlPlans)
+    stress::Controls controls;
+    for (const stress::ControlPlan& plan : stress::kControlPlans)
         controls.push_back(std::make_unique<stress::ControlScene>(s.m, plan, int(controls.size())));
     makeStormScenes(s, controls);
 
@@ -626,7 +592,7 @@ int main(int argc, char** argv)
     running = false;
     for (std::thread& t : hosts)
         t.join();
-    runAfterStorm(controls, options.failureDir, checker);
+    stress::runAfterStorm(controls, options.failureDir, checker);
     checker.finish();
     const bool ok = printResults(s, controls, samples, options.seconds, startMiB);
     if (options.samplesFile)

@@ -59,17 +59,21 @@ void ControlScene::feed()
 {
     if (!sinceFirstFeed_.isValid())
         sinceFirstFeed_.start();
+    QElapsedTimer feedTimer;
+    feedTimer.start();
     m_->sendChannelFrame(scene_, channel_, picture_, false, true, false);
     _channel_merge_param slot;
     slot.channelId = channel_;
     slot.rect = QRect(plan_.at, plan_.picture);
     m_->mergeImages(scene_, {slot}, plan_.canvas.width(), plan_.canvas.height(), QColor(plan_.background), QImage(),
                     QImage());
+    longestFeedMs_ = std::max(longestFeedMs_, feedTimer.elapsed());
 }
 
 bool ControlScene::check(const QString& failureDir)
 {
     QImage merged;
+    ++tries_;
     if (!m_->getMergeImg(scene_, merged))
         return true;
     lastFetched_ = merged;
@@ -112,15 +116,16 @@ QString ControlScene::summary() const
                        .arg(plan_.canvas.width())
                        .arg(plan_.canvas.height())
                        .arg(plan_.late ? "fed after the storm" : "fed through the storm");
+    const QString calls = QStringLiteral(" (%1 checks; a feed took %2 ms at the longest)").arg(tries_).arg(longestFeedMs_);
     if (!shown_)
-        return line + QStringLiteral("never showed its input in %1 fetches").arg(fetches_);
+        return line + QStringLiteral("never showed its input in %1 fetches").arg(fetches_) + calls;
     line += QStringLiteral("first picture %1 ms after its first feed, %2 fetches after it, worst difference %3 level(s)")
                 .arg(firstShownMs_)
                 .arg(checkedAfterShown_)
                 .arg(worstAfterShown_);
     if (!failurePath_.isEmpty())
         line += QStringLiteral("; first failing picture %1").arg(failurePath_);
-    return line;
+    return line + calls;
 }
 
 }  // namespace stress

@@ -58,6 +58,8 @@ public:
     // Milliseconds from the first feed to the first picture that showed it
     // (-1 before that).
     qint64 firstShownMs() const { return firstShownMs_; }
+    // Milliseconds since the first feed (-1 before it).
+    qint64 sinceFirstFeedMs() const { return sinceFirstFeed_.isValid() ? sinceFirstFeed_.elapsed() : -1; }
     // One line of results.
     QString summary() const;
 
@@ -76,6 +78,8 @@ private:
     QElapsedTimer sinceFirstFeed_;
     qint64 firstShownMs_ = -1;  // from the first feed to the first picture that showed it
     long fetches_ = 0;
+    long tries_ = 0;           // checks, with a picture to fetch or not
+    qint64 longestFeedMs_ = 0;  // the longest the host's two calls of a feed took
     long checkedAfterShown_ = 0;
     int worstAfterShown_ = 0;
     QString failurePath_;
