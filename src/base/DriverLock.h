@@ -35,6 +35,31 @@ bool holdsGlDriverLock();
 // How many takes of the turn the calling thread has not given back.
 int glDriverHolds();
 
+// How many threads wait for the turn now (for checks and tests).
+int glDriverWaiters();
+
+// Urgent threads go first: when the turn is given back, a waiting urgent
+// thread gets it before any other. A thread is urgent while it makes its
+// context, and a scene's or a channel's thread until it has shown its first
+// picture: a scene or a channel that joins a busy process would otherwise
+// wait behind every busy channel at each of the steps of its first picture.
+// The flag is the calling thread's own and applies to its next takes.
+void setGlDriverUrgent(bool urgent);
+bool isGlDriverUrgent();
+
+// Urgency for a scope, the thread's own flag given back at its end.
+class UrgentGlDriverTurns
+{
+public:
+    UrgentGlDriverTurns();
+    ~UrgentGlDriverTurns();
+    UrgentGlDriverTurns(const UrgentGlDriverTurns&) = delete;
+    UrgentGlDriverTurns& operator=(const UrgentGlDriverTurns&) = delete;
+
+private:
+    bool wasUrgent;
+};
+
 // Gives back every take of the turn the calling thread holds and returns
 // their number; takeGlDriverBack takes them again. For a wait on the
 // rasterizer that calls no GL that bins, flushes or binds, by a thread that

@@ -39,6 +39,9 @@ void SharedTexturesLocked::relock()
             lock.lockForWrite();
         else
             lock.lockForRead();
+        // Every thread that waits for the lock now waits for this one: all
+        // the scenes' merges, while it writes. It goes first at the driver.
+        UrgentGlDriverTurns urgent;
         takeGlDriverBack(holds);
     }
     locked = true;

@@ -204,6 +204,9 @@ protected:
     std::atomic<bool> skipFaceFilters{false};
     std::atomic<int> refreshFrames{0};
     int clipSettleFrames = 0;
+    // Whether a frame of the channel has reached where it is shown: the
+    // host's picture, or the scene's, in image mode or from the texture.
+    bool frameShown = false;
     bool workerOutputFlag = false;
     QImage scratchImage;
     std::string spareTextA;

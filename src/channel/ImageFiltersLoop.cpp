@@ -7,6 +7,7 @@
 #include <QCoreApplication>
 #include <QThread>
 
+#include "base/DriverLock.h"
 #include "base/ExitHooks.h"
 #include "base/Logging.h"
 #include "channel/FilterKinds.h"
@@ -58,6 +59,9 @@ void ImageFilters::process()
     lastTickNs = nowNs();
     lastFpsChangeNs = lastTickNs;
     while (!stopRequested) {
+        // Until its first frame can be seen, the channel goes first at the
+        // driver (base/DriverLock.h).
+        setGlDriverUrgent(!frameShown);
         tick();
         if (channelWorker)
             channelWorker->endGlTurn();  // no step keeps the driver's turn
@@ -215,6 +219,7 @@ void ImageFilters::handOverDirectFrame()
     }
     textureBuffer_->setImageMode(true);
     textureBuffer_->setImage(direct);
+    frameShown = true;
 }
 
 void ImageFilters::deliver(const QImage& dst)
@@ -222,14 +227,18 @@ void ImageFilters::deliver(const QImage& dst)
     if (!isSceneChannel) {
         QMutexLocker locker(&dstMutex);
         dstImage = dst;
+        frameShown = true;
         return;
     }
     if (!sceneShareEnabled || filters.empty()) {
         if (!textureBuffer_->isImageMode())
             textureBuffer_->setImageMode(true);
         textureBuffer_->setImage(dst);
+        frameShown = true;
         return;
     }
+    // The frame after which the scene reads the texture is the first it shows.
+    frameShown = frameShown || clipSettleFrames != 0;
     if (clipSettleFrames == 0) {
         clipSettleFrames = -1;
     } else if (textureBuffer_->isImageMode()) {

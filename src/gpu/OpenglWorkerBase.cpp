@@ -190,6 +190,8 @@ void OpenglWorkerBase::endGlTurn()
 
 bool OpenglWorkerBase::initContext()
 {
+    // A new context is the first step of a first picture.
+    UrgentGlDriverTurns urgent;
     GlDriverTurn turn;
     SharedTexturesLocked locker(SharedTexturesLocked::Writing);
     QSurfaceFormat surfaceFormat = requestedFormat();

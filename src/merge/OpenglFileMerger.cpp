@@ -364,6 +364,7 @@ void OpenglFileMerger::composeChannels(const QList<_channel_merge_param>& params
     mergeShader->setUniformFloat("premulAlpha", 0.0f);
 
     std::set<int> drawnFromPictures;
+    channelsDrawn = 0;
     if (params.isEmpty()) {
         drawBackground(width, height, background);
     } else {
@@ -434,6 +435,7 @@ bool OpenglFileMerger::drawChannel(const _channel_merge_param& param, TextureExc
     if (pictureWidth > 0 && pictureHeight > 0 && rect.width() > 0 && rect.height() > 0) {
         placePicture(pictureWidth, pictureHeight, rect, param.rotation, width, height);
         mergeShader->drawStrip();
+        ++channelsDrawn;
     }
 
     if (fromImage) {

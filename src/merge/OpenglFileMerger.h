@@ -47,6 +47,8 @@ public:
     // before the first frame is drawn, or when the context can't be made
     // current).
     bool lastReadWrote() const { return readWrote; }
+    // How many channels the last frame composed drew a picture of.
+    int lastChannelsDrawn() const { return channelsDrawn; }
 
     void releaseTextures() override;
     bool createShaders() override;
@@ -106,6 +108,7 @@ protected:
     bool readWrote = false;
     bool recordPictures = false;
     QList<_channel_merge_param> recordedParams;
+    int channelsDrawn = 0;
     bool useSharedTextures = true;
     int backgroundTexWidth = 0;
     int backgroundTexHeight = 0;

@@ -198,7 +198,13 @@ void SceneManager::tick()
     if (!requestFitsLimits(width, height))
         return;
 
+    // Until its first picture shows every channel, the scene goes first at
+    // the driver (base/DriverLock.h).
+    setGlDriverUrgent(!pictureShown);
     mergeAndRead(request);
+    // A read-back gives the frame composed before it.
+    pictureShown = pictureShown || (composedAll && merger->lastReadWrote());
+    composedAll = !request.params.isEmpty() && merger->lastChannelsDrawn() >= request.params.size();
     publishOutput();
     if (genBgr)
         keepBgr();

@@ -128,6 +128,10 @@ private:
     uchar* mergedBits = nullptr;
     uchar* finalBits = nullptr;
     bool hadChannels = false;
+    // Whether a picture read back has shown every channel its merge listed,
+    // and whether the last merge drew all those it listed.
+    bool pictureShown = false;
+    bool composedAll = false;
     bool hasGraffiti = false;
     bool genBgr = false;
     bool genBgrSecond = false;

@@ -1,9 +1,13 @@
 // The turn at the GL driver: one thread at a time, taken again freely by the
-// thread that holds it, and known to the thread that holds it.
+// thread that holds it, known to the thread that holds it, and given to an
+// urgent thread before the others.
 #include <atomic>
 #include <chrono>
 #include <future>
+#include <mutex>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -48,6 +52,75 @@ TEST(DriverLock, AnotherThreadWaitsUntilTheTurnIsGivenBack)
     EXPECT_EQ(step.load(), 2);
     EXPECT_TRUE(otherHeld.load());
     EXPECT_FALSE(holdsGlDriverLock());
+}
+
+void waitForWaiters(int count)
+{
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (glDriverWaiters() < count && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::yield();
+    ASSERT_EQ(glDriverWaiters(), count);
+}
+
+// A channel that joins a busy process: busy channels wait for the turn, and
+// the new one, urgent, asks last; it gets the turn first, whether the holder
+// gives the turn back or only sets it aside for a wait on the rasterizer.
+TEST(DriverLock, AnUrgentThreadGoesBeforeThoseThatWaitedLonger)
+{
+    for (bool setAside : {false, true}) {
+        std::mutex orderMutex;
+        std::string order;
+        auto turnOf = [&](char who, bool urgent) {
+            setGlDriverUrgent(urgent);
+            GlDriverTurn turn;
+            std::lock_guard<std::mutex> lock(orderMutex);
+            order.push_back(who);
+        };
+        takeGlDriver();
+        std::vector<std::thread> others;
+        const std::vector<std::pair<char, bool>> comers = {{'a', false}, {'b', false}, {'U', true}};
+        for (const auto& [who, urgent] : comers) {
+            others.emplace_back(turnOf, who, urgent);
+            waitForWaiters(int(others.size()));
+        }
+        if (setAside) {
+            const int holds = setGlDriverAside();
+            // The urgent thread draws while this one waits on the rasterizer.
+            const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+            while (glDriverWaiters() > 2 && std::chrono::steady_clock::now() < deadline)
+                std::this_thread::yield();
+            takeGlDriverBack(holds);
+        }
+        releaseGlDriver();
+        for (std::thread& other : others)
+            other.join();
+        ASSERT_EQ(order.size(), 3u);
+        EXPECT_EQ(order[0], 'U') << (setAside ? "set aside: " : "given back: ") << order;
+        EXPECT_EQ(glDriverWaiters(), 0);
+    }
+}
+
+TEST(DriverLock, UrgencyIsTheThreadsOwnAndAScopeGivesItBack)
+{
+    EXPECT_FALSE(isGlDriverUrgent());
+    {
+        UrgentGlDriverTurns urgent;
+        EXPECT_TRUE(isGlDriverUrgent());
+        auto other = std::async(std::launch::async, [] { return isGlDriverUrgent(); });
+        EXPECT_FALSE(other.get()) << "another thread's turns became urgent";
+        {
+            UrgentGlDriverTurns nested;  // a context made while a first picture is on its way
+            EXPECT_TRUE(isGlDriverUrgent());
+        }
+        EXPECT_TRUE(isGlDriverUrgent());
+    }
+    EXPECT_FALSE(isGlDriverUrgent());
+    setGlDriverUrgent(true);
+    {
+        UrgentGlDriverTurns urgent;
+    }
+    EXPECT_TRUE(isGlDriverUrgent());
+    setGlDriverUrgent(false);
 }
 
 TEST(DriverLock, SetAsideGivesBackEveryTakeAndTakesThemAllAgain)
