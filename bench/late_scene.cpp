@@ -41,7 +41,7 @@ namespace {
 const int kLoadWidth = 1920;
 const int kLoadHeight = 1080;
 const int kChannelsPerScene = 4;
-const double kWarmUpSeconds = 4.0;
+const double kWarmUpSeconds = 10.0;
 const qint64 kGiveUpMs = 30000;
 
 struct Load {

@@ -38,7 +38,8 @@ void feedAndCheck(Controls& controls, bool all, const QString& failureDir, Stamp
 // After the storm every control scene, the late one's first time, is fed,
 // merged and checked every kAfterStormPeriodMs for kAfterStormMs. The stacks
 // of a late control that shows nothing for kStacksAfterMs go to
-// "stacks-late-control.txt" in `failureDir`.
+// "stacks-late-control.txt" in `failureDir`; the window grows by the time
+// that takes, while gdb holds every thread.
 void runAfterStorm(Controls& controls, const QString& failureDir, StampChecker& checker);
 
 }  // namespace stress
