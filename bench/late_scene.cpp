@@ -14,8 +14,9 @@
 // A first picture takes a chain of turns at the driver, each after the one
 // before: the scene's context, the channel's context and shared texture, two
 // frames of the channel (its first frame keeps the scene reading the picture
-// it was given, which is none yet), a merge and its read-back. Each waits
-// behind the busy scenes' turns.
+// it was given, which is none yet), a merge and its read-back. The late
+// scene's and its channel's threads go first at each of those turns until the
+// picture shows; each turn still waits for the one at work to end.
 //
 //   lumen_fx_late_scene [late scenes, 8] [load channels, 12]
 #include <algorithm>

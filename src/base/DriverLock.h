@@ -47,6 +47,16 @@ int glDriverWaiters();
 void setGlDriverUrgent(bool urgent);
 bool isGlDriverUrgent();
 
+// Whether a scene or a channel that has tried `tries` times to show its first
+// picture still goes first: until it shows one, and for at most this many
+// tries, so that a scene listing a channel that never comes (or a channel
+// whose scene never merges it) doesn't keep going first for ever.
+constexpr int kFirstPictureUrgentTries = 450;
+inline bool firstPictureUrgent(bool shown, int tries)
+{
+    return !shown && tries < kFirstPictureUrgentTries;
+}
+
 // Urgency for a scope, the thread's own flag given back at its end.
 class UrgentGlDriverTurns
 {

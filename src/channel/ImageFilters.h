@@ -207,6 +207,7 @@ protected:
     // Whether a frame of the channel has reached where it is shown: the
     // host's picture, or the scene's, in image mode or from the texture.
     bool frameShown = false;
+    int firstFrameTries = 0;  // ticks with a frame before one showed
     bool workerOutputFlag = false;
     QImage scratchImage;
     std::string spareTextA;

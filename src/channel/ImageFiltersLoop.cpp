@@ -59,9 +59,6 @@ void ImageFilters::process()
     lastTickNs = nowNs();
     lastFpsChangeNs = lastTickNs;
     while (!stopRequested) {
-        // Until its first frame can be seen, the channel goes first at the
-        // driver (base/DriverLock.h).
-        setGlDriverUrgent(!frameShown);
         tick();
         if (channelWorker)
             channelWorker->endGlTurn();  // no step keeps the driver's turn
@@ -71,6 +68,9 @@ void ImageFilters::process()
 
 void ImageFilters::tick()
 {
+    // Until its first frame can be seen, the channel goes first at the
+    // driver (base/DriverLock.h).
+    setGlDriverUrgent(firstPictureUrgent(frameShown, firstFrameTries));
     if (filtersStopped || clearOutput || refreshFrames == 0) {
         idleTick();
         return;
@@ -87,6 +87,7 @@ void ImageFilters::tick()
         QCoreApplication::processEvents();
         return;
     }
+    firstFrameTries += frameShown ? 0 : 1;
     // Waiting for the scene: no pacing and no events on this path.
     if (!shareHandshakeDone(src))
         return;

@@ -200,11 +200,13 @@ void SceneManager::tick()
 
     // Until its first picture shows every channel, the scene goes first at
     // the driver (base/DriverLock.h).
-    setGlDriverUrgent(!pictureShown);
+    setGlDriverUrgent(firstPictureUrgent(pictureShown, firstPictureTries));
     mergeAndRead(request);
     // A read-back gives the frame composed before it.
     pictureShown = pictureShown || (composedAll && merger->lastReadWrote());
     composedAll = !request.params.isEmpty() && merger->lastChannelsDrawn() >= request.params.size();
+    firstPictureTries += pictureShown ? 0 : 1;
+    setGlDriverUrgent(firstPictureUrgent(pictureShown, firstPictureTries));
     publishOutput();
     if (genBgr)
         keepBgr();

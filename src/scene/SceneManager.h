@@ -76,6 +76,7 @@ protected:
     SceneManager(int sceneId, NoThreadStart);
     void tick();
     bool requestFitsLimits(int width, int height) const;
+    int firstPictureTries = 0;  // merges before a picture showed all their channels
 
 private:
     void init(int sceneId);

@@ -3,10 +3,13 @@
 // the filters.
 #include <functional>
 #include <tuple>
+#include <utility>
+#include <vector>
 
 #include <gtest/gtest.h>
 
 #include "ChannelHarness.h"
+#include "base/DriverLock.h"
 #include "filters/BeautyFilterBase.h"
 #include "scene/TextureBuffer.h"
 
@@ -134,6 +137,38 @@ TEST(ImageFiltersFrames, AChangedFrameWakesTheChannelForTwentyTicks)
     EXPECT_EQ(ch.runs, 20);
     changedTicks(ch, 1);
     EXPECT_EQ(ch.runs, 21);
+}
+
+// A channel goes first at the driver until its first frame shows, and a
+// scene channel whose scene never comes for a bounded number of ticks only.
+// The flag a tick leaves is what that tick found when it began.
+TEST(ImageFiltersFrames, AChannelGoesFirstUntilItsFirstFrameShows)
+{
+    const int limit = kFirstPictureUrgentTries;
+    struct Case {
+        const char* name;
+        bool sceneChannel;
+        bool direct;
+        std::vector<std::pair<int, bool>> ticksAndUrgent;  // after so many ticks in all, urgent or not
+    } cases[] = {
+        {"filtered frame", false, false, {{1, true}, {2, false}, {5, false}}},
+        {"direct frame", false, true, {{1, true}, {2, false}}},
+        {"scene never comes", true, false, {{2, true}, {limit, true}, {limit + 1, false}, {limit + 3, false}}},
+    };
+    for (const Case& c : cases) {
+        ChannelHarness ch(c.sceneChannel, 3, 7);
+        ch.startClock();
+        ch.tick();
+        EXPECT_TRUE(isGlDriverUrgent()) << c.name << ": before any frame";
+        ch.writeFrame(picture(), false, true, c.direct);
+        int ticks = 0;
+        for (const auto& [after, urgent] : c.ticksAndUrgent) {
+            for (; ticks < after; ++ticks)
+                ch.tick();
+            EXPECT_EQ(isGlDriverUrgent(), urgent) << c.name << " after " << after << " ticks";
+        }
+    }
+    setGlDriverUrgent(false);
 }
 
 TEST(ImageFiltersFrames, AFrameThatWouldComeOutAsTheLastIsLeftOut)

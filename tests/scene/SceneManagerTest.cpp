@@ -1,8 +1,12 @@
 // The scene's loop driven one tick at a time, and the order of the
 // meta-methods of the channel and the scene.
 #include <QMetaMethod>
+#include <utility>
+#include <vector>
+
 #include <gtest/gtest.h>
 
+#include "base/DriverLock.h"
 #include "channel/ImageFilters.h"
 #include "scene/SceneManager.h"
 #include "scene/TextureBuffer.h"
@@ -13,6 +17,7 @@ namespace {
 class SceneHarness : public SceneManager {
 public:
     SceneHarness() : SceneManager(0, NoThreadStart{}) {}
+    using SceneManager::firstPictureTries;
     using SceneManager::tick;
     // Asks for an empty merge of the size, runs one tick and gives the size of the picture then held.
     QSize merge(int width, int height)
@@ -143,4 +148,44 @@ TEST(SceneManagerReadback, EveryPixelOfAPaddedWidthIsTheChannels)
         EXPECT_EQ(wrong, 0) << size.width() << "x" << size.height() << ": first wrong pixel at " << first.x() << ", "
                             << first.y();
     }
+}
+
+// A scene goes first at the driver until a picture read back shows every
+// channel its merge lists (the read-back after the merge that drew them all),
+// and for a bounded number of merges when a channel never comes.
+TEST(SceneManagerUrgency, AFirstPictureGoesFirstUntilItShowsItsChannels)
+{
+    const int limit = kFirstPictureUrgentTries;
+    struct Case {
+        const char* name;
+        bool channelReady;
+        std::vector<std::pair<int, bool>> mergesAndUrgent;  // after so many merges in all, urgent or not
+    } cases[] = {
+        {"channel shared", true, {{1, true}, {2, false}, {4, false}}},
+        {"channel never shared", false, {{2, true}, {limit - 1, true}, {limit, false}, {limit + 2, false}}},
+    };
+    for (const Case& c : cases) {
+        SceneHarness scene;
+        auto buffer = std::make_shared<TextureBuffer>();
+        buffer->setShareReady(0, c.channelReady);
+        QImage picture(160, 90, QImage::Format_RGBA8888);
+        picture.fill(Qt::red);
+        buffer->setImage(picture);
+        scene.addChannel(5, buffer);
+        const _channel_merge_param param{5, QRect(0, 0, 160, 90), 0, {}};
+        int merges = 0;
+        for (const auto& [after, urgent] : c.mergesAndUrgent) {
+            // Many merges in a row without a picture: the count skips ahead.
+            if (after - merges > 5) {
+                scene.firstPictureTries += after - 3 - merges;
+                merges = after - 3;
+            }
+            for (; merges < after; ++merges) {
+                scene.mergeImages({param}, 160, 90, Qt::black, QImage(), QImage());
+                scene.tick();
+            }
+            EXPECT_EQ(isGlDriverUrgent(), urgent) << c.name << " after " << after << " merges";
+        }
+    }
+    setGlDriverUrgent(false);
 }
