@@ -15,12 +15,13 @@
 //               motion takes its place in the still sequence, and the same
 //               for the mean of all points (the lag of the face as a whole)
 // Then the first call of new detectors (the models already read), and the
-// recall and false faces on the labelled pictures of
-// tests/kvodnnl/LabelledPictures.h, each picture handed in five times, back
-// to back and at 30 calls a second.
+// recall (by size band) and false faces on the labelled pictures of
+// tests/kvodnnl/LabelledPictures.h, classroom rows of faces among them, each
+// picture handed in five times, back to back and at 30 calls a second.
 //
 // Usage: bench_face_detector [rounds]  (the sequences are run `rounds` times,
-// 3 by default, and the times of all rounds pooled).
+// 3 by default, and the times of all rounds pooled), or
+// bench_face_detector labelled  (the labelled pictures only).
 #include <algorithm>
 #include <chrono>
 #include <cmath>
@@ -292,10 +293,13 @@ cv::Rect boxOf(const Face& f)
     return cv::Rect(f.box[0], f.box[1], f.box[2] - f.box[0], f.box[3] - f.box[1]);
 }
 
-// What one pass over the labelled pictures counts.
+// What one pass over the labelled pictures counts; the faces by size band:
+// 30-39, 40-49, 50-59, 60-69 and 70-80 pixels wide.
 struct LabelledTally {
     int labels = 0, found = 0, falseFaces = 0, emptyPictures = 0;
+    int bandLabels[5] = {}, bandFound[5] = {};
     Stats labelled{"labelled"};
+    static int band(int width) { return std::max(0, std::min(4, (width - 30) / 10)); }
 };
 
 // Counts and prints the faces found on `p` that overlap none of its labels.
@@ -318,12 +322,14 @@ void countFalseFaces(LabelledTally& tally, const labelled::Picture& p, int call,
 void countFound(LabelledTally& tally, const labelled::Picture& p, const std::vector<Face>& faces)
 {
     tally.labels += static_cast<int>(p.faces.size());
-    for (const cv::Rect& label : p.faces)
+    for (const cv::Rect& label : p.faces) {
+        ++tally.bandLabels[LabelledTally::band(label.width)];
+        bool found = false;
         for (const Face& f : faces)
-            if (labelled::overlap(boxOf(f), label) > 0.3) {
-                ++tally.found;
-                break;
-            }
+            found = found || labelled::overlap(boxOf(f), label) > 0.3;
+        tally.found += found;
+        tally.bandFound[LabelledTally::band(label.width)] += found;
+    }
 }
 
 // Hands `p` to the detector five times, a call every `interval` ms at most;
@@ -359,16 +365,22 @@ void runLabelledPictures(double interval)
     LabelledTally tally;
     for (const labelled::Picture& p : labelled::withFaces(portrait, {40, 48, 56, 64, 72, 80}))
         runLabelledPicture(detector, p, interval, tally);
+    for (const labelled::Picture& p : labelled::classroom(portrait, 8, 1))
+        runLabelledPicture(detector, p, interval, tally);
     for (const labelled::Picture& p : labelled::withoutFaces(portrait)) {
         runLabelledPicture(detector, p, interval, tally);
         ++tally.emptyPictures;
     }
     std::printf("labelled pictures %s:\n", interval > 0 ? "at 30 calls a second" : "back to back");
     tally.labelled.print();
-    std::printf("  recall %d of %d faces 40-80 px wide (%.2f) at the fifth call; %d "
+    std::printf("  recall %d of %d faces 30-80 px wide (%.2f) at the fifth call; %d "
                 "false faces over all calls (%d pictures without faces among them)\n",
                 tally.found, tally.labels, tally.found / std::max(1.0, static_cast<double>(tally.labels)),
                 tally.falseFaces, tally.emptyPictures);
+    for (int b = 0; b < 5; ++b)
+        if (tally.bandLabels[b] > 0)
+            std::printf("    faces %d-%d px: %d of %d (%.2f)\n", 30 + 10 * b, b == 4 ? 80 : 39 + 10 * b,
+                        tally.bandFound[b], tally.bandLabels[b], tally.bandFound[b] / double(tally.bandLabels[b]));
 }
 
 }  // namespace
@@ -383,6 +395,12 @@ int main(int argc, char** argv)
     }
     { KVOAI::FaceDetector warm(KVOAI::DEFAULT, 1, 1); }  // the models are read once per process
 
+    // "labelled": the labelled pictures only.
+    if (argc > 1 && std::string(argv[1]) == "labelled") {
+        for (const double interval : {0.0, 1000.0 / 30.0})
+            runLabelledPictures(interval);
+        return 0;
+    }
     SequenceTotals totals;
     for (int round = 0; round < rounds; ++round) {
         runStill(totals, round);

@@ -4,6 +4,7 @@
 // the portrait's head at known places on varied backgrounds, and pictures
 // without anyone in them (textures, the portrait with its head painted over,
 // turned copies of the mission patch on its suit). Red-first, 3 channels.
+#include <cmath>
 #include <string>
 #include <vector>
 
@@ -81,6 +82,58 @@ inline void paste(cv::Mat& canvas, const cv::Mat& picture, double degrees, doubl
     m.at<double>(0, 2) += at.x - picture.cols / 2.0;
     m.at<double>(1, 2) += at.y - picture.rows / 2.0;
     cv::warpAffine(picture, canvas, m, canvas.size(), cv::INTER_LINEAR, cv::BORDER_TRANSPARENT);
+}
+
+// Classroom pictures as a camera at the front of a room sees them: three rows
+// of heads, faces 30 to 45 pixels wide at the back, 45 to 62 in the middle
+// and 62 to 80 in front, each head with its own light (gain and offset), some
+// mirrored and some leaning by up to `lean` degrees, over one of the
+// backgrounds above or a dim room. The same `seed` gives the same pictures.
+inline std::vector<Picture> classroom(const cv::Mat& portrait, int count, int seed, double lean = 8.0)
+{
+    struct Row {
+        int top, smallest, largest;
+    };
+    const Row rows[] = {{20, 30, 45}, {180, 45, 62}, {390, 62, 80}};
+    cv::RNG rng(static_cast<uint64_t>(seed));
+    cv::Mat mirrored;
+    cv::flip(portrait, mirrored, 1);
+    std::vector<Picture> out;
+    for (int i = 0; i < count; ++i) {
+        Picture p{"classroom " + std::to_string(seed) + "." + std::to_string(i), background(i % 4, portrait), {}};
+        if (i % 5 == 4)
+            p.rgb.convertTo(p.rgb, -1, 0.45, 10);  // a dim room
+        for (const Row& row : rows) {
+            for (int x = rng.uniform(0, 40); x < 1280;) {
+                const int width = rng.uniform(row.smallest, row.largest + 1);
+                const double s = width / static_cast<double>(kPortraitFace.width);
+                const int side = cvRound(kPortraitHead.width * s);
+                if (x + side > 1280)
+                    break;
+                const bool flip = rng.uniform(0, 2) == 1;
+                const double degrees = rng.uniform(-lean, lean);
+                const double gain = rng.uniform(0.6, 1.3), offset = rng.uniform(-30.0, 30.0);
+                cv::Mat head;
+                const cv::Rect source = flip ? cv::Rect(portrait.cols - kPortraitHead.br().x, kPortraitHead.y,
+                                                        kPortraitHead.width, kPortraitHead.height)
+                                             : kPortraitHead;
+                (flip ? mirrored : portrait)(source).convertTo(head, -1, gain, offset);
+                const cv::Point2f centre(x + side / 2.f, row.top + rng.uniform(0, 20) + side / 2.f);
+                paste(p.rgb, head, degrees, s, centre);
+                // The face's centre, turned with the head about the head's centre.
+                cv::Point2d face = (cv::Point2d(kPortraitFace.x, kPortraitFace.y) + cv::Point2d(46.5, 46.5))
+                    - (cv::Point2d(kPortraitHead.x, kPortraitHead.y) + cv::Point2d(110, 110));
+                face.x = flip ? -face.x : face.x;
+                const double a = -degrees * CV_PI / 180.0;
+                face = cv::Point2d(face.x * std::cos(a) - face.y * std::sin(a), face.x * std::sin(a) + face.y * std::cos(a)) * s;
+                p.faces.push_back(cv::Rect(cvRound(centre.x + face.x - width / 2.0),
+                                           cvRound(centre.y + face.y - width / 2.0), width, width));
+                x += side + rng.uniform(0, 30);
+            }
+        }
+        out.push_back(p);
+    }
+    return out;
 }
 
 inline std::vector<Picture> withoutFaces(const cv::Mat& portrait)
