@@ -13,6 +13,7 @@ namespace KVOAI::kvodnnl {
 struct Detection {
     dlib::rectangle box;
     double score = 0;
+    double lean = 0;  // degrees clockwise as seen of the frame the face stands upright in
 };
 
 // `r` divided by `factor` and moved by (dx, dy): a box found on a reduced

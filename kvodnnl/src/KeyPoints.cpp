@@ -10,6 +10,7 @@
 
 #include "Layout.h"
 #include "Tuning.h"
+#include "Upright.h"
 
 namespace KVOAI::kvodnnl {
 
@@ -51,28 +52,58 @@ bool keepsPoints(const Track& track, const cv::Mat& grey, const cv::Mat& look, s
     return false;
 }
 
-std::vector<cv::Point2d> modelPoints(const dlib::full_object_detection& shape)
+// The landmark model's 68 points of the face in `box` of the grey `picture`,
+// fitted in a frame turned by `lean` degrees; none when the model gives none.
+std::vector<cv::Point2d> modelPoints(const cv::Mat& picture, const dlib::rectangle& box, double lean,
+                                     const Predictor& predictor)
 {
-    std::vector<cv::Point2d> model(68);
-    for (unsigned long i = 0; i < 68; ++i)
-        model[i] = cv::Point2d(static_cast<double>(shape.part(i).x()), static_cast<double>(shape.part(i).y()));
+    std::vector<cv::Point2d> model;
+    if (lean == 0) {
+        const dlib::full_object_detection shape = predictor(dlib::cv_image<unsigned char>(picture), box);
+        for (unsigned long i = 0; i < shape.num_parts(); ++i)
+            model.emplace_back(static_cast<double>(shape.part(i).x()), static_cast<double>(shape.part(i).y()));
+        return model;
+    }
+    // The face upright in a view of twice its width, at most kFitView pixels
+    // across.
+    const double w = static_cast<double>(box.width());
+    const int side = static_cast<int>(std::min(kFitView, std::ceil(2 * w)));
+    const cv::Point2d centre(box.left() + w / 2.0, box.top() + box.height() / 2.0);
+    const UprightView view = uprightView(picture, centre, 2 * w, lean, side);
+    const long half = std::lround(side / 4.0);
+    const dlib::rectangle upright(side / 2 - half, side / 2 - half, side / 2 + half - 1, side / 2 + half - 1);
+    const dlib::full_object_detection shape = predictor(dlib::cv_image<unsigned char>(view.grey), upright);
+    for (unsigned long i = 0; i < shape.num_parts(); ++i)
+        model.push_back(mapPoint(view.toPicture, cv::Point2d(static_cast<double>(shape.part(i).x()),
+                                                             static_cast<double>(shape.part(i).y()))));
     return model;
 }
 
-// Fits the key points of `track` on `picture`, where its box looks as `look`.
+// Fits the key points of `track` on `picture`, where its box looks as `look`,
+// in the frame its last fit leaned in. A face that leans another way than
+// that frame by more than the frame's steps is fitted again in its own.
 void fit(Track& track, const PicturePtr& picture, const cv::Mat& look, const Predictor& predictor)
 {
     const Clock::time_point fitStart = Clock::now();
-    const dlib::full_object_detection shape
-        = predictor(dlib::cv_image<unsigned char>(picture->grey), track.detection.box);
+    double lean = track.detection.lean;
+    std::vector<cv::Point2d> model = modelPoints(picture->grey, track.detection.box, lean, predictor);
+    for (int again = 0; again < 2 && model.size() == 68; ++again) {
+        const double measured = frameLean(eyeLean(model[36], model[45]));
+        if (std::abs(measured - lean) < kRefitLean)
+            break;
+        lean = measured;
+        model = modelPoints(picture->grey, track.detection.box, lean, predictor);
+    }
     // Slow fits raise the estimate at once, quick ones lower it slowly:
     // the budgets of a call rest on it.
     const double old = fitRate.load(std::memory_order_relaxed);
     const double spent = millisecondsSince(fitStart);
     fitRate.store(old + (spent > old ? 0.5 : 0.1) * (spent - old), std::memory_order_relaxed);
     track.fitted.clear();
-    if (shape.num_parts() == 68)
-        track.fitted = layout98(modelPoints(shape));
+    if (model.size() == 68) {
+        track.fitted = layout98(model);
+        track.detection.lean = frameLean(eyeLean(model[36], model[45]));
+    }
     track.fitBox = track.detection.box;
     track.fitLook = look;
     track.fitPicture = picture;

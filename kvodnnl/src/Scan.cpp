@@ -8,37 +8,63 @@
 
 #include "Scanners.h"
 #include "Tuning.h"
+#include "Upright.h"
 
 namespace KVOAI::kvodnnl {
 
+namespace {
+
+// A box found in an upright view scaled by `scale`, in pixels of the picture:
+// of the same size, round the place its centre turns back to.
+dlib::rectangle turnedBack(const dlib::rectangle& seen, const UprightView& view, double scale)
+{
+    const cv::Point2d at = mapPoint(view.toPicture, cv::Point2d((seen.left() + seen.right() + 1) / 2.0,
+                                                                (seen.top() + seen.bottom() + 1) / 2.0));
+    const double w = seen.width() / scale, h = seen.height() / scale;
+    return dlib::rectangle(std::lround(at.x - w / 2), std::lround(at.y - h / 2), std::lround(at.x + w / 2) - 1,
+                           std::lround(at.y + h / 2) - 1);
+}
+
+}  // namespace
+
 bool searchNear(const cv::Mat& picture, const dlib::rectangle& box, double threshold, Scanners& scanners,
-                Detection& result)
+                Detection& result, double lean)
 {
     const double w = static_cast<double>(box.width());
     const double h = static_cast<double>(box.height());
     const cv::Point2d centre(box.left() + w / 2.0, box.top() + h / 2.0);
-    const cv::Rect region = cv::Rect(cvRound(centre.x - w * kNearRegion / 2), cvRound(centre.y - h * kNearRegion / 2),
-                                     cvRound(w * kNearRegion), cvRound(h * kNearRegion))
-        & cv::Rect(0, 0, picture.cols, picture.rows);
     const double scale = kNearFace / std::max(1.0, std::max(w, h));
-    if (region.width * scale < kHogWindow || region.height * scale < kHogWindow)
-        return false;
-
+    // The square round the face, upright: as it is, cut at the picture's
+    // edges, or turned by the face's lean.
     cv::Mat scanned;
-    cv::resize(picture(region), scanned, cv::Size(), scale, scale, scale < 1.0 ? cv::INTER_AREA : cv::INTER_LINEAR);
+    cv::Rect region;
+    UprightView view;
+    if (lean == 0) {
+        region = cv::Rect(cvRound(centre.x - w * kNearRegion / 2), cvRound(centre.y - h * kNearRegion / 2),
+                          cvRound(w * kNearRegion), cvRound(h * kNearRegion))
+            & cv::Rect(0, 0, picture.cols, picture.rows);
+        if (region.width * scale < kHogWindow || region.height * scale < kHogWindow)
+            return false;
+        cv::resize(picture(region), scanned, cv::Size(), scale, scale,
+                   scale < 1.0 ? cv::INTER_AREA : cv::INTER_LINEAR);
+    } else {
+        view = uprightView(picture, centre, kNearRegion * std::max(w, h), lean, cvRound(kNearRegion * kNearFace));
+        scanned = view.grey;
+    }
     std::vector<dlib::rect_detection> hits;
     scanners.hogNear(dlib::cv_image<unsigned char>(scanned), hits, threshold);
 
     bool found = false;
     double bestDistance = 0.5 * w;
     for (const dlib::rect_detection& hit : hits) {
-        const dlib::rectangle r = scaleRect(hit.rect, scale, region.x, region.y);
+        const dlib::rectangle r
+            = lean == 0 ? scaleRect(hit.rect, scale, region.x, region.y) : turnedBack(hit.rect, view, scale);
         const double rw = static_cast<double>(r.width());
         const double distance
             = std::hypot(r.left() + rw / 2.0 - centre.x, r.top() + r.height() / 2.0 - centre.y);
         if (distance <= bestDistance && rw > 0.6 * w && rw < 1.6 * w) {
             bestDistance = distance;
-            result = {r, hit.detection_confidence};
+            result = {r, hit.detection_confidence, lean};
             found = true;
         }
     }
@@ -54,9 +80,16 @@ void hogCandidates(const Task& task, const cv::Mat& reduced, const cv::Rect& til
 {
     std::vector<dlib::rect_detection> hits;
     HogDetector& hog = task.restOfPyramid ? scanners.hog : scanners.hogLevel;
-    hog(dlib::cv_image<unsigned char>(reduced), hits, 0.0);
-    for (const dlib::rect_detection& hit : hits)
-        out.push_back({scaleRect(hit.rect, task.scale, tile.x, tile.y), hit.detection_confidence});
+    hog(dlib::cv_image<unsigned char>(reduced), hits, kLeaningCandidateScore);
+    for (const dlib::rect_detection& hit : hits) {
+        // A weak find of the detector's part for faces that lean is a
+        // candidate to be searched for turned upright.
+        const bool leaning = hit.weight_index == kLeansLeft || hit.weight_index == kLeansRight;
+        if (hit.detection_confidence < 0 && !leaning)
+            continue;
+        const double lean = hit.detection_confidence >= 0 ? 0.0 : hit.weight_index == kLeansRight ? kCandidateLean : -kCandidateLean;
+        out.push_back({scaleRect(hit.rect, task.scale, tile.x, tile.y), hit.detection_confidence, lean});
+    }
 }
 
 // Every window that passes the cascade, strongest first, one a face:
@@ -95,7 +128,7 @@ std::vector<Detection> runTask(const Task& task, const cv::Mat& picture, Scanner
     std::vector<Detection> out;
     if (task.kind == Task::Confirm) {
         Detection d;
-        if (searchNear(picture, task.box, kConfirmScore, scanners, d))
+        if (searchNear(picture, task.box, kConfirmScore, scanners, d, task.lean))
             out.push_back(d);
         return out;
     }

@@ -16,9 +16,10 @@ struct Scanners;
 // `threshold`: the HOG detector run over a square of kNearRegion box sizes
 // round the box's centre, scaled so that the box measures kNearFace pixels.
 // The face must lie within half a box width of the old centre and be of a
-// similar size.
+// similar size. A face that leans by `lean` degrees is searched for in that
+// square turned upright, and keeps its lean.
 bool searchNear(const cv::Mat& picture, const dlib::rectangle& box, double threshold, Scanners& scanners,
-                Detection& result);
+                Detection& result, double lean = 0);
 
 // Candidates (Hog, Cascade) or a confirmed face (Confirm) of one task on the
 // grey `picture`.

@@ -200,7 +200,7 @@ void Scheduler::addCandidates(const std::vector<Detection>& out)
         if (holdsFace(shared_.known, candidate.box) || taken)
             continue;
         shared_.candidates.push_back(candidate.box);
-        shared_.confirms.push_back(confirmTask(candidate.box));
+        shared_.confirms.push_back(confirmTask(candidate.box, candidate.lean));
     }
 }
 

@@ -47,11 +47,12 @@ std::atomic<double> cascadeRate{150.0};
 
 }  // namespace
 
-Task confirmTask(const dlib::rectangle& box)
+Task confirmTask(const dlib::rectangle& box, double lean)
 {
     Task confirm;
     confirm.kind = Task::Confirm;
     confirm.box = box;
+    confirm.lean = lean;
     confirm.work = kConfirmWork;
     return confirm;
 }

@@ -29,7 +29,8 @@ struct Task {
     bool restOfPyramid = false; // Hog: this level and all smaller ones
     cv::Rect tile;              // Cascade: part of the picture scanned
     int smallest = 0, largest = 0;  // Cascade: window sizes scanned in the reduced part
-    dlib::rectangle box;        // Confirm: the candidate
+    dlib::rectangle box;        // Confirm: the candidate...
+    double lean = 0;            // ...and the lean it is searched for at
     double work = 0;            // millions of HOG pixels or of cascade windows
 };
 
@@ -37,8 +38,9 @@ struct Task {
 // larger faces first.
 std::vector<Task> planSearch(cv::Size size);
 
-// The task that confirms a candidate at `box`.
-Task confirmTask(const dlib::rectangle& box);
+// The task that confirms a candidate at `box`, upright or leaning by `lean`
+// degrees.
+Task confirmTask(const dlib::rectangle& box, double lean = 0);
 
 // Milliseconds that `task` is expected to take, at the rates measured over
 // the process's recent tasks...

@@ -63,7 +63,7 @@ std::vector<Track> follow(const std::vector<Track>& tracks, const Picture& pictu
                 scanners = std::make_unique<ScannerLease>();
             ++searched;
             Detection again;
-            if (!searchNear(picture.grey, track.detection.box, 0.0, **scanners, again)) {
+            if (!searchNear(picture.grey, track.detection.box, 0.0, **scanners, again, track.detection.lean)) {
                 lost = true;
                 continue;
             }

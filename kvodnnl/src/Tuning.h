@@ -31,6 +31,15 @@ constexpr double kNearFace = 90.0;
 // 5/6). Larger steps between two calls are left to the whole-picture search
 // that a lost face starts.
 constexpr unsigned long kNearLevels = 3;
+// The HOG detector's parts (its weight indices) for faces that lean left and
+// right as seen (clockwise: right). Its whole-picture finds above 0 are
+// candidates; those of these two parts down to kLeaningCandidateScore are
+// candidates too, of a face that leans further than the parts know: they are
+// searched for in a view turned by kCandidateLean degrees.
+constexpr unsigned long kLeansLeft = 3;
+constexpr unsigned long kLeansRight = 4;
+constexpr double kLeaningCandidateScore = -0.25;
+constexpr double kCandidateLean = 35.0;
 // HOG score that a candidate of a whole-picture search must reach near its
 // place to count as a face. Textures such as badges, folds and a turned
 // mission patch reach about 0.3 in the whole picture's pass but stay below 0
@@ -82,6 +91,12 @@ constexpr double kMergeBudgetMs = 22.0;
 // Key points are fitted while the call's estimated end stays within this
 // many milliseconds of its start.
 constexpr double kFitBudgetMs = 24.0;
+// A face that leans is fitted in a view turned upright, of twice its width
+// and at most kFitView pixels across. A fit whose eye line leans from its
+// frame's by kRefitLean degrees or more is done again in a frame of that
+// lean, up to twice.
+constexpr double kFitView = 400.0;
+constexpr double kRefitLean = 10.0;
 // Side to which the part of a picture round a face is reduced to measure how
 // far the face moved.
 constexpr double kMotionSide = 96.0;

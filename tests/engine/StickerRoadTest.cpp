@@ -1,7 +1,9 @@
-// Stickers through the public interface: the portrait in 1280 x 720 frames,
-// a channel with our own sticker beside a plain control channel, and where
-// the merged pictures differ, against the face's points as the detector
-// library finds them in the same frame.
+// Stickers and face effects through the public interface: the portrait in
+// 1280 x 720 frames, a channel with our own sticker or an effect beside a
+// plain control channel, and where the merged pictures differ, against the
+// face's points as the detector library finds them in the same frame or as a
+// turn of the frame takes those of the upright face.
+#include <cmath>
 #include <functional>
 
 #include <QPainter>
@@ -32,6 +34,7 @@ QImage frame(const QTransform& at = {}, const std::vector<QRect>& places = {{280
 struct Face {
     QPointF leftEye, rightEye;
     double browTop, eyes;  // the highest eyebrow point; the eye distance
+    QPointF mouth;         // the mean of the mouth's points
 };
 
 // The faces of a frame as the detector library sees them.
@@ -51,21 +54,23 @@ std::vector<Face> faces(const QImage& picture)
         double top = 1e9;
         for (int k = 33; k <= 50; ++k)
             top = std::min(top, at(k).y());
-        out.push_back({at(96), at(97), top, QLineF(at(96), at(97)).length()});
+        QPointF mouth;
+        for (int k = 76; k <= 95; ++k)
+            mouth += at(k) / 20;
+        out.push_back({at(96), at(97), top, QLineF(at(96), at(97)).length(), mouth});
     }
     return out;
 }
 
-// Where a channel with the sticker differs from the plain one, in frame
-// pixels, once the sticker shows and holds `expected`.
-std::vector<QPoint> stickerPixels(const char* name, const QImage& picture,
+// Where a channel with the filters that `add` gives it differs from a plain
+// one, in frame pixels, once that holds `expected`.
+std::vector<QPoint> changedPixels(const std::function<void(OpenglImageManager*, int, int)>& add, const QImage& picture,
                                   const std::function<bool(const std::vector<QPoint>&)>& expected)
 {
     OpenglImageManager* m = OpenglImageManager::instance();
     const int scene = m->genSceneFilters(), withSticker = m->genChannelFilters(scene, true),
               plain = m->genChannelFilters(scene, true);
-    std::string path = std::string(LUMEN_STICKER_DIR) + "/" + name + ".png";
-    m->addChannelImageFilter(scene, withSticker, STICKER, &path);
+    add(m, scene, withSticker);
     _channel_merge_param a{withSticker, QRect(0, 0, 960, 540), 0, {}}, b{plain, QRect(960, 0, 960, 540), 0, {}};
     std::vector<QPoint> changed;
     testutil::waitFor([&] {
@@ -88,6 +93,15 @@ std::vector<QPoint> stickerPixels(const char* name, const QImage& picture,
     return changed;
 }
 
+std::vector<QPoint> stickerPixels(const char* name, const QImage& picture,
+                                  const std::function<bool(const std::vector<QPoint>&)>& expected)
+{
+    std::string path = std::string(LUMEN_STICKER_DIR) + "/" + name + ".png";
+    return changedPixels([&](OpenglImageManager* m, int scene, int channel) {
+        m->addChannelImageFilter(scene, channel, STICKER, &path);
+    }, picture, expected);
+}
+
 QPointF centroid(const std::vector<QPoint>& points)
 {
     QPointF sum;
@@ -96,15 +110,25 @@ QPointF centroid(const std::vector<QPoint>& points)
     return points.empty() ? sum : sum / points.size();
 }
 
-// The slope, in degrees, of the line that fits the points best.
+// The slope, in degrees, of the line that fits the points best; none for
+// fewer than two.
 double slope(const std::vector<QPoint>& points)
 {
+    if (points.size() < 2)
+        return std::nan("");
     std::vector<cv::Point2f> at;
     for (const QPoint& p : points)
         at.emplace_back(p.x(), p.y());
     cv::Vec4f line;
     cv::fitLine(at, line, cv::DIST_L2, 0, 0.01, 0.01);
     return std::atan2(line[1], line[0]) * 180 / M_PI;
+}
+
+// How far apart two lines' slopes are, in degrees (a line's slope is the
+// same turned half round).
+double slopeGap(double a, double b)
+{
+    return std::abs(std::remainder(a - b, 180.0));
 }
 
 }  // namespace
@@ -151,5 +175,48 @@ TEST(StickerRoad, EachStickerWhereItsAnchorSaysAndFollowingTheFace)
             stickerPixels(c.sticker, c.picture, [&](const std::vector<QPoint>& all) { return c.check(all, f, eyes); });
         EXPECT_TRUE(c.check(changed, f, eyes)) << c.sticker << " on " << &c - cases;
         EXPECT_TRUE(seen.size() > 1 || std::abs(centroid(changed).x() - eyes.x()) < 0.5 * f.eyes) << &c - cases;
+    }
+}
+
+// A head that leans far, 40 and 45 degrees one way and 45 the other: red
+// lips on its mouth, where the turn takes the upright face's, and along its
+// line; the glasses on its eyes, along their line.
+TEST(StickerRoad, EffectsOnAHeadThatLeansFarLandOnIt)
+{
+    const std::vector<Face> upright = faces(frame());
+    ASSERT_EQ(upright.size(), 1u);
+    for (double degrees : {-40.0, 45.0, -45.0}) {
+        SCOPED_TRACE("turned by " + std::to_string(degrees));
+        const QTransform turn = QTransform().translate(640, 360).rotate(degrees).translate(-640, -360);
+        const QImage picture = frame(turn);
+        const QPointF mouth = turn.map(upright[0].mouth);
+        const QPointF eyes = turn.map((upright[0].leftEye + upright[0].rightEye) / 2);
+        const double span = upright[0].eyes;
+        const auto within = [](const std::vector<QPoint>& all, QPointF at, double reach) {
+            std::vector<QPoint> near;
+            std::copy_if(all.begin(), all.end(), std::back_inserter(near),
+                         [&](QPoint p) { return QLineF(at, p).length() < reach; });
+            return near;
+        };
+        // Red lips: every changed pixel within 0.7 eye distances of the mouth.
+        _strength_param strength{400, true};
+        const auto onMouth = [&](const std::vector<QPoint>& all) {
+            return within(all, mouth, 0.7 * span).size() == all.size()
+                && QLineF(centroid(all), mouth).length() < 0.15 * span && slopeGap(slope(all), degrees) < 8;
+        };
+        const std::vector<QPoint> lips = changedPixels([&](OpenglImageManager* m, int scene, int channel) {
+            m->addChannelImageFilter(scene, channel, REDLIPS, &strength);
+        }, picture, onMouth);
+        EXPECT_TRUE(onMouth(lips)) << lips.size() << " pixels round " << centroid(lips).x() << ", "
+                                   << centroid(lips).y() << " at " << slope(lips) << " degrees; the mouth at "
+                                   << mouth.x() << ", " << mouth.y();
+        // The glasses: round the eyes, along their line.
+        const auto onEyes = [&](const std::vector<QPoint>& all) {
+            const std::vector<QPoint> near = within(all, eyes, 1.6 * span);
+            return near.size() > 50 && QLineF(centroid(near), eyes).length() < 0.25 * span
+                && slopeGap(slope(near), degrees) < 6;
+        };
+        const std::vector<QPoint> glasses = stickerPixels("glasses01", picture, onEyes);
+        EXPECT_TRUE(onEyes(glasses)) << glasses.size() << " pixels";
     }
 }
