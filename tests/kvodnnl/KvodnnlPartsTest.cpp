@@ -1,7 +1,6 @@
 // The parts of the face detector that need no models: the 98-point layout,
-// the head pose, the signatures and motion of pictures, face boxes, the plan
-// of the search of the whole picture and the views that stand a leaning face
-// upright.
+// the head pose, the signatures and motion of pictures, face boxes and the
+// plan of the search of the whole picture.
 #include <algorithm>
 #include <cmath>
 #include <functional>
@@ -18,7 +17,6 @@
 #include "SearchPlan.h"
 #include "Signature.h"
 #include "Tuning.h"
-#include "Upright.h"
 
 namespace {
 
@@ -418,55 +416,4 @@ TEST(KvodnnlSearchPlan, EveryFaceSizeEverywhere)
                     << "strips of the scan at " << t.scale;
         }
     }
-}
-
-// A view turned by a face's lean: the face's centre lands in the view's
-// middle, its eye line, leaning by as much, lies level there, its size is
-// scaled to the view, and the way back gives the picture's points again.
-TEST(KvodnnlUpright, AViewStandsTheLeaningFaceUpright)
-{
-    const struct {
-        cv::Point2d centre;
-        double side, lean;
-        int viewSide;
-    } cases[] = {{{300, 200}, 180, 0, 180}, {{300, 200}, 180, 40, 180}, {{50, 400}, 90, -45, 180},
-                 {{640, 360}, 400, 25, 200}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE("lean " + std::to_string(c.lean));
-        const UprightView v = uprightTransforms(c.centre, c.side, c.lean, c.viewSide);
-        const cv::Point2d middle = mapPoint(v.toView, c.centre);
-        EXPECT_NEAR(middle.x, c.viewSide / 2.0, 1e-6);
-        EXPECT_NEAR(middle.y, c.viewSide / 2.0, 1e-6);
-        // Eyes a fifth of the side either way along the lean, clockwise as seen.
-        const double a = c.lean * CV_PI / 180, r = c.side / 5;
-        const cv::Point2d along(r * std::cos(a), r * std::sin(a));
-        const cv::Point2d left = mapPoint(v.toView, c.centre - along), right = mapPoint(v.toView, c.centre + along);
-        EXPECT_NEAR(left.y, right.y, 1e-6);
-        EXPECT_LT(left.x, right.x);
-        EXPECT_NEAR(right.x - left.x, 2 * r * c.viewSide / c.side, 1e-6);
-        EXPECT_NEAR(eyeLean(c.centre - along, c.centre + along), c.lean, 1e-9);
-        const cv::Point2d back = mapPoint(v.toPicture, right);
-        EXPECT_NEAR(back.x, (c.centre + along).x, 1e-6);
-        EXPECT_NEAR(back.y, (c.centre + along).y, 1e-6);
-    }
-    // The view's pixels: a bright dot on the eye line right of the centre
-    // lands right of the view's middle, on its row.
-    cv::Mat picture(400, 400, CV_8UC1, cv::Scalar(0));
-    const cv::Point2d centre(200, 200), dot = centre + cv::Point2d(60 * std::cos(CV_PI / 4), 60 * std::sin(CV_PI / 4));
-    cv::circle(picture, cv::Point(cvRound(dot.x), cvRound(dot.y)), 3, cv::Scalar(255), cv::FILLED);
-    const UprightView v = uprightView(picture, centre, 200, 45, 200);
-    cv::Point peak;
-    cv::minMaxLoc(v.grey, nullptr, nullptr, nullptr, &peak);
-    EXPECT_NEAR(peak.x, 160, 2);
-    EXPECT_NEAR(peak.y, 100, 2);
-}
-
-// The frame a face is fitted in: upright below the smallest lean that counts,
-// otherwise the lean in steps of five degrees, either way.
-TEST(KvodnnlUpright, FrameLeansInStepsAboveTheSmallestLean)
-{
-    const std::pair<double, double> cases[] = {{0, 0}, {7.9, 0}, {-7.9, 0}, {8.1, 10}, {12.4, 10}, {12.6, 15},
-                                               {-23, -25}, {44, 45}, {-47.4, -45}, {std::nan(""), 0}};
-    for (const auto& [measured, frame] : cases)
-        EXPECT_EQ(frameLean(measured), frame) << measured;
 }
