@@ -87,7 +87,8 @@ void hogCandidates(const Task& task, const cv::Mat& reduced, const cv::Rect& til
         const bool leaning = hit.weight_index == kLeansLeft || hit.weight_index == kLeansRight;
         if (hit.detection_confidence < 0 && !leaning)
             continue;
-        const double lean = hit.detection_confidence >= 0 ? 0.0 : hit.weight_index == kLeansRight ? kCandidateLean : -kCandidateLean;
+        const double turn = hit.weight_index == kLeansRight ? kCandidateLean : -kCandidateLean;
+        const double lean = hit.detection_confidence >= 0 ? 0.0 : turn;
         out.push_back({scaleRect(hit.rect, task.scale, tile.x, tile.y), hit.detection_confidence, lean});
     }
 }

@@ -42,8 +42,10 @@ constexpr double kLeaningCandidateScore = -0.25;
 constexpr double kCandidateLean = 35.0;
 // HOG score that a candidate of a whole-picture search must reach near its
 // place to count as a face. Textures such as badges, folds and a turned
-// mission patch reach about 0.3 in the whole picture's pass but stay below 0
-// here, while the faces that the landmark model can fit score 0.8 and more.
+// mission patch reach about 0.3 in the whole picture's pass and mostly stay
+// below 0 here, while the faces that the landmark model can fit score 0.8
+// and more. The portrait's own patch, on the suit, passes at some turns of
+// the whole portrait (about 0.33).
 constexpr double kConfirmScore = 0.3;
 // A followed face whose box differs from its look when the HOG detector last
 // found it there by at most kStillPatch grey levels (mean absolute difference

@@ -125,7 +125,9 @@ inline std::vector<Picture> classroom(const cv::Mat& portrait, int count, int se
                     - (cv::Point2d(kPortraitHead.x, kPortraitHead.y) + cv::Point2d(110, 110));
                 face.x = flip ? -face.x : face.x;
                 const double a = -degrees * CV_PI / 180.0;
-                face = cv::Point2d(face.x * std::cos(a) - face.y * std::sin(a), face.x * std::sin(a) + face.y * std::cos(a)) * s;
+                face = cv::Point2d(face.x * std::cos(a) - face.y * std::sin(a),
+                                   face.x * std::sin(a) + face.y * std::cos(a))
+                    * s;
                 p.faces.push_back(cv::Rect(cvRound(centre.x + face.x - width / 2.0),
                                            cvRound(centre.y + face.y - width / 2.0), width, width));
                 x += side + rng.uniform(0, 30);
