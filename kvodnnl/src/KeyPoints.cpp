@@ -84,7 +84,7 @@ std::vector<cv::Point2d> modelPoints(const cv::Mat& picture, const dlib::rectang
 // that frame by more than the frame's steps is fitted again in its own.
 void fit(Track& track, const PicturePtr& picture, const cv::Mat& look, const Predictor& predictor)
 {
-    const Clock::time_point fitStart = Clock::now();
+    const double fitStart = threadMilliseconds();
     double lean = track.detection.lean;
     std::vector<cv::Point2d> model = modelPoints(picture->grey, track.detection.box, lean, predictor);
     for (int again = 0; again < 2 && model.size() == 68; ++again) {
@@ -97,7 +97,7 @@ void fit(Track& track, const PicturePtr& picture, const cv::Mat& look, const Pre
     // Slow fits raise the estimate at once, quick ones lower it slowly:
     // the budgets of a call rest on it.
     const double old = fitRate.load(std::memory_order_relaxed);
-    const double spent = millisecondsSince(fitStart);
+    const double spent = threadMilliseconds() - fitStart;
     fitRate.store(old + (spent > old ? 0.5 : 0.1) * (spent - old), std::memory_order_relaxed);
     track.fitted.clear();
     if (model.size() == 68) {
@@ -112,13 +112,20 @@ void fit(Track& track, const PicturePtr& picture, const cv::Mat& look, const Pre
 
 }  // namespace
 
+Track fittedTrack(const Detection& detection, const PicturePtr& picture, const Predictor& predictor)
+{
+    Track track = newTrack(detection, picture->grey);
+    fit(track, picture, track.patch, predictor);
+    return track;
+}
+
 double fitMilliseconds()
 {
     return fitRate.load(std::memory_order_relaxed);
 }
 
 std::vector<std::vector<cv::Point2d>> keyPoints(const PicturePtr& picture, std::vector<Track>& shown,
-                                                Clock::time_point start, bool all, const Predictor& predictor)
+                                                Clock::time_point start, double budget, const Predictor& predictor)
 {
     std::vector<size_t> order;  // the faces that need a fit, the oldest fits first
     std::vector<cv::Mat> looks(shown.size());
@@ -139,8 +146,8 @@ std::vector<std::vector<cv::Point2d>> keyPoints(const PicturePtr& picture, std::
     bool fittedOne = false;
     for (size_t i : order) {
         Track& track = shown[i];
-        const bool inBudget = all || !fittedOne || !moves[i]
-            || millisecondsSince(start) + fitRate.load(std::memory_order_relaxed) <= kFitBudgetMs;
+        const bool inBudget = !fittedOne || !moves[i]
+            || millisecondsSince(start) + fitRate.load(std::memory_order_relaxed) <= budget;
         if (!inBudget) {
             for (cv::Point2d& p : points[i])
                 p += *moves[i];

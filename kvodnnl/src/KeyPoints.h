@@ -13,20 +13,24 @@
 
 namespace KVOAI::kvodnnl {
 
-// Milliseconds to fit the key points of one face, as measured over the
-// process's recent fits.
+// Milliseconds to fit the key points of one face, as measured (in processor
+// time) over the process's recent fits.
 double fitMilliseconds();
+
+// A face that the search found on `picture`, new to the calls, with its key
+// points fitted there (none when the model gives none).
+Track fittedTrack(const Detection& detection, const PicturePtr& picture, const Predictor& predictor);
 
 // The 98 key points of each face of `shown` on `picture`, none for a face
 // without any. A face keeps the points fitted before while it looks as it did
 // then, where it was (a still face) or where it moved to (see kMotionReach;
-// the points move with it). Unless `all`, once the call that began at
-// `start` has taken kFitBudgetMs, any other face keeps them too, moved as its
+// the points move with it). Once the call that began at `start` has taken
+// `budget` milliseconds, any other face keeps them too, moved as its
 // part of the picture moved since (see `motion`), and is fitted again on a
 // later call: the faces whose points are the oldest are fitted first. A face
 // without points yet is always fitted, and so is the first face that needs a
 // fit. The faces fitted keep their new points and what they were fitted on.
 std::vector<std::vector<cv::Point2d>> keyPoints(const PicturePtr& picture, std::vector<Track>& shown,
-                                                Clock::time_point start, bool all, const Predictor& predictor);
+                                                Clock::time_point start, double budget, const Predictor& predictor);
 
 }  // namespace KVOAI::kvodnnl

@@ -28,7 +28,7 @@ dlib::rectangle turnedBack(const dlib::rectangle& seen, const UprightView& view,
 }  // namespace
 
 bool searchNear(const cv::Mat& picture, const dlib::rectangle& box, double threshold, Scanners& scanners,
-                Detection& result, double lean)
+                Detection& result, double lean, double side)
 {
     const double w = static_cast<double>(box.width());
     const double h = static_cast<double>(box.height());
@@ -40,15 +40,15 @@ bool searchNear(const cv::Mat& picture, const dlib::rectangle& box, double thres
     cv::Rect region;
     UprightView view;
     if (lean == 0) {
-        region = cv::Rect(cvRound(centre.x - w * kNearRegion / 2), cvRound(centre.y - h * kNearRegion / 2),
-                          cvRound(w * kNearRegion), cvRound(h * kNearRegion))
+        region = cv::Rect(cvRound(centre.x - w * side / 2), cvRound(centre.y - h * side / 2),
+                          cvRound(w * side), cvRound(h * side))
             & cv::Rect(0, 0, picture.cols, picture.rows);
         if (region.width * scale < kHogWindow || region.height * scale < kHogWindow)
             return false;
         cv::resize(picture(region), scanned, cv::Size(), scale, scale,
                    scale < 1.0 ? cv::INTER_AREA : cv::INTER_LINEAR);
     } else {
-        view = uprightView(picture, centre, kNearRegion * std::max(w, h), lean, cvRound(kNearRegion * kNearFace));
+        view = uprightView(picture, centre, side * std::max(w, h), lean, cvRound(side * kNearFace));
         scanned = view.grey;
     }
     std::vector<dlib::rect_detection> hits;
@@ -124,12 +124,38 @@ void cascadeCandidates(const Task& task, const cv::Mat& reduced, const cv::Rect&
 
 }  // namespace
 
+bool cascadeAgrees(const cv::Mat& picture, const Detection& face, Scanners& scanners)
+{
+    if (!scanners.hasCascade)
+        return true;
+    const double w = static_cast<double>(face.box.width());
+    const cv::Point2d centre(face.box.left() + w / 2.0, face.box.top() + face.box.height() / 2.0);
+    const int side = cvRound(kSecondOpinionRegion * kSecondOpinionFace);
+    const UprightView view = uprightView(picture, centre, kSecondOpinionRegion * w, face.lean, side);
+    std::vector<cv::Rect> hits;
+    std::vector<int> levels;
+    std::vector<double> weights;
+    const int smallest = std::max(static_cast<int>(kCascadeWindow), cvRound(0.7 * kSecondOpinionFace));
+    cv::parallel_for_(cv::Range(0, 1), [&](const cv::Range&) {
+        scanners.cascade.detectMultiScale(view.grey, hits, levels, weights, 1.1, 0, 0, cv::Size(smallest, smallest),
+                                          cv::Size(side, side), true);
+    });
+    int agreeing = 0;
+    for (size_t i = 0; i < hits.size(); ++i) {
+        const cv::Point2d at(hits[i].x + hits[i].width / 2.0 - side / 2.0,
+                             hits[i].y + hits[i].height / 2.0 - side / 2.0);
+        agreeing += weights[i] >= kCandidateWeight && std::hypot(at.x, at.y) <= 0.3 * kSecondOpinionFace;
+    }
+    return agreeing >= kSecondOpinionWindows;
+}
+
 std::vector<Detection> runTask(const Task& task, const cv::Mat& picture, Scanners& scanners)
 {
     std::vector<Detection> out;
     if (task.kind == Task::Confirm) {
         Detection d;
-        if (searchNear(picture, task.box, kConfirmScore, scanners, d, task.lean))
+        const double region = task.lean == 0 ? kConfirmRegion : kNearRegion;
+        if (searchNear(picture, task.box, kConfirmScore, scanners, d, task.lean, region))
             out.push_back(d);
         return out;
     }

@@ -9,11 +9,23 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include "KeyPoints.h"
 #include "Models.h"
 #include "Scan.h"
 #include "Tuning.h"
 
 namespace KVOAI::kvodnnl {
+
+namespace {
+
+// Milliseconds that `task` is expected to take; a face it confirms is fitted
+// too.
+double taskMilliseconds(const Task& task)
+{
+    return estimate(task) + (task.kind == Task::Confirm ? fitMilliseconds() : 0.0);
+}
+
+}  // namespace
 
 Scheduler::~Scheduler()
 {
@@ -26,8 +38,9 @@ Scheduler::~Scheduler()
         worker_.join();
 }
 
-void Scheduler::start()
+void Scheduler::start(std::shared_ptr<const Predictor> predictor)
 {
+    predictor_ = std::move(predictor);
     worker_ = std::thread([this] { workLoop(); });
 }
 
@@ -136,54 +149,68 @@ bool Scheduler::takeTask(Task& task, uint64_t& search)
     return true;
 }
 
-// Runs `task`, taken for `search` and started at `start`, on the latest
-// picture with the lock let go meanwhile, and takes in what it found. The
-// lock is held again on return, also when the task fails.
-void Scheduler::runOne(std::unique_lock<std::mutex>& lock, const Task& task, uint64_t search,
-                       Clock::time_point start)
+// Runs `task`, taken for `search`, on the latest picture with the lock let
+// go meanwhile, and takes in what it found: the faces that a confirmation
+// finds come with their key points, fitted by the thread that confirmed
+// them. The lock is held again on return, also when the task fails.
+void Scheduler::runOne(std::unique_lock<std::mutex>& lock, const Task& task, uint64_t search)
 {
     const PicturePtr picture = shared_.latest;
     lock.unlock();
+    const double processorStart = threadMilliseconds();
     std::vector<Detection> out;
+    std::vector<Track> fitted;
+    double spent = 0;
     try {
         ScannerLease scanners;
         out = runTask(task, picture->grey, *scanners);
+        spent = threadMilliseconds() - processorStart;
+        // A face confirmed is fitted, and then asked of the cascade in the
+        // frame that its key points lean in.
+        if (task.kind == Task::Confirm)
+            for (const Detection& d : out) {
+                Track track = fittedTrack(d, picture, *predictor_);
+                if (cascadeAgrees(picture->grey, track.detection, *scanners))
+                    fitted.push_back(std::move(track));
+            }
     } catch (...) {
         lock.lock();
-        finishTask(task, search, picture, out, millisecondsSince(start));
+        out.clear();
+        fitted.clear();
+        finishTask(task, search, picture, out, fitted, threadMilliseconds() - processorStart);
         throw;
     }
-    const double spent = millisecondsSince(start);
     lock.lock();
-    finishTask(task, search, picture, out, spent);
+    finishTask(task, search, picture, out, fitted, spent);
 }
 
 void Scheduler::finishTask(const Task& task, uint64_t search, const PicturePtr& picture,
-                           const std::vector<Detection>& out, double milliseconds)
+                           const std::vector<Detection>& out, std::vector<Track>& fitted, double milliseconds)
 {
     --shared_.running;
     measured(task, milliseconds);
     if (picture->grey.size() != shared_.planSize)
         return;  // the picture's size changed meanwhile
     if (task.kind == Task::Confirm)
-        addFound(out, search, picture);
+        addFound(fitted, search, picture);
     else
         addCandidates(out);
 }
 
-void Scheduler::addFound(const std::vector<Detection>& out, uint64_t search, const PicturePtr& picture)
+void Scheduler::addFound(std::vector<Track>& fitted, uint64_t search, const PicturePtr& picture)
 {
-    for (const Detection& d : out) {
+    for (Track& track : fitted) {
+        const dlib::rectangle box = track.detection.box;
         // A face found again while it waits to be shown replaces its older
         // find: the list holds each face once, however many searches end
         // before the calls find time to show it.
-        const auto again = findFace(shared_.found, d.box);
+        const auto again = findFace(shared_.found, box);
         if (again != shared_.found.end())
-            *again = {d, picture};
+            *again = {std::move(track), picture};
         else
-            shared_.found.push_back({d, picture});
+            shared_.found.push_back({std::move(track), picture});
         if (search == shared_.search) {
-            shared_.known.push_back(d.box);
+            shared_.known.push_back(box);
             ++shared_.newFaces;
         }
     }
@@ -219,9 +246,9 @@ void Scheduler::workLoop()
         if (shared_.stop)
             return;
         const Clock::time_point start = Clock::now();
-        shared_.workerEnds = after(start, estimate(task));
+        shared_.workerEnds = after(start, taskMilliseconds(task));
         try {
-            runOne(lock, task, search, start);
+            runOne(lock, task, search);
         } catch (const std::exception& e) {
             if (!warned)
                 std::fprintf(stderr, "kvodnnl: a search of the whole picture failed: %s\n", e.what());
@@ -231,7 +258,7 @@ void Scheduler::workLoop()
     }
 }
 
-void Scheduler::help(Clock::time_point start, bool finish, double budget, double reserve)
+void Scheduler::help(Clock::time_point start, double budget, double reserve)
 {
     std::unique_lock<std::mutex> lock(mutex_);
     while (searching()) {
@@ -240,21 +267,17 @@ void Scheduler::help(Clock::time_point start, bool finish, double budget, double
         if (!next) {
             // All tasks taken: wait for the detector's thread if it should
             // end its own within the budget.
-            if (finish) {
-                wake_.wait(lock);
-                continue;
-            }
             const Clock::time_point deadline = after(start, budget - reserve);
             if (shared_.workerEnds > deadline || wake_.wait_until(lock, deadline) == std::cv_status::timeout)
                 return;
             continue;
         }
-        if (!finish && millisecondsSince(start) + estimate(*next) + reserve > budget)
+        if (millisecondsSince(start) + taskMilliseconds(*next) + reserve > budget)
             return;
         Task task;
         uint64_t search = 0;
         takeTask(task, search);
-        runOne(lock, task, search, Clock::now());
+        runOne(lock, task, search);
     }
 }
 
@@ -272,7 +295,7 @@ void Scheduler::putBack(const std::vector<Found>& later)
         return;
     std::lock_guard<std::mutex> lock(mutex_);
     for (const Found& f : later)
-        if (!holdsFace(shared_.found, f.detection.box))
+        if (!holdsFace(shared_.found, boxOf(f)))
             shared_.found.push_back(f);
 }
 

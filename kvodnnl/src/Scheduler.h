@@ -10,20 +10,23 @@
 #include <vector>
 
 #include "Boxes.h"
+#include "Models.h"
 #include "SearchPlan.h"
 #include "Signature.h"
 #include "Timing.h"
+#include "Tracker.h"
 #include "Tuning.h"
 
 namespace KVOAI::kvodnnl {
 
-// A face that the search confirmed, with the picture it was confirmed on.
+// A face that the search confirmed, with the picture it was confirmed on and
+// its key points fitted there.
 struct Found {
-    Detection detection;
+    Track track;
     PicturePtr picture;
 };
 
-inline const dlib::rectangle& boxOf(const Found& found) { return found.detection.box; }
+inline const dlib::rectangle& boxOf(const Found& found) { return found.track.detection.box; }
 
 class Scheduler {
 public:
@@ -34,7 +37,9 @@ public:
     Scheduler& operator=(const Scheduler&) = delete;
 
     // Starts the detector's thread, "kvodnnl-search", at niceness kSearchNice.
-    void start();
+    // The faces confirmed are fitted with `predictor`'s key points by the
+    // thread that confirms them.
+    void start(std::shared_ptr<const Predictor> predictor);
 
     // Hands in the picture of a call and starts a new search when one is due:
     // at once for a new picture (`change` Whole) and for `wholePicture` (unless
@@ -51,10 +56,9 @@ public:
     int callsSinceSearch() const { return callsSinceSearch_; }
 
     // Takes on tasks of the search while they fit into `budget` milliseconds
-    // from the call's start less `reserve`, or, when `finish`, until the
-    // search is done, waiting for the detector's thread to end those it works
-    // on.
-    void help(Clock::time_point start, bool finish, double budget, double reserve);
+    // from the call's start less `reserve`, waiting meanwhile for the
+    // detector's thread to end a task that it should end within them.
+    void help(Clock::time_point start, double budget, double reserve);
 
     // The faces that the search confirmed and that wait to be shown...
     std::vector<Found> takeFound();
@@ -91,10 +95,10 @@ private:
     bool searching() const;
     const Task* nextTask(size_t& planIndex) const;
     bool takeTask(Task& task, uint64_t& search);
-    void runOne(std::unique_lock<std::mutex>& lock, const Task& task, uint64_t search, Clock::time_point start);
+    void runOne(std::unique_lock<std::mutex>& lock, const Task& task, uint64_t search);
     void finishTask(const Task& task, uint64_t search, const PicturePtr& picture, const std::vector<Detection>& out,
-                    double milliseconds);
-    void addFound(const std::vector<Detection>& out, uint64_t search, const PicturePtr& picture);
+                    std::vector<Track>& fitted, double milliseconds);
+    void addFound(std::vector<Track>& fitted, uint64_t search, const PicturePtr& picture);
     void addCandidates(const std::vector<Detection>& out);
 
     void workLoop();
@@ -104,6 +108,7 @@ private:
     int followedPeriod_ = kFollowedSearchPeriod;  // the period while faces are followed
     bool urgent_ = false;       // the latest search must end by its kSearchCalls-th call
 
+    std::shared_ptr<const Predictor> predictor_;
     mutable std::mutex mutex_;
     std::condition_variable wake_;
     Shared shared_;

@@ -20,17 +20,18 @@ static_assert(kNearLevels == 3, "kNearSum counts three levels");
 // Most work for one task of the plan, in millions of HOG pixels and of
 // cascade windows: a few milliseconds each.
 constexpr double kTaskHogPixels = 0.25;
-constexpr double kTaskCascadeWindows = 0.09;
+constexpr double kTaskCascadeWindows = 0.05;
 
-// Millions of HOG pixels that confirming a candidate scans.
-constexpr double kConfirmSide = kNearFace * kNearRegion;
-constexpr double kConfirmWork = kConfirmSide * kConfirmSide * kNearSum * 1e-6;
+// Millions of HOG pixels that confirming a candidate scans, and that a
+// search near a followed face does.
+constexpr double kConfirmWork = kNearFace * kConfirmRegion * kNearFace * kConfirmRegion * kNearSum * 1e-6;
+constexpr double kNearWork = kNearFace * kNearRegion * kNearFace * kNearRegion * kNearSum * 1e-6;
 
 // Cuts a scan into strips of rows, each taking at most `maxWork`, that
 // overlap by `margin` rows so that no face of the scan is cut in two.
 void addStrips(std::vector<Task>& out, Task scan, cv::Size size, double work, double maxWork, int margin)
 {
-    const int parts = std::max(1, std::min(8, static_cast<int>(std::ceil(work / maxWork))));
+    const int parts = std::max(1, std::min(12, static_cast<int>(std::ceil(work / maxWork))));
     for (int p = 0; p < parts; ++p) {
         const int top = std::max(0, size.height * p / parts - margin / 2);
         const int bottom = std::min(size.height, size.height * (p + 1) / parts + margin / 2);
@@ -40,8 +41,28 @@ void addStrips(std::vector<Task>& out, Task scan, cv::Size size, double work, do
     }
 }
 
+// The cascade on octaves of face sizes from `smallest` up to `largest`, each
+// on the picture reduced so that the octave's smallest faces measure the
+// cascade's window. The cascade steps through the octave by kCascadeStep
+// with a stride of two pixels.
+void addCascade(std::vector<Task>& out, cv::Size size, double smallest, double largest)
+{
+    for (double low = smallest; low < largest; low *= 2) {
+        const double high = std::min(2 * low, largest);
+        Task t;
+        t.kind = Task::Cascade;
+        t.scale = kCascadeWindow / low;
+        t.smallest = static_cast<int>(kCascadeWindow);
+        t.largest = static_cast<int>(std::ceil(high * t.scale));
+        double windows = 0;
+        for (double s = 1; s * kCascadeWindow <= t.largest; s *= kCascadeStep)
+            windows += size.area() * t.scale * t.scale / (4 * s * s) * 1e-6;
+        addStrips(out, t, size, windows, kTaskCascadeWindows, static_cast<int>(std::ceil(1.1 * high)));
+    }
+}
+
 // Milliseconds per million HOG pixels and per million cascade windows, as
-// measured over the process's recent tasks.
+// measured in processor time over the process's recent tasks.
 std::atomic<double> hogRate{30.0};
 std::atomic<double> cascadeRate{150.0};
 
@@ -53,7 +74,7 @@ Task confirmTask(const dlib::rectangle& box, double lean)
     confirm.kind = Task::Confirm;
     confirm.box = box;
     confirm.lean = lean;
-    confirm.work = kConfirmWork;
+    confirm.work = lean == 0 ? kConfirmWork : kNearWork;
     return confirm;
 }
 
@@ -71,9 +92,9 @@ void measured(const Task& task, double milliseconds)
     rate.store(old + 0.2 * (milliseconds / task.work - old), std::memory_order_relaxed);
 }
 
-double confirmMilliseconds()
+double nearMilliseconds()
 {
-    return kConfirmWork * hogRate.load(std::memory_order_relaxed);
+    return kNearWork * hogRate.load(std::memory_order_relaxed);
 }
 
 std::vector<Task> planSearch(cv::Size size)
@@ -98,26 +119,17 @@ std::vector<Task> planSearch(cv::Size size)
         }
     }
     // The cascade on octaves of face sizes up to a little over the HOG pass's
-    // smallest, each on the picture reduced so that the octave's smallest
-    // faces measure the cascade's window. The cascade steps through the
-    // octave by kCascadeStep with a stride of two pixels.
+    // smallest; then again on the sizes half a step between those.
     const double smallest = std::max(kSmallestFace, kSmallestFraction * shorter);
-    for (double low = smallest; low < 1.1 * hogSmallest; low *= 2) {
-        const double high = std::min(2 * low, 1.1 * hogSmallest);
-        Task t;
-        t.kind = Task::Cascade;
-        t.scale = kCascadeWindow / low;
-        t.smallest = static_cast<int>(kCascadeWindow);
-        t.largest = static_cast<int>(std::ceil(high * t.scale));
-        double windows = 0;
-        for (double s = 1; s * kCascadeWindow <= t.largest; s *= kCascadeStep)
-            windows += size.area() * t.scale * t.scale / (4 * s * s) * 1e-6;
-        addStrips(cascade, t, size, windows, kTaskCascadeWindows, static_cast<int>(std::ceil(1.1 * high)));
-    }
+    addCascade(cascade, size, smallest, 1.1 * hogSmallest);
+    std::vector<Task> between;
+    addCascade(between, size, smallest * std::sqrt(kCascadeStep), 1.1 * hogSmallest);
     // Larger faces are the likelier and the cheaper to find: the coarse
-    // levels and octaves first, the cascade's parts woven in between.
+    // levels and octaves first, the cascade's parts woven in between, and the
+    // sizes between the cascade's steps last.
     std::reverse(hog.begin(), hog.end());
     std::reverse(cascade.begin(), cascade.end());
+    std::reverse(between.begin(), between.end());
     std::vector<Task> plan;
     for (size_t i = 0; i < std::max(hog.size(), cascade.size()); ++i) {
         if (i < hog.size())
@@ -125,6 +137,7 @@ std::vector<Task> planSearch(cv::Size size)
         if (i < cascade.size())
             plan.push_back(cascade[i]);
     }
+    plan.insert(plan.end(), between.begin(), between.end());
     return plan;
 }
 

@@ -45,9 +45,9 @@ Task confirmTask(const dlib::rectangle& box, double lean = 0);
 // Milliseconds that `task` is expected to take, at the rates measured over
 // the process's recent tasks...
 double estimate(const Task& task);
-// ...and that confirming a candidate is.
-double confirmMilliseconds();
-// Takes a task's time into those rates.
+// ...and that a search near a followed face is.
+double nearMilliseconds();
+// Takes a task's processor time into those rates.
 void measured(const Task& task, double milliseconds);
 
 }  // namespace KVOAI::kvodnnl

@@ -1,9 +1,12 @@
 #include "Tracker.h"
 
+#include <algorithm>
 #include <memory>
+#include <optional>
 
 #include "Models.h"
 #include "Scan.h"
+#include "SearchPlan.h"
 #include "Tuning.h"
 
 namespace KVOAI::kvodnnl {
@@ -34,6 +37,20 @@ Track foundAgain(const Track& track, const Detection& again, const cv::Mat& grey
     return next;
 }
 
+// `track` left unsearched in the grey picture `grey`: its box moved as its
+// part of the picture moved since `before`, the last call's picture.
+Track movedAlong(const Track& track, const Picture* before, const cv::Mat& grey)
+{
+    Track next = track;
+    ++next.unchecked;
+    if (before) {
+        const cv::Point2d moved = motion(before->grey, grey, track.detection.box);
+        next.detection.box
+            = dlib::translate_rect(track.detection.box, dlib::point(cvRound(moved.x), cvRound(moved.y)));
+    }
+    return next;
+}
+
 }  // namespace
 
 Track newTrack(const Detection& detection, const cv::Mat& grey)
@@ -44,35 +61,54 @@ Track newTrack(const Detection& detection, const cv::Mat& grey)
     return track;
 }
 
-std::vector<Track> follow(const std::vector<Track>& tracks, const Picture& picture, bool cut, bool& lost)
+std::vector<Track> follow(const std::vector<Track>& tracks, const Picture* before, const Picture& picture, bool cut,
+                          bool& lost, Clock::time_point start)
 {
-    std::vector<Track> kept;
+    // The faces searched for the longest time ago are searched for first.
+    std::vector<size_t> order(tracks.size());
+    for (size_t i = 0; i < order.size(); ++i)
+        order[i] = i;
+    std::stable_sort(order.begin(), order.end(),
+                     [&](size_t a, size_t b) { return tracks[a].unchecked > tracks[b].unchecked; });
+    std::vector<std::optional<Track>> next(tracks.size());
     std::unique_ptr<ScannerLease> scanners;
     int searched = 0, found = 0;
-    for (const Track& track : tracks) {
+    for (size_t i : order) {
+        const Track& track = tracks[i];
+        if (stillThere(track, patchOf(picture.grey, track.detection.box))) {
+            next[i] = track;
+            ++next[i]->unchecked;
+            continue;
+        }
         if (cut && searched >= kCutLosses && found == 0) {
             lost = true;
-            break;
+            continue;
         }
-        Track next;
-        if (stillThere(track, patchOf(picture.grey, track.detection.box))) {
-            next = track;
-            ++next.unchecked;
-        } else {
-            if (!scanners)
-                scanners = std::make_unique<ScannerLease>();
-            ++searched;
-            Detection again;
-            if (!searchNear(picture.grey, track.detection.box, 0.0, **scanners, again, track.detection.lean)) {
+        const bool inBudget = searched == 0 || millisecondsSince(start) + nearMilliseconds() <= kFollowBudgetMs;
+        if (!inBudget) {
+            // In a picture that differs on the whole, only while every face
+            // searched for was found is it the same scene moved.
+            if (cut && found < searched)
                 lost = true;
-                continue;
-            }
-            ++found;
-            next = foundAgain(track, again, picture.grey);
+            else
+                next[i] = movedAlong(track, before, picture.grey);
+            continue;
         }
-        if (!holdsFace(kept, next.detection.box))
-            kept.push_back(next);
+        if (!scanners)
+            scanners = std::make_unique<ScannerLease>();
+        ++searched;
+        Detection again;
+        if (!searchNear(picture.grey, track.detection.box, 0.0, **scanners, again, track.detection.lean)) {
+            lost = true;
+            continue;
+        }
+        ++found;
+        next[i] = foundAgain(track, again, picture.grey);
     }
+    std::vector<Track> kept;
+    for (std::optional<Track>& t : next)
+        if (t && !holdsFace(kept, t->detection.box))
+            kept.push_back(std::move(*t));
     return kept;
 }
 

@@ -6,6 +6,7 @@
 
 #include "Boxes.h"
 #include "Signature.h"
+#include "Timing.h"
 
 namespace KVOAI::kvodnnl {
 
@@ -35,7 +36,14 @@ Track newTrack(const Detection& detection, const cv::Mat& grey);
 // and `lost` is set when one of them is not found. In a picture that differs
 // on the whole (`cut`), once the first kCutLosses searched for are all lost,
 // the rest are taken for lost too: the picture is another scene, and the
-// search of the whole picture that it starts has the time instead.
-std::vector<Track> follow(const std::vector<Track>& tracks, const Picture& picture, bool cut, bool& lost);
+// search of the whole picture that it starts has the time instead. Once the
+// call that began at `start` has taken kFollowBudgetMs, the faces left are
+// not searched for: their boxes move as their part of the picture moved since
+// `before`, the last call's picture, and they are searched for first on the
+// next call; in a picture that differs on the whole, unless every face
+// searched for was found, they are taken for lost. A call searches for one
+// face at least.
+std::vector<Track> follow(const std::vector<Track>& tracks, const Picture* before, const Picture& picture, bool cut,
+                          bool& lost, Clock::time_point start);
 
 }  // namespace KVOAI::kvodnnl

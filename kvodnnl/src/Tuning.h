@@ -21,10 +21,14 @@ constexpr double kCascadeStep = 1.2;
 // Windows that pass the cascade with at least this weight are candidates, at
 // most kCandidatesPerTask of them a task, the strongest first.
 constexpr double kCandidateWeight = 0.0;
-constexpr size_t kCandidatesPerTask = 6;
+constexpr size_t kCandidatesPerTask = 30;
 // Faces near a known place are searched in a square of this many face sizes,
 // scaled so that the face measures about kNearFace pixels.
 constexpr double kNearRegion = 2.0;
+// A candidate of the search is confirmed in a square of this many face sizes;
+// one of a face that leans, whose box the scan placed less well, in one of
+// kNearRegion.
+constexpr double kConfirmRegion = 1.75;
 constexpr double kNearFace = 90.0;
 // A followed face is looked for on this many levels of the HOG pyramid
 // there: faces from about 0.9 to 1.3 times its last size (a pyramid step is
@@ -47,6 +51,14 @@ constexpr double kCandidateLean = 35.0;
 // and more. The portrait's own patch, on the suit, passes at some turns of
 // the whole portrait (about 0.33).
 constexpr double kConfirmScore = 0.3;
+// A face that a candidate's confirmation found must be one to the cascade
+// too, in a view of kSecondOpinionRegion face sizes where it measures
+// kSecondOpinionFace pixels (see cascadeAgrees): faces pass it with three
+// windows or more, most with over ten, and the portrait's own mission patch,
+// turned, with one.
+constexpr double kSecondOpinionRegion = 1.6;
+constexpr double kSecondOpinionFace = 48.0;
+constexpr int kSecondOpinionWindows = 2;
 // A followed face whose box differs from its look when the HOG detector last
 // found it there by at most kStillPatch grey levels (mean absolute difference
 // of kPatchSide x kPatchSide reductions) keeps its box without a new search,
@@ -60,6 +72,9 @@ constexpr int kRecheckCalls = 10;
 // moves a cell by a level or two, an eye that closes or a mouth that opens by
 // far more.
 constexpr double kSameLook = 4.0;
+// Followed faces are searched for near their places while a call's
+// estimated time stays within this many milliseconds of its start.
+constexpr double kFollowBudgetMs = 10.0;
 // A followed face found again with a box that overlaps its old one by this
 // much (intersection over union) keeps the old box.
 constexpr double kKeepBoxOverlap = 0.8;
@@ -76,8 +91,8 @@ constexpr int kSearchPeriod = 10;
 constexpr int kFollowedSearchPeriod = 15;
 constexpr int kLongestFollowedSearchPeriod = 60;
 // A search of the whole picture that a new picture or `flagA` asked for is
-// finished, by the calling thread if need be, on the kSearchCalls-th call
-// since it began.
+// finished, by the calling thread if need be, by the kSearchCalls-th call
+// since it began, as far as kFinishBudgetMs lets it.
 constexpr int kSearchCalls = 5;
 // Niceness of the search thread (see setpriority(2)).
 constexpr int kSearchNice = 10;
@@ -90,6 +105,10 @@ constexpr double kHelpBudgetMs = 18.0;
 // milliseconds of each call before that one, so that little is left for it.
 constexpr double kUrgentHelpBudgetMs = 22.0;
 constexpr double kMergeBudgetMs = 22.0;
+// From its kSearchCalls-th call on, a search that must end by then takes up
+// to this many milliseconds of a call, for the search, for adding the faces
+// it found and for fitting key points, until it is done.
+constexpr double kFinishBudgetMs = 26.0;
 // Key points are fitted while the call's estimated end stays within this
 // many milliseconds of its start.
 constexpr double kFitBudgetMs = 24.0;

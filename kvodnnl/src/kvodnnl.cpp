@@ -72,6 +72,10 @@ private:
               const cv::Size& pictureSize);
 
     std::string modelPath = modelPathFromEnvironment();
+    // Milliseconds that handing out a face takes at the end of a call
+    // (smoothing, head pose), as measured over the recent calls: the budgets
+    // of a call with many faces leave that time free.
+    double showPerFace = 0.15;
     bool modelsTried = false;
     std::shared_ptr<const Predictor> predictor;
     bool warnedInput = false;
@@ -87,7 +91,7 @@ FaceDetectorImpl::FaceDetectorImpl()
 {
     if (ensureModels()) {
         prepareScanners(2);
-        scheduler.start();
+        scheduler.start(predictor);
     }
 }
 
@@ -160,7 +164,7 @@ void FaceDetectorImpl::run(const cv::Mat& image, bool wholePicture)
     last = picture;
 
     bool lost = false;
-    std::vector<Track> kept = follow(tracks, *picture, change == Change::Whole, lost);
+    std::vector<Track> kept = follow(tracks, before.get(), *picture, change == Change::Whole, lost, start);
     std::vector<Detection> followed;
     std::vector<dlib::rectangle> boxes;
     for (const Track& t : kept) {
@@ -181,15 +185,23 @@ void FaceDetectorImpl::run(const cv::Mat& image, bool wholePicture)
         size_t refits = 0;
         for (const Track& t : kept)
             refits += t.fitted.empty() || t.fitBox != t.detection.box;
-        scheduler.help(start, finish, urgent ? kUrgentHelpBudgetMs : kHelpBudgetMs, refits * fitMilliseconds());
+        const double budget = finish ? kFinishBudgetMs : urgent ? kUrgentHelpBudgetMs : kHelpBudgetMs;
+        scheduler.help(start, budget, refits * fitMilliseconds() + kept.size() * showPerFace);
     }
-    scheduler.putBack(mergeFound(scheduler.takeFound(), picture, followed, start, finish));
-
-    // Faces added by the search start with a patch of their own.
-    for (size_t i = kept.size(); i < followed.size(); ++i)
-        kept.push_back(newTrack(followed[i], picture->grey));
+    // Faces added by the search come with the key points fitted where it
+    // found them.
+    std::vector<Track> added;
+    scheduler.putBack(mergeFound(scheduler.takeFound(), picture, followed, added, start,
+                                 finish ? kFinishBudgetMs : kMergeBudgetMs, showPerFace));
+    for (Track& t : added)
+        kept.push_back(std::move(t));
     tracks = std::move(kept);
-    show(tracks, keyPoints(picture, tracks, start, finish, *predictor), picture->grey.size());
+    const double fitBudget = (finish ? kFinishBudgetMs : kFitBudgetMs) - tracks.size() * showPerFace;
+    std::vector<std::vector<cv::Point2d>> points = keyPoints(picture, tracks, start, fitBudget, *predictor);
+    const Clock::time_point shown = Clock::now();
+    show(tracks, std::move(points), picture->grey.size());
+    if (!tracks.empty())
+        showPerFace += 0.2 * (millisecondsSince(shown) / tracks.size() - showPerFace);
 }
 
 // ---------------------------------------------------------------------------

@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 #include <kvodnnl/kvodnnl.h>
 
+#include "Calls.h"
 #include "FaceFilter.h"
 #include "TestUtil.h"
 #include "LabelledPictures.h"
@@ -119,49 +120,66 @@ TEST(FaceFilter, StillFacesStillMovingFollowedNewAndLeavingStartAfresh)
     EXPECT_LT(bLag / bCalls, 0.02 * 90);
 }
 
-// Pictures with faces 40 to 80 pixels wide and pictures without anyone, each
-// handed in five times to one detector: half the faces or more are shown at
-// the fifth call, and no call shows a face where there is none.
+// Whether a face of `faces` stands for `label`.
+bool shows(const std::vector<Face>& faces, const cv::Rect& label)
+{
+    return std::any_of(faces.begin(), faces.end(),
+                       [&](const Face& f) { return labelled::overlap(boxOf(f), label) > 0.3; });
+}
+
+// Pictures of six faces 40 to 80 pixels wide, 144 faces in all, each handed
+// to a new detector (see calls::settle): 95% of the faces or more are shown
+// within 3 s (the benchmark, on a quiet machine, shows them by the fifth
+// call). Two classroom pictures of about 27 faces 30 to 80 pixels wide show
+// 90% of those 40 pixels wide or more within 5 s, without the sanitizers.
+// None of these pictures, nor pictures without anyone, shows a face where
+// there is none at any call.
 TEST(KvodnnlSearch, SmallFacesAreFoundAndNoFalseOnes)
 {
     const cv::Mat portrait = portraitRgb();
-    KVOAI::FaceDetector detector(KVOAI::DEFAULT, 1, 1);
-    std::map<int, std::pair<int, int>> foundOf;  // width: found, labelled
-    std::vector<labelled::Picture> pictures = labelled::withFaces(portrait, {40, 56, 72});
-    for (const labelled::Picture& p : labelled::withoutFaces(portrait))
-        pictures.push_back(p);
-    for (const labelled::Picture& p : pictures) {
-        SCOPED_TRACE(p.name);
-        for (int call = 1; call <= 5; ++call) {
-            const std::vector<Face> faces = detector.Run(p.rgb, false, false, 1, 1, 50.f);
-            for (const Face& f : faces) {
-                bool labelledFace = false;
-                for (const cv::Rect& label : p.faces)
-                    labelledFace = labelledFace || labelled::overlap(boxOf(f), label) > 0.1;
-                EXPECT_TRUE(labelledFace) << "a false face at call " << call << ": " << boxOf(f);
-            }
-            for (const cv::Rect& label : p.faces) {
-                bool found = false;
-                for (const Face& f : faces)
-                    found = found || labelled::overlap(boxOf(f), label) > 0.3;
-                if (call == 5) {
-                    foundOf[label.width].first += found;
-                    foundOf[label.width].second += 1;
-                }
-            }
+    const auto expectNoFalseFace = [](const labelled::Picture& p, const std::vector<Face>& faces, int call) {
+        for (const Face& f : faces)
+            EXPECT_TRUE(std::any_of(p.faces.begin(), p.faces.end(),
+                                    [&](const cv::Rect& label) { return labelled::overlap(boxOf(f), label) > 0.1; }))
+                << p.name << ": a false face at call " << call << ": " << boxOf(f);
+    };
+    // The faces of 40 pixels or more of each picture, and those of them shown
+    // once all show or `seconds` have passed.
+    const auto count = [&](const labelled::Picture& p, double seconds, int& found, int& labels) {
+        KVOAI::FaceDetector detector(KVOAI::DEFAULT, 1, 1);
+        const std::vector<Face> faces = calls::settle(detector, p.rgb, p.faces.size(), false, 5, seconds,
+                                                      [&](const std::vector<Face>& shown, int call) {
+                                                          expectNoFalseFace(p, shown, call);
+                                                      });
+        for (const cv::Rect& label : p.faces) {
+            labels += label.width >= 40;
+            found += label.width >= 40 && shows(faces, label);
         }
+    };
+    int found = 0, labels = 0;
+    for (const labelled::Picture& p : labelled::withFaces(portrait, {40, 48, 56, 64, 72, 80}))
+        count(p, 3.0, found, labels);
+    EXPECT_GE(labels, 100);
+    EXPECT_GE(found, 0.95 * labels) << found << " of " << labels << " faces";
+    int inClass = 0, classLabels = 0;
+    for (const labelled::Picture& p : labelled::classroom(portrait, 2, 7))
+        count(p, 5.0, inClass, classLabels);
+#if !defined(__SANITIZE_ADDRESS__)
+    // Under the sanitizers a search of so many faces takes far longer.
+    EXPECT_GE(inClass, 0.9 * classLabels) << inClass << " of " << classLabels << " faces in the classroom";
+#endif
+    for (const labelled::Picture& p : labelled::withoutFaces(portrait)) {
+        KVOAI::FaceDetector detector(KVOAI::DEFAULT, 1, 1);
+        for (int call = 1; call <= 5; ++call)
+            expectNoFalseFace(p, detector.Run(p.rgb, false, false, 1, 1, 50.f), call);
     }
-    ASSERT_EQ(foundOf.size(), 3u);
-    for (const auto& [width, counts] : foundOf)
-        EXPECT_GE(counts.first, counts.second / 2) << counts.first << " of " << counts.second << " faces " << width
-                                                    << " px wide";
 }
 
-// A still picture shows all its faces by the fifth call of a new detector,
-// whether or not the call asks for a search of the whole picture, and a new
-// picture by its fifth call too, never keeping the old picture's faces; a
-// detector can be destroyed while its search is at work.
-TEST(KvodnnlSearch, StillPicturesShowTheirFacesByTheFifthCall)
+// A still picture shows all its faces within a few calls of a new detector
+// (by the fifth on a quiet machine), whether or not the call asks for a
+// search of the whole picture, and a new picture too, never keeping the old
+// picture's faces; a detector can be destroyed while its search is at work.
+TEST(KvodnnlSearch, StillPicturesShowTheirFacesWithinAFewCalls)
 {
     const cv::Mat portrait = portraitRgb();
     const auto canvas = [&](std::vector<std::pair<cv::Point, double>> placings, int grey) {
@@ -184,17 +202,16 @@ TEST(KvodnnlSearch, StillPicturesShowTheirFacesByTheFifthCall)
         for (const labelled::Picture& p : pictures) {
             SCOPED_TRACE(std::to_string(p.faces.size()) + " faces of " + std::to_string(p.faces[0].width)
                          + " px, flagA " + std::to_string(wholePicture));
-            std::vector<Face> faces;
-            for (int call = 1; call <= 5; ++call) {
-                faces = detector.Run(p.rgb, wholePicture, false, 1, 1, 50.f);
+            const auto check = [&](const std::vector<Face>& faces, int call) {
                 for (const Face& f : faces) {
                     double best = 0;
                     for (const cv::Rect& label : p.faces)
                         best = std::max(best, labelled::overlap(boxOf(f), label));
                     EXPECT_GT(best, 0.3) << "call " << call << ": a face at " << boxOf(f);
                 }
-            }
-            EXPECT_EQ(faces.size(), p.faces.size());
+            };
+            EXPECT_EQ(calls::settle(detector, p.rgb, p.faces.size(), wholePicture, 5, 10.0, check).size(),
+                      p.faces.size());
         }
     }
     // Destroyed with a search of a large textured picture at work; the
@@ -206,10 +223,7 @@ TEST(KvodnnlSearch, StillPicturesShowTheirFacesByTheFifthCall)
         EXPECT_TRUE(detector.Run(textured, false, false, 1, 1, 50.f).empty());
     }
     KVOAI::FaceDetector detector(KVOAI::DEFAULT, 1, 1);
-    std::vector<Face> faces;
-    for (int call = 1; call <= 5; ++call)
-        faces = detector.Run(pictures[0].rgb, false, false, 1, 1, 50.f);
-    EXPECT_EQ(faces.size(), 1u);
+    EXPECT_EQ(calls::settle(detector, pictures[0].rgb, 1).size(), 1u);
 }
 
 // Eight faces that move together six pixels a call: a call has no time to fit
@@ -233,9 +247,7 @@ TEST(KvodnnlSearch, ManyMovingFacesKeepTheirPointsOnTheirFaces)
         return cv::Point2d(f.points[192] + f.points[194], f.points[193] + f.points[195]) * 0.5;
     };
     KVOAI::FaceDetector detector(KVOAI::DEFAULT, 1, 1);
-    std::vector<Face> faces;
-    for (int call = 1; call <= 5; ++call)
-        faces = detector.Run(picture({0, 0}), false, false, 1, 1, 50.f);
+    std::vector<Face> faces = calls::settle(detector, picture({0, 0}), placings.size());
     ASSERT_EQ(faces.size(), placings.size());
     std::vector<cv::Point2d> start;
     for (const Face& f : faces)
@@ -257,7 +269,7 @@ TEST(KvodnnlSearch, ManyMovingFacesKeepTheirPointsOnTheirFaces)
 // found by a search that the period starts. In a scene whose faces were all
 // found long ago the period has grown, but by no more than the longest one:
 // after 700 quiet calls the newcomer is found at most 75 calls later than
-// after 5, at a call every 5 ms, as a camera hands them in.
+// after 5, at a call every 5 ms.
 TEST(KvodnnlSearch, SomeoneWhoComesInIsFoundAfterAQuietSceneToo)
 {
     const cv::Mat head = portraitRgb()(labelled::kPortraitHead).clone();
@@ -273,10 +285,10 @@ TEST(KvodnnlSearch, SomeoneWhoComesInIsFoundAfterAQuietSceneToo)
     std::map<int, int> callsToFind;
     for (int quiet : {5, 700}) {
         KVOAI::FaceDetector detector(KVOAI::DEFAULT, 1, 1);
-        size_t faces = 0;
+        // The face shows, and then the scene stays quiet for `quiet` calls.
+        ASSERT_EQ(calls::settle(detector, alone, 1).size(), 1u);
         for (int i = 0; i < quiet; ++i)
-            faces = call(detector, alone);
-        ASSERT_EQ(faces, 1u) << "after " << quiet << " calls";
+            call(detector, alone);
         int calls = 0;
         while (calls < 300 && call(detector, two) < 2)
             ++calls;

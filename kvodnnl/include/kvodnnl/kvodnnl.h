@@ -18,7 +18,10 @@
 //     did keeps its box, any other is searched for near its last place; a
 //     face not found there is dropped at once. In a picture that differs much
 //     from the last one on the whole, once the first two faces searched for
-//     are not found, the rest are dropped too (the picture is another scene);
+//     are not found, the rest are dropped too (the picture is another scene).
+//     A call searches for faces near their places for about 10 ms; the boxes
+//     of those left move as their part of the picture moved, and they are
+//     searched for first on the next call;
 //   - has the whole picture searched, in the background: on the first call,
 //     whenever the picture differs much from the last one on the whole, when
 //     `flagA` is true, when a followed face is lost, and otherwise every 15
@@ -27,27 +30,30 @@
 //     about 40 pixels wide (the HOG detector for faces from a sixth of the
 //     picture's shorter side up, the cascade, each of whose finds the HOG
 //     detector confirms, for smaller ones down to 36 pixels or a twentieth of
-//     the shorter side). It is cut into tasks of a few milliseconds that run on
+//     the shorter side), and then, with the cascade, for the sizes between
+//     the cascade's steps. It is cut into tasks of a few milliseconds that run on
 //     a thread of the detector's own; the calling thread takes some on as well
 //     while its call stays within about 18 ms (22 ms for a search asked for by
 //     a new picture or `flagA`), when no face is shown or the search was asked
-//     for so. Faces that the search finds are shown from the first call that
-//     ends after they were found, the call whose own tasks found them
-//     included (after a new search near their place when the picture has
-//     changed since);
-//   - ends a search asked for by a new picture or by `flagA` by its fifth
-//     call at the latest, doing what is left itself on that call if need be:
-//     a still picture handed in repeatedly shows its faces by the fifth call
-//     (the first call of a new detector shows those that the tasks it took on
-//     found, often none). `flagA` true
-//     thus no longer means a search within the call; while such a search is
-//     under way, further `flagA` calls join it;
+//     for so. The thread that confirms a face fits its key points too. Faces
+//     that the search finds are shown from the first call that ends after
+//     they were found, the call whose own tasks found them included (after a
+//     new search near their place when the picture has changed since);
+//   - ends a search asked for by a new picture or by `flagA` from its fifth
+//     call on, doing what is left itself within about 26 ms of each call: a
+//     still picture of a few faces handed in repeatedly shows them by the
+//     fifth call, one of many small faces (a classroom of 27) by about the
+//     tenth (the first call of a new detector shows those that the tasks it
+//     took on found, often none). `flagA` true thus no longer means a search
+//     within the call; while such a search is under way, further `flagA`
+//     calls join it;
 //   - fits key points to a face only when its look changed: a face that
 //     looks as it did where its points were fitted keeps them, moved along
 //     when it moved by up to a quarter of its width. Once a call has taken
 //     about 24 ms, a face that needs a new fit keeps its points too, moved as
 //     its part of the picture moved, and is fitted on a later call (those
-//     waiting longest first); a face without points yet is always fitted;
+//     waiting longest first); a face without points yet is always fitted.
+//     The budgets of a call leave the time that handing out its faces takes;
 //   - smooths each face's key points and box with those of the same face in
 //     the last call (matched by the overlap of their boxes): strongly while
 //     the face keeps still, hardly while it moves. A face new to a call, or
@@ -133,7 +139,7 @@ public:
     // Finds the faces of `image`: 8 bits a channel, 3 or 4 channels, red
     // first, as described at the top of this file. Any other picture gives no
     // faces and nothing is followed into the next one. `flagA` true asks for
-    // a search of the whole picture, ended by the fifth call from it. `flagB`,
+    // a search of the whole picture, ended from the fifth call on. `flagB`,
     // `a`, `b` and `c` are accepted for compatibility and not used. The
     // returned list stays valid until the next Run or the detector's
     // destruction. One thread at a time per detector; different detectors may
