@@ -93,22 +93,28 @@ void hogCandidates(const Task& task, const cv::Mat& reduced, const cv::Rect& til
     }
 }
 
-// Every window that passes the cascade, strongest first, one a face:
-// grouping neighbours, as the cascade does by default, loses faces that only
-// a window or two pass. The cascade runs inside a loop of OpenCV's own, which
-// keeps it from spreading over all processors: the calling thread keeps the
-// others.
+// Every window of `grey` that passes the cascade, of sides from `smallest`
+// to `largest` in steps of `step`, with its weight: grouping neighbours, as
+// the cascade does by default, loses faces that only a window or two pass.
+// The cascade runs inside a loop of OpenCV's own, which keeps it from
+// spreading over all processors: the calling thread keeps the others.
+void cascadeWindows(Scanners& scanners, const cv::Mat& grey, double step, int smallest, int largest,
+                    std::vector<cv::Rect>& hits, std::vector<double>& weights)
+{
+    std::vector<int> levels;
+    cv::parallel_for_(cv::Range(0, 1), [&](const cv::Range&) {
+        scanners.cascade.detectMultiScale(grey, hits, levels, weights, step, 0, 0, cv::Size(smallest, smallest),
+                                          cv::Size(largest, largest), true);
+    });
+}
+
+// The cascade's windows, strongest first, one a face.
 void cascadeCandidates(const Task& task, const cv::Mat& reduced, const cv::Rect& tile, Scanners& scanners,
                        std::vector<Detection>& out)
 {
     std::vector<cv::Rect> hits;
-    std::vector<int> levels;
     std::vector<double> weights;
-    cv::parallel_for_(cv::Range(0, 1), [&](const cv::Range&) {
-        scanners.cascade.detectMultiScale(reduced, hits, levels, weights, kCascadeStep, 0, 0,
-                                          cv::Size(task.smallest, task.smallest),
-                                          cv::Size(task.largest, task.largest), true);
-    });
+    cascadeWindows(scanners, reduced, kCascadeStep, task.smallest, task.largest, hits, weights);
     std::vector<size_t> order(hits.size());
     for (size_t i = 0; i < order.size(); ++i)
         order[i] = i;
@@ -133,13 +139,9 @@ bool cascadeAgrees(const cv::Mat& picture, const Detection& face, Scanners& scan
     const int side = cvRound(kSecondOpinionRegion * kSecondOpinionFace);
     const UprightView view = uprightView(picture, centre, kSecondOpinionRegion * w, face.lean, side);
     std::vector<cv::Rect> hits;
-    std::vector<int> levels;
     std::vector<double> weights;
     const int smallest = std::max(static_cast<int>(kCascadeWindow), cvRound(0.7 * kSecondOpinionFace));
-    cv::parallel_for_(cv::Range(0, 1), [&](const cv::Range&) {
-        scanners.cascade.detectMultiScale(view.grey, hits, levels, weights, 1.1, 0, 0, cv::Size(smallest, smallest),
-                                          cv::Size(side, side), true);
-    });
+    cascadeWindows(scanners, view.grey, 1.1, smallest, side, hits, weights);
     int agreeing = 0;
     for (size_t i = 0; i < hits.size(); ++i) {
         const cv::Point2d at(hits[i].x + hits[i].width / 2.0 - side / 2.0,

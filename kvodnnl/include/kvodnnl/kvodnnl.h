@@ -31,14 +31,16 @@
 //     picture's shorter side up, the cascade, each of whose finds the HOG
 //     detector confirms, for smaller ones down to 36 pixels or a twentieth of
 //     the shorter side), and then, with the cascade, for the sizes between
-//     the cascade's steps. It is cut into tasks of a few milliseconds that run on
-//     a thread of the detector's own; the calling thread takes some on as well
-//     while its call stays within about 18 ms (22 ms for a search asked for by
-//     a new picture or `flagA`), when no face is shown or the search was asked
-//     for so. The thread that confirms a face fits its key points too. Faces
-//     that the search finds are shown from the first call that ends after
-//     they were found, the call whose own tasks found them included (after a
-//     new search near their place when the picture has changed since);
+//     the cascade's steps. It is cut into tasks of a few milliseconds that
+//     run on a thread of the detector's own; the calling thread takes some on
+//     as well while its call stays within about 18 ms (22 ms for a search
+//     asked for by a new picture or `flagA`), when no face is shown or the
+//     search was asked for so. A face the HOG detector confirms must pass the
+//     cascade too, in the frame its key points lean in, and the thread that
+//     confirms it fits those key points. Faces that the search finds are
+//     shown from the first call that ends after they were found, the call
+//     whose own tasks found them included (after a new search near their
+//     place when the picture has changed since);
 //   - ends a search asked for by a new picture or by `flagA` from its fifth
 //     call on, doing what is left itself within about 26 ms of each call: a
 //     still picture of a few faces handed in repeatedly shows them by the
