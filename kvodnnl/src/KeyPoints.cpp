@@ -5,10 +5,8 @@
 #include <cmath>
 #include <optional>
 
-#include <dlib/image_processing/shape_predictor.h>
-#include <dlib/opencv/cv_image.h>
-
 #include "Layout.h"
+#include "Predictor.h"
 #include "Tuning.h"
 #include "Upright.h"
 
@@ -57,13 +55,8 @@ bool keepsPoints(const Track& track, const cv::Mat& grey, const cv::Mat& look, s
 std::vector<cv::Point2d> modelPoints(const cv::Mat& picture, const dlib::rectangle& box, double lean,
                                      const Predictor& predictor)
 {
-    std::vector<cv::Point2d> model;
-    if (lean == 0) {
-        const dlib::full_object_detection shape = predictor(dlib::cv_image<unsigned char>(picture), box);
-        for (unsigned long i = 0; i < shape.num_parts(); ++i)
-            model.emplace_back(static_cast<double>(shape.part(i).x()), static_cast<double>(shape.part(i).y()));
-        return model;
-    }
+    if (lean == 0)
+        return predictor(picture, box);
     // The face upright in a view of twice its width, at most kFitView pixels
     // across.
     const double w = static_cast<double>(box.width());
@@ -72,10 +65,9 @@ std::vector<cv::Point2d> modelPoints(const cv::Mat& picture, const dlib::rectang
     const UprightView view = uprightView(picture, centre, 2 * w, lean, side);
     const long half = std::lround(side / 4.0);
     const dlib::rectangle upright(side / 2 - half, side / 2 - half, side / 2 + half - 1, side / 2 + half - 1);
-    const dlib::full_object_detection shape = predictor(dlib::cv_image<unsigned char>(view.grey), upright);
-    for (unsigned long i = 0; i < shape.num_parts(); ++i)
-        model.push_back(mapPoint(view.toPicture, cv::Point2d(static_cast<double>(shape.part(i).x()),
-                                                             static_cast<double>(shape.part(i).y()))));
+    std::vector<cv::Point2d> model = predictor(view.grey, upright);
+    for (cv::Point2d& p : model)
+        p = mapPoint(view.toPicture, p);
     return model;
 }
 

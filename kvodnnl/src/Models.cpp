@@ -9,8 +9,9 @@
 #include <sstream>
 #include <vector>
 
-#include <dlib/image_processing/shape_predictor.h>
+#include <dlib/serialize.h>
 
+#include "Predictor.h"
 #include "Scanners.h"
 #include "Tuning.h"
 

@@ -7,13 +7,9 @@
 #include <memory>
 #include <string>
 
-namespace dlib {
-class shape_predictor;
-}
-
 namespace KVOAI::kvodnnl {
 
-using Predictor = dlib::shape_predictor;
+class Predictor;
 struct Scanners;
 
 // Fills the pool so that one detector's two threads find their scanners
