@@ -7,8 +7,9 @@
 //   Hog      the HOG detector on the picture reduced so that the smallest
 //            faces it looks for measure its window: one pyramid level a
 //            task for the larger levels, the rest of the pyramid in one
-//   Cascade  the cascade on a band of face sizes, over a part of the picture
-//            reduced so that the band's smallest faces measure its window
+//   Cascade  the cascade with one window size, over a part of the picture
+//            reduced so that the smallest faces of an octave of face sizes
+//            measure its window
 //   Confirm  a candidate of the other two, searched for with the HOG
 //            detector near its place at kNearFace pixels, on kNearLevels
 //            levels as a followed face is

@@ -6,6 +6,7 @@
 #include <functional>
 #include <map>
 #include <string>
+#include <tuple>
 
 #include <gtest/gtest.h>
 #include <opencv2/calib3d.hpp>
@@ -389,30 +390,35 @@ TEST(KvodnnlSearchPlan, EveryFaceSizeEverywhere)
         const std::vector<Task> plan = planSearch(size);
         ASSERT_FALSE(plan.empty());
         EXPECT_EQ(plan.front().kind, Task::Hog);
-        // Face sizes of a task, in pixels of the picture.
+        // Face sizes of a task, in pixels of the picture: a window finds
+        // faces up to the next window's size.
         const auto faces = [](const Task& t) {
             if (t.kind == Task::Cascade)
-                return std::make_pair(t.smallest / t.scale, t.largest / t.scale);
+                return std::make_pair(t.smallest / t.scale, kCascadeStep * t.largest / t.scale);
             return std::make_pair(kHogWindow / t.scale, t.restOfPyramid ? 1e9 : 1.2 * kHogWindow / t.scale);
+        };
+        // The largest window of a task, which its strips must overlap by.
+        const auto window = [](const Task& t) {
+            return (t.kind == Task::Cascade ? t.largest : 1.2 * kHogWindow) / t.scale;
         };
         const double shorter = std::min(size.width, size.height);
         for (double face = std::max(kSmallestFace, kSmallestFraction * shorter); face <= shorter; face *= 1.05)
             EXPECT_TRUE(std::any_of(plan.begin(), plan.end(), [&](const Task& t) {
                 return faces(t).first <= face + 1e-9 && face <= faces(t).second;
             })) << "faces of " << face << " px";
-        std::map<std::pair<int, double>, std::vector<cv::Rect>> scans;
+        std::map<std::tuple<int, double, int>, std::vector<cv::Rect>> scans;
         for (const Task& t : plan) {
             EXPECT_EQ(t.tile.x, 0);
             EXPECT_EQ(t.tile.width, size.width);
-            scans[{t.kind, t.scale}].push_back(t.tile);
+            scans[{t.kind, t.scale, t.smallest}].push_back(t.tile);
         }
         for (const Task& t : plan) {
-            std::vector<cv::Rect> strips = scans[{t.kind, t.scale}];
+            std::vector<cv::Rect> strips = scans[{t.kind, t.scale, t.smallest}];
             std::sort(strips.begin(), strips.end(), [](const cv::Rect& a, const cv::Rect& b) { return a.y < b.y; });
             EXPECT_EQ(strips.front().y, 0);
             EXPECT_EQ(strips.back().br().y, size.height);
             for (size_t i = 1; i < strips.size(); ++i)
-                EXPECT_GE(strips[i - 1].br().y - strips[i].y, std::min<double>(faces(t).second, size.height))
+                EXPECT_GE(strips[i - 1].br().y - strips[i].y, std::min<double>(window(t), size.height))
                     << "strips of the scan at " << t.scale;
         }
     }
