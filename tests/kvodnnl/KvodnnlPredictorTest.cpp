@@ -19,24 +19,16 @@ using namespace KVOAI::kvodnnl;
 
 const char* const kModel = "/usr/share/dlib/shape_predictor_68_face_landmarks.dat";
 
-const dlib::shape_predictor& dlibModel()
+// A model read once for the whole test program.
+template <typename Model>
+const Model& model()
 {
-    static const dlib::shape_predictor* model = [] {
-        auto* read = new dlib::shape_predictor;
-        dlib::deserialize(kModel) >> *read;
-        return read;
+    static const Model* read = [] {
+        auto* m = new Model;
+        dlib::deserialize(kModel) >> *m;
+        return m;
     }();
-    return *model;
-}
-
-const Predictor& flatModel()
-{
-    static const Predictor* model = [] {
-        auto* read = new Predictor;
-        dlib::deserialize(kModel) >> *read;
-        return read;
-    }();
-    return *model;
+    return *read;
 }
 
 TEST(KvodnnlPredictor, GivesDlibsPointsBeforeTheyAreRounded)
@@ -73,8 +65,8 @@ TEST(KvodnnlPredictor, GivesDlibsPointsBeforeTheyAreRounded)
         {"no face at all", cv::Mat(200, 200, CV_8U, cv::Scalar(90)), dlib::rectangle(50, 50, 149, 149)},
     };
     for (const auto& c : cases) {
-        const dlib::full_object_detection theirs = dlibModel()(dlib::cv_image<unsigned char>(c.picture), c.box);
-        const std::vector<cv::Point2d> ours = flatModel()(c.picture, c.box);
+        const dlib::full_object_detection theirs = model<dlib::shape_predictor>()(dlib::cv_image<unsigned char>(c.picture), c.box);
+        const std::vector<cv::Point2d> ours = model<Predictor>()(c.picture, c.box);
         ASSERT_EQ(ours.size(), theirs.num_parts()) << c.name;
         int fractional = 0;
         for (size_t i = 0; i < ours.size(); ++i) {
@@ -86,62 +78,53 @@ TEST(KvodnnlPredictor, GivesDlibsPointsBeforeTheyAreRounded)
     }
 }
 
-using Forests = std::vector<std::vector<dlib::impl::regression_tree>>;
-using Anchors = std::vector<std::vector<unsigned long>>;
-
 // The pieces of a model as dlib writes them.
 struct Pieces {
     int version = 0;
     dlib::matrix<float, 0, 1> initial;
-    Forests forests;
-    Anchors anchors;
+    std::vector<std::vector<dlib::impl::regression_tree>> forests;
+    std::vector<std::vector<unsigned long>> anchors;
     std::vector<std::vector<dlib::vector<float, 2>>> deltas;
+
+    std::string written() const
+    {
+        std::ostringstream out;
+        dlib::serialize(version, out);
+        dlib::serialize(initial, out);
+        dlib::serialize(forests, out);
+        dlib::serialize(anchors, out);
+        dlib::serialize(deltas, out);
+        return out.str();
+    }
 };
-
-// The real model cut to its first cascade of two trees (of 500 features).
-Pieces smallModel()
-{
-    Pieces p;
-    dlib::deserialize(kModel) >> p.version >> p.initial >> p.forests >> p.anchors >> p.deltas;
-    p.forests.resize(1);
-    p.forests[0].resize(2);
-    p.anchors.resize(1);
-    p.deltas.resize(1);
-    return p;
-}
-
-std::string written(const Pieces& p)
-{
-    std::ostringstream out;
-    dlib::serialize(p.version, out);
-    dlib::serialize(p.initial, out);
-    dlib::serialize(p.forests, out);
-    dlib::serialize(p.anchors, out);
-    dlib::serialize(p.deltas, out);
-    return out.str();
-}
 
 TEST(KvodnnlPredictor, RefusesAModelThatWouldReadPastItsData)
 {
-    const Pieces small = smallModel();
+    // The real model cut to its first cascade of two trees (of 500 features).
+    Pieces small;
+    dlib::deserialize(kModel) >> small.version >> small.initial >> small.forests >> small.anchors >> small.deltas;
+    small.forests.resize(1);
+    small.forests[0].resize(2);
+    small.anchors.resize(1);
+    small.deltas.resize(1);
     ASSERT_EQ(small.anchors[0].size(), 500u);
     const struct {
         const char* name;
-        std::function<void(int&, Forests&, Anchors&)> change;
+        std::function<void(Pieces&)> change;
         bool refused;
     } cases[] = {
-        {"unchanged", [](int&, Forests&, Anchors&) {}, false},
-        {"another version", [](int& v, Forests&, Anchors&) { v = 2; }, true},
-        {"a split beyond the features", [](int&, Forests& f, Anchors&) { f[0][1].splits[3].idx2 = 500; }, true},
-        {"a leaf of another size", [](int&, Forests& f, Anchors&) { f[0][0].leaf_values[5].set_size(4); }, true},
-        {"a tree with a leaf less", [](int&, Forests& f, Anchors&) { f[0][1].leaf_values.pop_back(); }, true},
-        {"a feature beyond the points", [](int&, Forests&, Anchors& a) { a[0][7] = 68; }, true},
-        {"no cascade", [](int&, Forests& f, Anchors& a) { f.clear(), a.clear(); }, true},
+        {"unchanged", [](Pieces&) {}, false},
+        {"another version", [](Pieces& p) { p.version = 2; }, true},
+        {"a split beyond the features", [](Pieces& p) { p.forests[0][1].splits[3].idx2 = 500; }, true},
+        {"a leaf of another size", [](Pieces& p) { p.forests[0][0].leaf_values[5].set_size(4); }, true},
+        {"a tree with a leaf less", [](Pieces& p) { p.forests[0][1].leaf_values.pop_back(); }, true},
+        {"a feature beyond the points", [](Pieces& p) { p.anchors[0][7] = 68; }, true},
+        {"no cascade", [](Pieces& p) { p.forests.clear(), p.anchors.clear(); }, true},
     };
     for (const auto& c : cases) {
         Pieces changed = small;
-        c.change(changed.version, changed.forests, changed.anchors);
-        std::istringstream in(written(changed));
+        c.change(changed);
+        std::istringstream in(changed.written());
         Predictor model;
         bool refused = false;
         try {
