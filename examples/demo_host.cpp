@@ -13,6 +13,7 @@
 
 #include <lumen_fx/OpenglImageManager.h>
 #include "EffectOptions.h"
+#include "MergeLimits.h"
 #include "OpenglCheck.h"
 
 namespace {
@@ -62,6 +63,11 @@ bool parseOptions(const QCoreApplication& app, Options& options)
     }
     if (!okW || !okH || options.width <= 0 || options.height <= 0) {
         std::fprintf(stderr, "bad --size '%s', expected WIDTHxHEIGHT\n", qPrintable(parser.value(sizeOption)));
+        return false;
+    }
+    if (!mergeSizeAllowed(QSize(options.width, options.height))) {
+        std::fprintf(stderr, "bad --size '%s': %s\n", qPrintable(parser.value(sizeOption)),
+                     qPrintable(mergeSizeLimits()));
         return false;
     }
     options.background = QColor(parser.value(bgOption));

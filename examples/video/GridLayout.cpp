@@ -5,8 +5,6 @@
 
 namespace {
 
-const QSize kLying(1920, 1080);
-
 // The shape that one input takes in the grid: its picture, or two of them side by side.
 QSizeF unitOf(const QList<QSize>& inputs, bool compare)
 {
@@ -16,14 +14,6 @@ QSizeF unitOf(const QList<QSize>& inputs, bool compare)
 
 }  // namespace
 
-bool mergeSizeAllowed(const QSize& size)
-{
-    if (size.width() < 2 || size.height() < 2)
-        return false;
-    return size.width() >= size.height() ? size.width() <= kLying.width() && size.height() <= kLying.height()
-                                         : size.width() <= kLying.height() && size.height() <= kLying.width();
-}
-
 QSize evenSize(const QSize& size)
 {
     return QSize(size.width() + (size.width() & 1), size.height() + (size.height() & 1));
@@ -32,9 +22,9 @@ QSize evenSize(const QSize& size)
 QSize defaultMergeSize(const QList<QSize>& inputs, bool compare)
 {
     if (inputs.size() != 1)
-        return kLying;
+        return kLargestMerge;
     const QSizeF unit = unitOf(inputs, compare);
-    const QSizeF limit = unit.width() >= unit.height() ? QSizeF(kLying) : QSizeF(kLying.transposed());
+    const QSizeF limit = unit.width() >= unit.height() ? QSizeF(kLargestMerge) : QSizeF(kLargestMerge.transposed());
     const double k = std::min({1.0, limit.width() / unit.width(), limit.height() / unit.height()});
     // Rounded down to even numbers, so that it stays within the limits.
     const int width = std::max(2, static_cast<int>(unit.width() * k) & ~1);

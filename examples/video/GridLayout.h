@@ -7,6 +7,8 @@
 #include <QRect>
 #include <QSize>
 
+#include "MergeLimits.h"
+
 struct GridCell {
     QRect rect;
     int input = 0;
@@ -19,9 +21,6 @@ struct GridLayout {
     int rows = 1;
     QList<GridCell> cells;
 };
-
-// The largest size the scene merges to: 1920x1080 lying, 1080x1920 standing.
-bool mergeSizeAllowed(const QSize& size);
 
 // The merged picture's size when none is asked for: a single input's own
 // size (twice as wide with `compare`), shrunk into the merge limits; 1920x1080

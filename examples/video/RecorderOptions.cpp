@@ -38,9 +38,7 @@ bool readSize(const QString& text, QSize& out, QString& message)
     }
     out = evenSize(size);
     if (!mergeSizeAllowed(out)) {
-        message = QString("bad --size '%1': the merged picture can be at most 1920x1080 lying or 1080x1920 "
-                          "standing, and at least 2x2")
-                      .arg(text);
+        message = QString("bad --size '%1': %2").arg(text, mergeSizeLimits());
         return false;
     }
     return true;
