@@ -1,6 +1,9 @@
 #include "Predictor.h"
 
+#include <cstdint>
 #include <istream>
+
+#include <sys/mman.h>
 
 #include <dlib/image_processing/shape_predictor.h>
 #include <dlib/opencv/cv_image.h>
@@ -18,6 +21,25 @@ __attribute__((target_clones("avx2", "default"))) void addLeaf(float* __restrict
         shape[i] += leaf[i];
 }
 
+// Leaves asked for ahead of the one added, and the bytes a processor reads
+// from memory at once.
+constexpr size_t kLeavesAhead = 6;
+constexpr size_t kCacheLine = 64;
+
+// Asks for `bytes` at `data` to be kept in huge pages where the system allows
+// it, before they are first written. The leaves fill 65 MB and a fit reads
+// 7,500 of them all over it: in pages of 4 KB, most reads look up their page
+// too.
+void preferHugePages(const void* data, size_t bytes)
+{
+    constexpr std::uintptr_t huge = std::uintptr_t(2) << 20;
+    const std::uintptr_t at = reinterpret_cast<std::uintptr_t>(data);
+    const std::uintptr_t begin = (at + huge - 1) & ~(huge - 1);
+    const std::uintptr_t end = (at + bytes) & ~(huge - 1);
+    if (end > begin)
+        madvise(reinterpret_cast<void*>(begin), end - begin, MADV_HUGEPAGE);
+}
+
 void fail(const char* what)
 {
     throw dlib::serialization_error(std::string("landmark model: ") + what);
@@ -25,20 +47,37 @@ void fail(const char* what)
 
 }  // namespace
 
-void Predictor::walk(const Cascade& cascade, const std::vector<float>& features, float* shape) const
+void Predictor::walk(const Cascade& cascade, const std::vector<float>& features, float* shape,
+                     std::vector<const float*>& chosen) const
 {
     const size_t size = static_cast<size_t>(initial_.size());
     const Split* splits = cascade.splits.data();
-    const float* leaves = cascade.leaves.data();
+    const float* leaves = leaves_.data() + cascade.leaves;
+    // The features of a cascade are read before its trees: each tree's leaf
+    // is known before any is added. A whole tree: node i's children are
+    // 2i+1 (the difference passes the threshold) and 2i+2, and the leaves
+    // follow the splits.
+    chosen.resize(trees_);
     for (size_t tree = 0; tree < trees_; ++tree, splits += splitsPerTree_) {
-        // A whole tree: node i's children are 2i+1 (the difference passes
-        // the threshold) and 2i+2, and the leaves follow the splits.
         size_t node = 0;
         while (node < splitsPerTree_) {
             const Split& s = splits[node];
             node = features[s.first] - features[s.second] > s.threshold ? 2 * node + 1 : 2 * node + 2;
         }
-        addLeaf(shape, leaves + (tree * (splitsPerTree_ + 1) + node - splitsPerTree_) * size, size);
+        chosen[tree] = leaves + (tree * (splitsPerTree_ + 1) + node - splitsPerTree_) * size;
+    }
+    // Then they are added in the trees' order, each leaf asked of memory a
+    // few trees before it is added: the leaves lie all over the model, and
+    // read one after the other, a fit spent most of its time waiting for
+    // them.
+    const size_t bytes = size * sizeof(float);
+    for (size_t tree = 0; tree < trees_; ++tree) {
+        if (tree + kLeavesAhead < trees_) {
+            const char* next = reinterpret_cast<const char*>(chosen[tree + kLeavesAhead]);
+            for (size_t b = 0; b < bytes; b += kCacheLine)
+                __builtin_prefetch(next + b);
+        }
+        addLeaf(shape, chosen[tree], size);
     }
 }
 
@@ -47,10 +86,11 @@ std::vector<cv::Point2d> Predictor::operator()(const cv::Mat& grey, const dlib::
     const dlib::cv_image<unsigned char> picture(grey);
     dlib::matrix<float, 0, 1> shape = initial_;
     std::vector<float> features;
+    std::vector<const float*> chosen;
     for (const Cascade& cascade : cascades_) {
         dlib::impl::extract_feature_pixel_values(picture, box, shape, initial_, cascade.anchors, cascade.deltas,
                                                  features);
-        walk(cascade, features, &shape(0));
+        walk(cascade, features, &shape(0), chosen);
     }
     const dlib::point_transform_affine toPicture = dlib::impl::unnormalizing_tform(box);
     std::vector<cv::Point2d> points;
@@ -85,10 +125,13 @@ void deserialize(Predictor& item, std::istream& in)
     made.trees_ = forests[0].size();
     made.splitsPerTree_ = forests[0][0].splits.size();
     const size_t size = static_cast<size_t>(initial.size());
+    made.leaves_.reserve(forests.size() * made.trees_ * (made.splitsPerTree_ + 1) * size);
+    preferHugePages(made.leaves_.data(), made.leaves_.capacity() * sizeof(float));
     for (size_t c = 0; c < forests.size(); ++c) {
         Predictor::Cascade cascade;
         if (forests[c].size() != made.trees_ || anchors[c].size() != deltas[c].size())
             fail("uneven cascades");
+        cascade.leaves = made.leaves_.size();
         for (unsigned long anchor : anchors[c])
             if (anchor >= size / 2)
                 fail("a feature beyond the points");
@@ -104,7 +147,7 @@ void deserialize(Predictor& item, std::istream& in)
             for (const dlib::matrix<float, 0, 1>& leaf : tree.leaf_values) {
                 if (static_cast<size_t>(leaf.size()) != size)
                     fail("a leaf of another size");
-                cascade.leaves.insert(cascade.leaves.end(), leaf.begin(), leaf.end());
+                made.leaves_.insert(made.leaves_.end(), leaf.begin(), leaf.end());
             }
         }
         cascade.anchors = std::move(anchors[c]);
