@@ -6,6 +6,7 @@
 #include <dlib/opencv/cv_image.h>
 #include <opencv2/imgproc.hpp>
 
+#include "Reductions.h"
 #include "Scanners.h"
 #include "Tuning.h"
 #include "Upright.h"
@@ -73,9 +74,9 @@ bool searchNear(const cv::Mat& picture, const dlib::rectangle& box, double thres
 
 namespace {
 
-// The HOG detector's finds in `reduced`, the part `tile` of a picture reduced
-// by the task's scale, in pixels of the picture.
-void hogCandidates(const Task& task, const cv::Mat& reduced, const cv::Rect& tile, Scanners& scanners,
+// The HOG detector's finds in `reduced`, a part of a picture reduced by the
+// task's scale whose first pixel lies at `origin`, in pixels of the picture.
+void hogCandidates(const Task& task, const cv::Mat& reduced, cv::Point2d origin, Scanners& scanners,
                    std::vector<Detection>& out)
 {
     std::vector<dlib::rect_detection> hits;
@@ -89,7 +90,7 @@ void hogCandidates(const Task& task, const cv::Mat& reduced, const cv::Rect& til
             continue;
         const double turn = hit.weight_index == kLeansRight ? kCandidateLean : -kCandidateLean;
         const double lean = hit.detection_confidence >= 0 ? 0.0 : turn;
-        out.push_back({scaleRect(hit.rect, task.scale, tile.x, tile.y), hit.detection_confidence, lean});
+        out.push_back({scaleRect(hit.rect, task.scale, origin.x, origin.y), hit.detection_confidence, lean});
     }
 }
 
@@ -109,7 +110,7 @@ void cascadeWindows(Scanners& scanners, const cv::Mat& grey, double step, int sm
 }
 
 // The cascade's windows, strongest first, one a face.
-void cascadeCandidates(const Task& task, const cv::Mat& reduced, const cv::Rect& tile, Scanners& scanners,
+void cascadeCandidates(const Task& task, const cv::Mat& reduced, cv::Point2d origin, Scanners& scanners,
                        std::vector<Detection>& out)
 {
     std::vector<cv::Rect> hits;
@@ -122,7 +123,7 @@ void cascadeCandidates(const Task& task, const cv::Mat& reduced, const cv::Rect&
     for (size_t i : order) {
         if (weights[i] < kCandidateWeight || out.size() >= kCandidatesPerTask)
             break;
-        const dlib::rectangle box = scaleRect(toDlib(hits[i]), task.scale, tile.x, tile.y);
+        const dlib::rectangle box = scaleRect(toDlib(hits[i]), task.scale, origin.x, origin.y);
         if (!holdsFace(out, box))
             out.push_back({box, weights[i]});
     }
@@ -151,31 +152,26 @@ bool cascadeAgrees(const cv::Mat& picture, const Detection& face, Scanners& scan
     return agreeing >= kSecondOpinionWindows;
 }
 
-std::vector<Detection> runTask(const Task& task, const cv::Mat& picture, Scanners& scanners)
+std::vector<Detection> runTask(const Task& task, const Picture& picture, Scanners& scanners)
 {
     std::vector<Detection> out;
     if (task.kind == Task::Confirm) {
         Detection d;
         const double region = task.lean == 0 ? kConfirmRegion : kNearRegion;
-        if (searchNear(picture, task.box, kConfirmScore, scanners, d, task.lean, region))
+        if (searchNear(picture.grey, task.box, kConfirmScore, scanners, d, task.lean, region))
             out.push_back(d);
         return out;
     }
-    cv::Mat reduced;
-    const cv::Rect tile = task.tile & cv::Rect(0, 0, picture.cols, picture.rows);
-    if (tile.empty())
+    cv::Point2d origin;
+    const std::shared_ptr<Reductions> reductions
+        = picture.reductions ? picture.reductions : std::make_shared<Reductions>(picture);
+    const cv::Mat reduced = reductions->part(task.scale, task.tile, origin);
+    if (reduced.empty())
         return out;
-    if (task.scale < 1.0) {
-        // A sliver of a tile at the picture's edge may reduce to nothing.
-        if (cvRound(tile.width * task.scale) < 1 || cvRound(tile.height * task.scale) < 1)
-            return out;
-        cv::resize(picture(tile), reduced, cv::Size(), task.scale, task.scale, cv::INTER_AREA);
-    } else
-        reduced = picture(tile);
     if (task.kind == Task::Hog)
-        hogCandidates(task, reduced, tile, scanners, out);
+        hogCandidates(task, reduced, origin, scanners, out);
     else if (scanners.hasCascade)
-        cascadeCandidates(task, reduced, tile, scanners, out);
+        cascadeCandidates(task, reduced, origin, scanners, out);
     return out;
 }
 

@@ -163,7 +163,7 @@ void Scheduler::runOne(std::unique_lock<std::mutex>& lock, const Task& task, uin
     double spent = 0;
     try {
         ScannerLease scanners;
-        out = runTask(task, picture->grey, *scanners);
+        out = runTask(task, *picture, *scanners);
         spent = threadMilliseconds() - processorStart;
         // A face confirmed is fitted, and then asked of the cascade in the
         // frame that its key points lean in.

@@ -1,0 +1,95 @@
+// The reductions that the search scans a picture in: where their parts lie in
+// the picture, and which pictures share them.
+#include <gtest/gtest.h>
+#include <opencv2/imgproc.hpp>
+
+#include "Reductions.h"
+#include "Signature.h"
+
+namespace {
+
+using namespace KVOAI::kvodnnl;
+
+Picture pictureOf(const cv::Mat& grey) { return Picture{grey, signature(grey), nullptr}; }
+
+// The centre of the brightness of `grey` above its background.
+cv::Point2d brightCentre(const cv::Mat& grey)
+{
+    cv::Mat lit;
+    cv::subtract(grey, cv::Scalar::all(40), lit);
+    const cv::Moments m = cv::moments(lit);
+    return {m.m10 / m.m00, m.m01 / m.m00};
+}
+
+// A square of light in a part of a reduction lies where the part's origin
+// and the scale say: at every scale the search uses, by half and less too
+// (made from the half), and in parts that begin anywhere. The part covers
+// its tile, but for the last reduced pixel at the picture's edge, and no more
+// than a reduced pixel round it.
+TEST(KvodnnlReductions, PartsLieWhereTheirOriginSays)
+{
+    cv::Mat grey(720, 1280, CV_8U, cv::Scalar::all(40));
+    const cv::Rect square(613, 301, 24, 24);
+    grey(square).setTo(220);
+    const cv::Point2d centre(square.x + square.width / 2.0, square.y + square.height / 2.0);
+    Reductions reductions(pictureOf(grey));
+    const cv::Rect tiles[] = {{0, 0, 1280, 720}, {0, 250, 1280, 130}, {37, 211, 650, 197}, {601, 299, 41, 41}};
+    for (const double scale : {0.667, 0.6086, 0.5, 0.463, 0.333, 0.268}) {
+        for (const cv::Rect& tile : tiles) {
+            cv::Point2d origin;
+            const cv::Mat part = reductions.part(scale, tile, origin);
+            ASSERT_FALSE(part.empty()) << scale << " " << tile;
+            const cv::Point2d seen = brightCentre(part);
+            const cv::Point2d back = origin + cv::Point2d(seen.x + 0.5, seen.y + 0.5) / scale;
+            EXPECT_NEAR(back.x, centre.x, 0.75) << scale << " " << tile;
+            EXPECT_NEAR(back.y, centre.y, 0.75) << scale << " " << tile;
+            const cv::Point2d end = origin + cv::Point2d(part.cols, part.rows) / scale;
+            EXPECT_LE(origin.x, tile.x);
+            EXPECT_LE(origin.y, tile.y);
+            EXPECT_GT(origin.x, tile.x - 1 / scale);
+            EXPECT_GT(origin.y, tile.y - 1 / scale);
+            // A reduction drops what is left of the picture's last pixels.
+            EXPECT_GE(end.x, tile.br().x - (tile.br().x == grey.cols ? 1 / scale : 1e-9)) << scale << " " << tile;
+            EXPECT_GE(end.y, tile.br().y - (tile.br().y == grey.rows ? 1 / scale : 1e-9)) << scale << " " << tile;
+            EXPECT_LT(end.x, tile.br().x + 1 / scale + 1e-9) << scale << " " << tile;
+            EXPECT_LT(end.y, tile.br().y + 1 / scale + 1e-9) << scale << " " << tile;
+        }
+    }
+    // A tile outside the picture, and a sliver that reduces to nothing.
+    cv::Point2d origin;
+    EXPECT_TRUE(reductions.part(0.5, {1300, 0, 50, 50}, origin).empty());
+    Reductions sliver(pictureOf(cv::Mat(1, 1280, CV_8U, cv::Scalar::all(90))));
+    EXPECT_TRUE(sliver.part(0.333, {0, 0, 1280, 1}, origin).empty());
+}
+
+// Pictures that hardly differ from the one that reductions were made of share
+// them, for as many pictures as asked; a changed picture, one of another
+// size, or the next after that many, gets reductions of its own.
+TEST(KvodnnlReductions, StillPicturesShareThemForAWhile)
+{
+    cv::Mat grey(360, 640, CV_8U);
+    cv::randu(grey, 30, 220);
+    cv::Mat noisy = grey.clone();
+    noisy(cv::Rect(10, 10, 4, 4)) += 2;  // sensor noise
+    cv::Mat changed;
+    cv::GaussianBlur(grey, changed, cv::Size(), 4.0);
+    changed += 40;
+
+    Picture first = pictureOf(grey);
+    first.reductions = Reductions::forPicture(first, nullptr, 3);
+    Picture before = first;
+    for (int i = 2; i <= 4; ++i) {
+        Picture next = pictureOf(noisy);
+        next.reductions = Reductions::forPicture(next, &before, 3);
+        EXPECT_EQ(next.reductions == first.reductions, i <= 3) << "picture " << i;
+        before = next;
+    }
+    Picture other = pictureOf(changed);
+    EXPECT_NE(Reductions::forPicture(other, &first, 100), first.reductions);
+    Picture smaller = pictureOf(grey(cv::Rect(0, 0, 320, 180)).clone());
+    EXPECT_NE(Reductions::forPicture(smaller, &first, 100), first.reductions);
+    Picture bare = pictureOf(grey);
+    EXPECT_TRUE(Reductions::forPicture(pictureOf(grey), &bare, 100));
+}
+
+}  // namespace
