@@ -15,14 +15,14 @@ cv::Rect reducedTile(const cv::Rect& tile, double scale, cv::Size reduced)
     return cv::Rect(cv::Point(left, top), cv::Point(right, bottom)) & cv::Rect(cv::Point(), reduced);
 }
 
-Reductions::Reductions(const Picture& source) : source_{source.grey, source.thumb, nullptr} {}
+Reductions::Reductions(const Picture& source) : source_(source) {}
 
-std::shared_ptr<Reductions> Reductions::forPicture(const Picture& picture, const Picture* before, int pictures)
+std::shared_ptr<Reductions> Reductions::forPicture(const Picture& picture, const std::shared_ptr<Reductions>& current,
+                                                   int pictures)
 {
-    if (before && before->reductions && before->reductions->served_ < pictures
-        && pictureChange(before->reductions->source_, picture) == Change::None) {
-        ++before->reductions->served_;
-        return before->reductions;
+    if (current && current->served_ < pictures && pictureChange(current->source_, picture) == Change::None) {
+        ++current->served_;
+        return current;
     }
     return std::make_shared<Reductions>(picture);
 }

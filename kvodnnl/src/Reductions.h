@@ -26,16 +26,17 @@ public:
     // the tile reduces to nothing. Safe to call from several threads.
     cv::Mat part(double scale, const cv::Rect& tile, cv::Point2d& origin);
 
-    // The reductions that `picture` is scanned in: those of `before` while
-    // `picture` hardly differs from their source and they have served fewer
-    // than `pictures` pictures, else new ones of `picture`.
-    static std::shared_ptr<Reductions> forPicture(const Picture& picture, const Picture* before, int pictures);
+    // The reductions that `picture` is scanned in: `current` while `picture`
+    // hardly differs from their source and they have served fewer than
+    // `pictures` pictures, else new ones of `picture`. Called by one thread.
+    static std::shared_ptr<Reductions> forPicture(const Picture& picture, const std::shared_ptr<Reductions>& current,
+                                                  int pictures);
 
 private:
     cv::Mat reduced(double scale);
 
     Picture source_;
-    int served_ = 1;  // pictures that these serve; the calling thread's own
+    int served_ = 1;  // pictures that these serve; forPicture's own
     std::mutex mutex_;
     std::vector<std::pair<double, cv::Mat>> made_;
 };

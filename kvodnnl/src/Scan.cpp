@@ -152,20 +152,18 @@ bool cascadeAgrees(const cv::Mat& picture, const Detection& face, Scanners& scan
     return agreeing >= kSecondOpinionWindows;
 }
 
-std::vector<Detection> runTask(const Task& task, const Picture& picture, Scanners& scanners)
+std::vector<Detection> runTask(const Task& task, const cv::Mat& picture, Reductions& reductions, Scanners& scanners)
 {
     std::vector<Detection> out;
     if (task.kind == Task::Confirm) {
         Detection d;
         const double region = task.lean == 0 ? kConfirmRegion : kNearRegion;
-        if (searchNear(picture.grey, task.box, kConfirmScore, scanners, d, task.lean, region))
+        if (searchNear(picture, task.box, kConfirmScore, scanners, d, task.lean, region))
             out.push_back(d);
         return out;
     }
     cv::Point2d origin;
-    const std::shared_ptr<Reductions> reductions
-        = picture.reductions ? picture.reductions : std::make_shared<Reductions>(picture);
-    const cv::Mat reduced = reductions->part(task.scale, task.tile, origin);
+    const cv::Mat reduced = reductions.part(task.scale, task.tile, origin);
     if (reduced.empty())
         return out;
     if (task.kind == Task::Hog)

@@ -7,11 +7,11 @@
 
 #include "Boxes.h"
 #include "SearchPlan.h"
-#include "Signature.h"
 #include "Tuning.h"
 
 namespace KVOAI::kvodnnl {
 
+class Reductions;
 struct Scanners;
 
 // The best face near `box` in the grey `picture`, of a HOG score above
@@ -33,8 +33,8 @@ bool searchNear(const cv::Mat& picture, const dlib::rectangle& box, double thres
 // detector scores as faces at some turns are rarely faces to both.
 bool cascadeAgrees(const cv::Mat& picture, const Detection& face, Scanners& scanners);
 
-// Candidates (Hog, Cascade) or a confirmed face (Confirm) of one task on
-// `picture`.
-std::vector<Detection> runTask(const Task& task, const Picture& picture, Scanners& scanners);
+// Candidates (Hog, Cascade) or a confirmed face (Confirm) of one task on the
+// grey `picture`, whose reductions are `reductions`.
+std::vector<Detection> runTask(const Task& task, const cv::Mat& picture, Reductions& reductions, Scanners& scanners);
 
 }  // namespace KVOAI::kvodnnl

@@ -54,6 +54,9 @@ bool Scheduler::schedule(const PicturePtr& picture, Change change, const std::ve
         if (shared_.planSize != picture->grey.size())
             replan(picture->grey.size());
         shared_.latest = picture;
+        // The pictures of a still scene are scanned in the reductions of the
+        // first, for as many calls as a search may take.
+        shared_.reductions = Reductions::forPicture(*picture, shared_.reductions, kSearchCalls);
         const int period = followed.empty() ? kSearchPeriod : followedPeriod_;
         // A change in a few places (in a video, most pictures have one) asks
         // for a search in the background while no face is shown, at most
@@ -156,6 +159,7 @@ bool Scheduler::takeTask(Task& task, uint64_t& search)
 void Scheduler::runOne(std::unique_lock<std::mutex>& lock, const Task& task, uint64_t search)
 {
     const PicturePtr picture = shared_.latest;
+    const std::shared_ptr<Reductions> reductions = shared_.reductions;
     lock.unlock();
     const double processorStart = threadMilliseconds();
     std::vector<Detection> out;
@@ -163,7 +167,7 @@ void Scheduler::runOne(std::unique_lock<std::mutex>& lock, const Task& task, uin
     double spent = 0;
     try {
         ScannerLease scanners;
-        out = runTask(task, *picture, *scanners);
+        out = runTask(task, picture->grey, *reductions, *scanners);
         spent = threadMilliseconds() - processorStart;
         // A face confirmed is fitted, and then asked of the cascade in the
         // frame that its key points lean in.
@@ -304,6 +308,7 @@ void Scheduler::forget()
     std::lock_guard<std::mutex> lock(mutex_);
     shared_.found.clear();
     shared_.confirms.clear();
+    shared_.reductions.reset();
 }
 
 }  // namespace KVOAI::kvodnnl

@@ -11,6 +11,7 @@
 
 #include "Boxes.h"
 #include "Models.h"
+#include "Reductions.h"
 #include "SearchPlan.h"
 #include "Signature.h"
 #include "Timing.h"
@@ -86,6 +87,7 @@ private:
         int running = 0;                // tasks at work
         Clock::time_point workerEnds;   // when the detector's thread should end its task
         PicturePtr latest;
+        std::shared_ptr<Reductions> reductions;  // what the latest picture is scanned in
         bool stop = false;
     };
 

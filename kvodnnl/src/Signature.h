@@ -10,15 +10,11 @@
 
 namespace KVOAI::kvodnnl {
 
-class Reductions;
-
 // A grey picture handed to Run, shared by the calling thread and the search
-// thread, with its 32 x 32 signature of patch means and the reductions that
-// the search scans it in (see Reductions.h).
+// thread, with its 32 x 32 signature of patch means.
 struct Picture {
     cv::Mat grey;
     cv::Mat thumb;
-    std::shared_ptr<Reductions> reductions;
 };
 using PicturePtr = std::shared_ptr<const Picture>;
 

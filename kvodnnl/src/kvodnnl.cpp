@@ -11,7 +11,6 @@
 #include "FaceFilter.h"
 #include "HeadPose.h"
 #include "KeyPoints.h"
-#include "Reductions.h"
 #include "Merge.h"
 #include "Models.h"
 #include "Scheduler.h"
@@ -159,11 +158,8 @@ void FaceDetectorImpl::run(const cv::Mat& image, bool wholePicture)
     auto made = std::make_shared<Picture>();
     cv::cvtColor(image, made->grey, image.channels() == 4 ? cv::COLOR_RGBA2GRAY : cv::COLOR_RGB2GRAY);
     made->thumb = signature(made->grey);
-    const PicturePtr before = last;
-    // The pictures of a still scene are scanned in the reductions of the
-    // first, for as many calls as a search may take.
-    made->reductions = Reductions::forPicture(*made, before.get(), kSearchCalls);
     const PicturePtr picture = made;
+    const PicturePtr before = last;
     Change change = before ? pictureChange(*before, *picture) : Change::Whole;
     last = picture;
 

@@ -55,7 +55,7 @@ cv::Mat textured(cv::Size size)
     return out;
 }
 
-Picture pictureOf(const cv::Mat& grey) { return Picture{grey, signature(grey), nullptr}; }
+Picture pictureOf(const cv::Mat& grey) { return Picture{grey, signature(grey)}; }
 
 // A grey 1280 x 720 view with blobs from a few pixels to a hundred across, as
 // a camera's picture has: it still has texture once reduced to 128 pixels.

@@ -10,7 +10,7 @@ namespace {
 
 using namespace KVOAI::kvodnnl;
 
-Picture pictureOf(const cv::Mat& grey) { return Picture{grey, signature(grey), nullptr}; }
+Picture pictureOf(const cv::Mat& grey) { return Picture{grey, signature(grey)}; }
 
 // The centre of the brightness of `grey` above its background.
 cv::Point2d brightCentre(const cv::Mat& grey)
@@ -75,21 +75,16 @@ TEST(KvodnnlReductions, StillPicturesShareThemForAWhile)
     cv::GaussianBlur(grey, changed, cv::Size(), 4.0);
     changed += 40;
 
-    Picture first = pictureOf(grey);
-    first.reductions = Reductions::forPicture(first, nullptr, 3);
-    Picture before = first;
+    const std::shared_ptr<Reductions> first = Reductions::forPicture(pictureOf(grey), nullptr, 3);
+    std::shared_ptr<Reductions> current = first;
     for (int i = 2; i <= 4; ++i) {
-        Picture next = pictureOf(noisy);
-        next.reductions = Reductions::forPicture(next, &before, 3);
-        EXPECT_EQ(next.reductions == first.reductions, i <= 3) << "picture " << i;
-        before = next;
+        current = Reductions::forPicture(pictureOf(noisy), current, 3);
+        EXPECT_EQ(current == first, i <= 3) << "picture " << i;
     }
-    Picture other = pictureOf(changed);
-    EXPECT_NE(Reductions::forPicture(other, &first, 100), first.reductions);
-    Picture smaller = pictureOf(grey(cv::Rect(0, 0, 320, 180)).clone());
-    EXPECT_NE(Reductions::forPicture(smaller, &first, 100), first.reductions);
-    Picture bare = pictureOf(grey);
-    EXPECT_TRUE(Reductions::forPicture(pictureOf(grey), &bare, 100));
+    const std::shared_ptr<Reductions> fresh = Reductions::forPicture(pictureOf(grey), nullptr, 100);
+    EXPECT_NE(Reductions::forPicture(pictureOf(changed), fresh, 100), fresh);
+    EXPECT_NE(Reductions::forPicture(pictureOf(grey(cv::Rect(0, 0, 320, 180)).clone()), fresh, 100), fresh);
+    EXPECT_EQ(Reductions::forPicture(pictureOf(noisy), fresh, 100), fresh);
 }
 
 }  // namespace
