@@ -40,19 +40,17 @@ TEST(KvodnnlReductions, PartsLieWhereTheirOriginSays)
             const cv::Mat part = reductions.part(scale, tile, origin);
             ASSERT_FALSE(part.empty()) << scale << " " << tile;
             const cv::Point2d seen = brightCentre(part);
-            const cv::Point2d back = origin + cv::Point2d(seen.x + 0.5, seen.y + 0.5) / scale;
-            EXPECT_NEAR(back.x, centre.x, 0.75) << scale << " " << tile;
-            EXPECT_NEAR(back.y, centre.y, 0.75) << scale << " " << tile;
-            const cv::Point2d end = origin + cv::Point2d(part.cols, part.rows) / scale;
-            EXPECT_LE(origin.x, tile.x);
-            EXPECT_LE(origin.y, tile.y);
-            EXPECT_GT(origin.x, tile.x - 1 / scale);
-            EXPECT_GT(origin.y, tile.y - 1 / scale);
-            // A reduction drops what is left of the picture's last pixels.
-            EXPECT_GE(end.x, tile.br().x - (tile.br().x == grey.cols ? 1 / scale : 1e-9)) << scale << " " << tile;
-            EXPECT_GE(end.y, tile.br().y - (tile.br().y == grey.rows ? 1 / scale : 1e-9)) << scale << " " << tile;
-            EXPECT_LT(end.x, tile.br().x + 1 / scale + 1e-9) << scale << " " << tile;
-            EXPECT_LT(end.y, tile.br().y + 1 / scale + 1e-9) << scale << " " << tile;
+            for (const bool across : {true, false}) {
+                const double at = across ? origin.x : origin.y;
+                const double end = at + (across ? part.cols : part.rows) / scale;
+                const int first = across ? tile.x : tile.y, last = across ? tile.br().x : tile.br().y;
+                // A reduction drops what is left of the picture's last pixels.
+                const double dropped = last == (across ? grey.cols : grey.rows) ? 1 / scale : 1e-9;
+                EXPECT_NEAR(at + ((across ? seen.x : seen.y) + 0.5) / scale, across ? centre.x : centre.y, 0.75)
+                    << scale << " " << tile;
+                EXPECT_TRUE(at <= first && at > first - 1 / scale) << scale << " " << tile;
+                EXPECT_TRUE(end >= last - dropped && end < last + 1 / scale + 1e-9) << scale << " " << tile;
+            }
         }
     }
     // A tile outside the picture, and a sliver that reduces to nothing.
