@@ -308,7 +308,6 @@ void Scheduler::forget()
     std::lock_guard<std::mutex> lock(mutex_);
     shared_.found.clear();
     shared_.confirms.clear();
-    shared_.reductions.reset();
 }
 
 }  // namespace KVOAI::kvodnnl
