@@ -17,6 +17,16 @@ cv::Rect reducedTile(const cv::Rect& tile, double scale, cv::Size reduced)
 
 Reductions::Reductions(const Picture& source) : source_(source) {}
 
+std::shared_ptr<Reductions> Reductions::forPicture(const Picture& picture, const std::shared_ptr<Reductions>& current,
+                                                   int pictures)
+{
+    if (current && current->served_ < pictures && pictureChange(current->source_, picture) == Change::None) {
+        ++current->served_;
+        return current;
+    }
+    return std::make_shared<Reductions>(picture);
+}
+
 cv::Mat Reductions::reduced(double scale)
 {
     {

@@ -2,9 +2,9 @@
 // A grey picture reduced by the scales that the search scans it at. A search
 // scans a picture at a few scales, each in many parts and with several window
 // sizes: each reduction of the whole picture is made once, by the first task
-// that needs it, and the tasks after it cut their parts out of it. Each
-// picture has its own: a candidate found in an older picture would be
-// confirmed in a newer one where the face may have grown or moved since.
+// that needs it, and the tasks after it cut their parts out of it. The
+// pictures of a still scene that follow share the reductions of the first.
+#include <memory>
 #include <mutex>
 #include <utility>
 #include <vector>
@@ -26,10 +26,17 @@ public:
     // the tile reduces to nothing. Safe to call from several threads.
     cv::Mat part(double scale, const cv::Rect& tile, cv::Point2d& origin);
 
+    // The reductions that `picture` is scanned in: `current` while `picture`
+    // hardly differs from their source and they have served fewer than
+    // `pictures` pictures, else new ones of `picture`. Called by one thread.
+    static std::shared_ptr<Reductions> forPicture(const Picture& picture, const std::shared_ptr<Reductions>& current,
+                                                  int pictures);
+
 private:
     cv::Mat reduced(double scale);
 
     Picture source_;
+    int served_ = 1;  // pictures that these serve; forPicture's own
     std::mutex mutex_;
     std::vector<std::pair<double, cv::Mat>> made_;
 };

@@ -54,7 +54,9 @@ bool Scheduler::schedule(const PicturePtr& picture, Change change, const std::ve
         if (shared_.planSize != picture->grey.size())
             replan(picture->grey.size());
         shared_.latest = picture;
-        shared_.reductions = std::make_shared<Reductions>(*picture);
+        // The pictures of a still scene are scanned in the reductions of the
+        // first, for as many calls as a search may take.
+        shared_.reductions = Reductions::forPicture(*picture, shared_.reductions, kSearchCalls);
         const int period = followed.empty() ? kSearchPeriod : followedPeriod_;
         // A change in a few places (in a video, most pictures have one) asks
         // for a search in the background while no face is shown, at most

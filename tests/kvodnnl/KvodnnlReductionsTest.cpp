@@ -1,5 +1,5 @@
 // The reductions that the search scans a picture in: where their parts lie in
-// the picture.
+// the picture, and which pictures share them.
 #include <gtest/gtest.h>
 #include <opencv2/imgproc.hpp>
 
@@ -58,6 +58,31 @@ TEST(KvodnnlReductions, PartsLieWhereTheirOriginSays)
     EXPECT_TRUE(reductions.part(0.5, {1300, 0, 50, 50}, origin).empty());
     Reductions sliver(pictureOf(cv::Mat(1, 1280, CV_8U, cv::Scalar::all(90))));
     EXPECT_TRUE(sliver.part(0.333, {0, 0, 1280, 1}, origin).empty());
+}
+
+// Pictures that hardly differ from the one that reductions were made of share
+// them, for as many pictures as asked; a changed picture, one of another
+// size, or the next after that many, gets reductions of its own.
+TEST(KvodnnlReductions, StillPicturesShareThemForAWhile)
+{
+    cv::Mat grey(360, 640, CV_8U);
+    cv::randu(grey, 30, 220);
+    cv::Mat noisy = grey.clone();
+    noisy(cv::Rect(10, 10, 4, 4)) += 2;  // sensor noise
+    cv::Mat changed;
+    cv::GaussianBlur(grey, changed, cv::Size(), 4.0);
+    changed += 40;
+
+    const std::shared_ptr<Reductions> first = Reductions::forPicture(pictureOf(grey), nullptr, 3);
+    std::shared_ptr<Reductions> current = first;
+    for (int i = 2; i <= 4; ++i) {
+        current = Reductions::forPicture(pictureOf(noisy), current, 3);
+        EXPECT_EQ(current == first, i <= 3) << "picture " << i;
+    }
+    const std::shared_ptr<Reductions> fresh = Reductions::forPicture(pictureOf(grey), nullptr, 100);
+    EXPECT_NE(Reductions::forPicture(pictureOf(changed), fresh, 100), fresh);
+    EXPECT_NE(Reductions::forPicture(pictureOf(grey(cv::Rect(0, 0, 320, 180)).clone()), fresh, 100), fresh);
+    EXPECT_EQ(Reductions::forPicture(pictureOf(noisy), fresh, 100), fresh);
 }
 
 }  // namespace
