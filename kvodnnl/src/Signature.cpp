@@ -44,6 +44,65 @@ Change pictureChange(const Picture& a, const Picture& b)
     return cv::countNonZero(changed > kChangedPatch) >= kChangedPatches ? Change::Local : Change::None;
 }
 
+namespace {
+
+// How far the content of `a` lies moved in `b`, by phase correlation with a
+// Hanning window, and how sure the correlation is of it (its peak, 0 to 1).
+cv::Point2d shiftBetween(const cv::Mat& a, const cv::Mat& b, double& response)
+{
+    cv::Mat window;
+    cv::createHanningWindow(window, a.size(), CV_32F);
+    // OpenCV 4.6 multiplies the pictures it correlates by the window in
+    // place: it gets copies.
+    return cv::phaseCorrelate(a.clone(), b.clone(), window, &response);
+}
+
+// Where the camera's move from `a` to `b` takes each point of `a`, as a
+// shift, a zoom and a turn about the picture's centre: the shift of the
+// whole first, and then what is left of the move from the shifts of nine
+// overlapping parts, fitted by least squares (parts too plain to correlate
+// left out). Only the shift when the parts tell nothing.
+cv::Matx23d cameraMove(const cv::Mat& a, const cv::Mat& b)
+{
+    double response = 0;
+    const cv::Point2d whole = shiftBetween(a, b, response);
+    cv::Mat back;
+    cv::warpAffine(b, back, cv::Matx23d(1, 0, -whole.x, 0, 1, -whole.y), b.size(), cv::INTER_LINEAR,
+                   cv::BORDER_REPLICATE);
+    const cv::Point2d centre((a.cols - 1) / 2.0, (a.rows - 1) / 2.0);
+    const cv::Size part(a.cols / 2, a.rows / 2);
+    cv::Mat lhs(0, 4, CV_64F), rhs(0, 1, CV_64F);
+    for (int py = 0; py < 3; ++py) {
+        for (int px = 0; px < 3; ++px) {
+            const cv::Rect r(px * a.cols / 4, py * a.rows / 4, part.width, part.height);
+            const cv::Point2d d = shiftBetween(a(r), back(r), response);
+            if (response < kMovedPartResponse)
+                continue;
+            const double ux = r.x + (r.width - 1) / 2.0 - centre.x, uy = r.y + (r.height - 1) / 2.0 - centre.y;
+            // d = [zoom-1, -turn; turn, zoom-1] u + shift
+            lhs.push_back(cv::Mat(cv::Matx14d(ux, -uy, 1, 0)));
+            rhs.push_back(d.x);
+            lhs.push_back(cv::Mat(cv::Matx14d(uy, ux, 0, 1)));
+            rhs.push_back(d.y);
+        }
+    }
+    double alpha = 0, beta = 0, tx = 0, ty = 0;
+    if (lhs.rows >= 6) {
+        cv::Mat x;
+        cv::solve(lhs, rhs, x, cv::DECOMP_SVD);
+        alpha = x.at<double>(0);
+        beta = x.at<double>(1);
+        tx = x.at<double>(2);
+        ty = x.at<double>(3);
+    }
+    // q = (I + [alpha, -beta; beta, alpha]) (p - centre) + centre + shift
+    const double m00 = 1 + alpha, m01 = -beta, m10 = beta, m11 = 1 + alpha;
+    return cv::Matx23d(m00, m01, centre.x - m00 * centre.x - m01 * centre.y + tx + whole.x,
+                       m10, m11, centre.y - m10 * centre.x - m11 * centre.y + ty + whole.y);
+}
+
+}  // namespace
+
 bool movedAsAWhole(const cv::Mat& before, const cv::Mat& after)
 {
     if (before.empty() || before.size() != after.size())
@@ -56,20 +115,34 @@ bool movedAsAWhole(const cv::Mat& before, const cv::Mat& after)
         return false;
     a.convertTo(a, CV_32F);
     b.convertTo(b, CV_32F);
-    cv::Mat window;
-    cv::createHanningWindow(window, a.size(), CV_32F);
-    // OpenCV 4.6 multiplies the pictures it correlates by the window in
-    // place: it gets copies.
-    const cv::Point2d shift = cv::phaseCorrelate(a.clone(), b.clone(), window);
-    // Only the part that both show counts, less a pixel for the interpolation.
-    const int marginX = static_cast<int>(std::ceil(std::abs(shift.x))) + 1;
-    const int marginY = static_cast<int>(std::ceil(std::abs(shift.y))) + 1;
+    const cv::Matx23d move = cameraMove(a, b);
+    // A camera zooms and turns little between two pictures.
+    const double zoom = std::hypot(move(0, 0), move(1, 0));
+    if (std::abs(zoom - 1) > kMovedZoom || std::abs(std::atan2(move(1, 0), move(0, 0))) > kMovedTurn * CV_PI / 180)
+        return false;
+    // Only the part that both show counts, less a pixel for the
+    // interpolation: as far in from each edge as the move takes the corners.
+    double reachX = 0, reachY = 0;
+    for (const cv::Point2d corner : {cv::Point2d(0, 0), cv::Point2d(a.cols - 1, 0), cv::Point2d(0, a.rows - 1),
+                                     cv::Point2d(a.cols - 1, a.rows - 1)}) {
+        const cv::Point2d q(move(0, 0) * corner.x + move(0, 1) * corner.y + move(0, 2),
+                            move(1, 0) * corner.x + move(1, 1) * corner.y + move(1, 2));
+        reachX = std::max(reachX, std::abs(q.x - corner.x));
+        reachY = std::max(reachY, std::abs(q.y - corner.y));
+    }
+    const int marginX = static_cast<int>(std::ceil(reachX)) + 1;
+    const int marginY = static_cast<int>(std::ceil(reachY)) + 1;
     if (4 * marginX > a.cols || 4 * marginY > a.rows)
         return false;
     cv::Mat back, diff;
-    cv::warpAffine(b, back, cv::Matx23d(1, 0, -shift.x, 0, 1, -shift.y), b.size(), cv::INTER_LINEAR);
+    cv::warpAffine(b, back, move, b.size(), cv::INTER_LINEAR | cv::WARP_INVERSE_MAP);
     const cv::Rect both(marginX, marginY, a.cols - 2 * marginX, a.rows - 2 * marginY);
-    cv::absdiff(a(both), back(both), diff);
+    // Compared a little blurred: what a fraction of a pixel left of the move
+    // makes of sharp edges is not a change of the view.
+    cv::Mat softA, softBack;
+    cv::GaussianBlur(a, softA, cv::Size(), kMovedBlur);
+    cv::GaussianBlur(back, softBack, cv::Size(), kMovedBlur);
+    cv::absdiff(softA(both), softBack(both), diff);
     // Every part must match: a view that changed in a quarter of it can
     // match well on the mean.
     for (int y = 0; y < kMovedParts; ++y) {

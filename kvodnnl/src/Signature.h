@@ -32,11 +32,12 @@ double difference(const Picture& a, const Picture& b);
 enum class Change { None, Local, Whole };
 Change pictureChange(const Picture& a, const Picture& b);
 
-// Whether `after` shows the view of `before` moved, as when a camera pans or
-// shakes: their reductions to kMovedSide pixels a side, once the shift that
-// phase correlation finds is undone, differ by at most kMovedPicture grey
-// levels on the mean in every part of a kMovedParts x kMovedParts grid. False
-// for pictures of different sizes.
+// Whether `after` shows the view of `before` seen by a camera that moved, as
+// when it pans, zooms, tilts or shakes: their reductions to kMovedSide pixels
+// a side, once the shift, zoom and turn that phase correlation finds between
+// them are undone, differ by at most kMovedPicture grey levels on the mean in
+// every part of a kMovedParts x kMovedParts grid. False for pictures of
+// different sizes.
 bool movedAsAWhole(const cv::Mat& before, const cv::Mat& after);
 
 // Whether `b` differs from `a` only round `faces`: the signature's cells

@@ -139,12 +139,23 @@ constexpr int kChangedPatches = 4;
 constexpr double kSameThreshold = 3.0;
 constexpr int kThumbSide = 32;
 constexpr int kPatch = 4;
-// A picture that differs from the last on the whole is the last one moved
-// when their reductions to kMovedSide pixels a side, once the shift between
-// them is undone, differ by at most kMovedPicture grey levels on the mean in
-// each of kMovedParts x kMovedParts parts. Undone at a fraction of a pixel,
+// A picture that differs from the last on the whole is the last one seen by a
+// camera that moved when their reductions to kMovedSide pixels a side, once
+// the camera's shift, zoom and turn between them are undone, differ by at
+// most kMovedPicture grey levels on the mean in each of kMovedParts x
+// kMovedParts parts. Undone at a fraction of a pixel,
 // the shift leaves about 6 levels in the most textured part of a close-up.
 constexpr double kMovedSide = 128.0;
+// The camera's zoom and turn between the two are found from the shifts of
+// parts of the reductions whose correlation peaks at kMovedPartResponse or
+// more (plainer parts say little); a zoom beyond 1 +- kMovedZoom or a turn
+// beyond kMovedTurn degrees is no camera move between two pictures.
+constexpr double kMovedPartResponse = 0.05;
+constexpr double kMovedZoom = 0.15;
+constexpr double kMovedTurn = 10.0;
+// The two are compared blurred by this many reduced pixels (a Gaussian's
+// sigma).
+constexpr double kMovedBlur = 1.0;
 constexpr double kMovedPicture = 10.0;
 constexpr int kMovedParts = 4;
 

@@ -85,6 +85,18 @@ cv::Mat shifted(const cv::Mat& picture, cv::Point2d by)
     return out;
 }
 
+// `picture` as a camera sees it that zoomed by `zoom` and turned by
+// `degrees` about the point `at`, and then moved by `by`.
+cv::Mat filmed(const cv::Mat& picture, double zoom, double degrees, cv::Point2f at, cv::Point2d by = {})
+{
+    cv::Matx23d m = cv::getRotationMatrix2D(at, -degrees, zoom);
+    m(0, 2) += by.x;
+    m(1, 2) += by.y;
+    cv::Mat out;
+    cv::warpAffine(picture, out, m, picture.size(), cv::INTER_LINEAR, cv::BORDER_REFLECT);
+    return out;
+}
+
 }  // namespace
 
 // Every point of the layout of kvodnnl.h from the model's points: copies,
@@ -255,6 +267,12 @@ TEST(KvodnnlSignature, TellsAViewMovedAsAWholeFromANewOne)
         {"6.5 down", shifted(before, {0, 6.5}), true},
         {"8 right, 5 up, with noise", noisy, true},
         {"a fifth of it to the right", shifted(before, {256, 0}), true},
+        {"zoomed in by 3 %", filmed(before, 1.03, 0, {640, 360}), true},
+        {"zoomed out by 4 % off the middle", filmed(before, 0.96, 0, {300, 200}), true},
+        {"turned by 1.5 degrees", filmed(before, 1, 1.5, {640, 360}), true},
+        {"zoomed, turned and moved", filmed(before, 1.025, -1, {800, 300}, {12, -7}), true},
+        {"zoomed in by a third", filmed(before, 1.33, 0, {640, 360}), false},
+        {"zoomed, with a quarter of it another view", filmed(quarterNew, 1.03, 0, {640, 360}), false},
         {"30 grey levels brighter", before + cv::Scalar(30), false},
         {"another view", view(7), false},
         {"half of it another view", halfNew, false},
