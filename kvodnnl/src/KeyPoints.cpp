@@ -113,7 +113,7 @@ Track fittedTrack(const Detection& detection, const PicturePtr& picture, const P
 
 double fitMilliseconds()
 {
-    return fitRate.load(std::memory_order_relaxed);
+    return fitRate.load(std::memory_order_relaxed) * slowdown();
 }
 
 std::vector<std::vector<cv::Point2d>> keyPoints(const PicturePtr& picture, std::vector<Track>& shown,
@@ -139,7 +139,7 @@ std::vector<std::vector<cv::Point2d>> keyPoints(const PicturePtr& picture, std::
     for (size_t i : order) {
         Track& track = shown[i];
         const bool inBudget = !fittedOne || !moves[i]
-            || millisecondsSince(start) + fitRate.load(std::memory_order_relaxed) <= budget;
+            || millisecondsSince(start) + fitMilliseconds() <= budget;
         if (!inBudget) {
             for (cv::Point2d& p : points[i])
                 p += *moves[i];
@@ -147,6 +147,7 @@ std::vector<std::vector<cv::Point2d>> keyPoints(const PicturePtr& picture, std::
             continue;
         }
         fittedOne = true;
+        const TimedWork timed;
         fit(track, picture, looks[i], predictor);
         points[i] = track.fitted;
     }

@@ -13,8 +13,9 @@
 
 namespace KVOAI::kvodnnl {
 
-// Milliseconds to fit the key points of one face, as measured (in processor
-// time) over the process's recent fits.
+// Milliseconds on the clock to fit the key points of one face on the calling
+// thread: the processor time measured over the process's recent fits, times
+// the slowdown.
 double fitMilliseconds();
 
 // A face that the search found on `picture`, new to the calls, with its key

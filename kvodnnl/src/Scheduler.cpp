@@ -281,6 +281,7 @@ void Scheduler::help(Clock::time_point start, double budget, double reserve)
         Task task;
         uint64_t search = 0;
         takeTask(task, search);
+        const TimedWork timed;
         runOne(lock, task, search);
     }
 }

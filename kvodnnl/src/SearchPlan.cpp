@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cmath>
 
+#include "Timing.h"
 #include "Tuning.h"
 
 namespace KVOAI::kvodnnl {
@@ -83,7 +84,8 @@ Task confirmTask(const dlib::rectangle& box, double lean)
 
 double estimate(const Task& task)
 {
-    return task.work * (task.kind == Task::Cascade ? cascadeRate : hogRate).load(std::memory_order_relaxed);
+    return task.work * (task.kind == Task::Cascade ? cascadeRate : hogRate).load(std::memory_order_relaxed)
+        * slowdown();
 }
 
 void measured(const Task& task, double milliseconds)
@@ -97,7 +99,7 @@ void measured(const Task& task, double milliseconds)
 
 double nearMilliseconds()
 {
-    return kNearWork * hogRate.load(std::memory_order_relaxed);
+    return kNearWork * hogRate.load(std::memory_order_relaxed) * slowdown();
 }
 
 std::vector<Task> planSearch(cv::Size size)

@@ -43,8 +43,9 @@ std::vector<Task> planSearch(cv::Size size);
 // degrees.
 Task confirmTask(const dlib::rectangle& box, double lean = 0);
 
-// Milliseconds that `task` is expected to take, at the rates measured over
-// the process's recent tasks...
+// Milliseconds on the clock that `task` is expected to take on the calling
+// thread: the processor time at the rates measured over the process's recent
+// tasks, times the slowdown...
 double estimate(const Task& task);
 // ...and that a search near a followed face is.
 double nearMilliseconds();

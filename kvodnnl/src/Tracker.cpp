@@ -98,6 +98,7 @@ std::vector<Track> follow(const std::vector<Track>& tracks, const Picture* befor
             scanners = std::make_unique<ScannerLease>();
         ++searched;
         Detection again;
+        const TimedWork timed;
         if (!searchNear(picture.grey, track.detection.box, 0.0, **scanners, again, track.detection.lean)) {
             lost = true;
             continue;

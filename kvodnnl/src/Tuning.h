@@ -109,6 +109,16 @@ constexpr double kMergeBudgetMs = 22.0;
 // to this many milliseconds of a call, for the search, for adding the faces
 // it found and for fitting key points, until it is done.
 constexpr double kFinishBudgetMs = 26.0;
+// The slowdown of the calling thread's work (see Timing.h) is measured on
+// pieces of at least kShortestTimedWork milliseconds of processor time, and
+// taken as at most kLargestSlowdown.
+constexpr double kShortestTimedWork = 0.3;
+constexpr double kLargestSlowdown = 4.0;
+// Each unit of slowdown above 1 takes this many milliseconds off the budgets
+// of a call: the estimates, scaled by the slowdown, say how long work takes
+// on the mean, and the processors' scheduler adds waits of a few
+// milliseconds at a time.
+constexpr double kLoadMargin = 5.0;
 // Key points are fitted while the call's estimated end stays within this
 // many milliseconds of its start.
 constexpr double kFitBudgetMs = 24.0;

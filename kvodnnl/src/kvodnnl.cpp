@@ -185,18 +185,18 @@ void FaceDetectorImpl::run(const cv::Mat& image, bool wholePicture)
         size_t refits = 0;
         for (const Track& t : kept)
             refits += t.fitted.empty() || t.fitBox != t.detection.box;
-        const double budget = finish ? kFinishBudgetMs : urgent ? kUrgentHelpBudgetMs : kHelpBudgetMs;
+        const double budget = loaded(finish ? kFinishBudgetMs : urgent ? kUrgentHelpBudgetMs : kHelpBudgetMs);
         scheduler.help(start, budget, refits * fitMilliseconds() + kept.size() * showPerFace);
     }
     // Faces added by the search come with the key points fitted where it
     // found them.
     std::vector<Track> added;
     scheduler.putBack(mergeFound(scheduler.takeFound(), picture, followed, added, start,
-                                 finish ? kFinishBudgetMs : kMergeBudgetMs, showPerFace));
+                                 loaded(finish ? kFinishBudgetMs : kMergeBudgetMs), showPerFace));
     for (Track& t : added)
         kept.push_back(std::move(t));
     tracks = std::move(kept);
-    const double fitBudget = (finish ? kFinishBudgetMs : kFitBudgetMs) - tracks.size() * showPerFace;
+    const double fitBudget = loaded(finish ? kFinishBudgetMs : kFitBudgetMs) - tracks.size() * showPerFace;
     std::vector<std::vector<cv::Point2d>> points = keyPoints(picture, tracks, start, fitBudget, *predictor);
     const Clock::time_point shown = Clock::now();
     show(tracks, std::move(points), picture->grey.size());
