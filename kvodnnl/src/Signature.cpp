@@ -183,9 +183,10 @@ bool changedOnlyRound(const Picture& a, const Picture& b, const std::vector<dlib
 Change sceneChange(Change change, const Picture& before, const Picture& after,
                    const std::vector<dlib::rectangle>& followed, bool lost)
 {
-    if (change != Change::Whole || lost || followed.empty())
+    if (change != Change::Whole || lost)
         return change;
-    const bool sameScene = changedOnlyRound(before, after, followed) || movedAsAWhole(before.grey, after.grey);
+    const bool sameScene
+        = (!followed.empty() && changedOnlyRound(before, after, followed)) || movedAsAWhole(before.grey, after.grey);
     return sameScene ? Change::Local : Change::Whole;
 }
 

@@ -49,10 +49,11 @@ bool changedOnlyRound(const Picture& a, const Picture& b, const std::vector<dlib
 // How `after` differs from `before` once the faces of `before` were followed
 // into it (`followed`, with `lost` set when one of them was not found): a
 // picture that differs on the whole (`change`) but whose faces were all found
-// again near their places is no new scene when it is the last one moved (a
-// camera that pans or shakes) or changed only round those faces (a person
-// close to the camera who moves). It then counts as changed in a few places,
-// and needs no search of the whole picture at once.
+// again near their places, if it had any, is no new scene when it is the last
+// one seen by a camera that moved (pans, zooms, tilts or shakes), or, with
+// faces, changed only round them (a person close to the camera who moves). It
+// then counts as changed in a few places: a search of the whole picture under
+// way goes on, and none starts at once.
 Change sceneChange(Change change, const Picture& before, const Picture& after,
                    const std::vector<dlib::rectangle>& followed, bool lost);
 

@@ -285,8 +285,8 @@ TEST(KvodnnlSignature, TellsAViewMovedAsAWholeFromANewOne)
 }
 
 // A picture that differs on the whole is a new scene unless all its followed
-// faces were found again and it is the last view moved or changed only round
-// them; other changes stay what they were.
+// faces, if any, were found again and it is the last view moved, or changed
+// only round them; other changes stay what they were.
 TEST(KvodnnlSignature, AViewMovedOrChangedRoundItsFacesIsNoNewScene)
 {
     const cv::Mat base = view(1);
@@ -308,7 +308,8 @@ TEST(KvodnnlSignature, AViewMovedOrChangedRoundItsFacesIsNoNewScene)
         {"moved, its face found again", shifted(base, {9, 4}), Change::Whole, one, false, Change::Local},
         {"changed round its face only", roundFace, Change::Whole, one, false, Change::Local},
         {"moved, but a face lost", shifted(base, {9, 4}), Change::Whole, one, true, Change::Whole},
-        {"moved, no face followed", shifted(base, {9, 4}), Change::Whole, none, false, Change::Whole},
+        {"moved, no face followed", shifted(base, {9, 4}), Change::Whole, none, false, Change::Local},
+        {"another view, no face followed", view(7), Change::Whole, none, false, Change::Whole},
         {"changed far from its face", farOut, Change::Whole, one, false, Change::Whole},
         {"changed round a face that fills it", view(7), Change::Whole, huge, false, Change::Whole},
         {"brighter", base + cv::Scalar(30), Change::Whole, one, false, Change::Whole},

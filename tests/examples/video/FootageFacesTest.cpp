@@ -64,9 +64,10 @@ TEST(FootageFaces, ACameraThatZoomsAndTiltsIsNoNewScene)
     }
 }
 
-// Handed the clip a frame at a time at its own rate, the detector shows the
-// face from its first calls on, in every call, with both eye centres within
-// a tenth of the eye distance of where the camera took the portrait's.
+// Once the detector shows the face in the clip's first picture (handed in
+// until it does, as a still camera would), it shows it in every call while
+// the clip plays at its own rate, with both eye centres within a tenth of the
+// eye distance of where the camera took the portrait's.
 TEST(FootageFaces, TheFaceIsFollowedWhileTheCameraZooms)
 {
     const QImage portrait = testutil::portrait(QImage::Format_RGB888);
@@ -79,19 +80,16 @@ TEST(FootageFaces, TheFaceIsFollowedWhileTheCameraZooms)
     }
     const SampleFootage footage(portrait, QSize(1280, 720), kSeconds);
     KVOAI::FaceDetector detector(KVOAI::DEFAULT, 1, 1);
-    int shown = 0, calls = 0;
+    ASSERT_EQ(calls::settle(detector, rgbOf(footage.frame(0)), 1).size(), 1u);
     double worst = 0;
     // Every other frame of the clip: the camera moves twice as far between
     // two calls as at the clip's own rate.
-    for (double t = 0; t < kSeconds; t += 2 / kFps, ++calls) {
+    for (double t = 2 / kFps; t < kSeconds; t += 2 / kFps) {
         const cv::Mat frame = rgbOf(footage.frame(t));
         const auto next = std::chrono::steady_clock::now() + std::chrono::milliseconds(40);
         const std::vector<Face> faces = detector.Run(frame, false, false, 1, 1, 50.f);
-        if (faces.empty() && shown == 0 && calls < 30)
-            continue;
         SCOPED_TRACE("at " + std::to_string(t) + " s, zoom " + std::to_string(footage.zoom(t)));
         ASSERT_EQ(faces.size(), 1u);
-        ++shown;
         const QPointF a = footage.toFrame(QPointF(eye(truth, 96).x, eye(truth, 96).y), t);
         const QPointF b = footage.toFrame(QPointF(eye(truth, 97).x, eye(truth, 97).y), t);
         const double eyes = std::hypot(a.x() - b.x(), a.y() - b.y());
@@ -99,6 +97,5 @@ TEST(FootageFaces, TheFaceIsFollowedWhileTheCameraZooms)
                           cv::norm(eye(faces[0], 97) - cv::Point2d(b.x(), b.y())) / eyes});
         std::this_thread::sleep_until(next);
     }
-    EXPECT_GE(shown, calls - 30);
     EXPECT_LT(worst, 0.1);
 }
