@@ -43,12 +43,9 @@ struct Face {
 std::vector<Face> faces(const QImage& picture, size_t count = 1)
 {
     static KVOAI::FaceDetector detector(KVOAI::DEFAULT, 1, 1);
-    const QImage rgb = picture.convertToFormat(QImage::Format_RGB888);
-    const cv::Mat mat(rgb.height(), rgb.width(), CV_8UC3, const_cast<uchar*>(rgb.constBits()), rgb.bytesPerLine());
     std::vector<Face> out;
     // A new picture shows its faces within a few calls (see calls::settle).
-    const cv::Mat copy = mat.clone();
-    for (const auto& f : calls::settle(detector, copy, count, true)) {
+    for (const auto& f : calls::settle(detector, calls::rgb(picture), count, true)) {
         auto at = [&](int k) { return QPointF(f.points[2 * k], f.points[2 * k + 1]); };
         double top = 1e9;
         for (int k = 33; k <= 50; ++k)

@@ -11,12 +11,23 @@
 #include <thread>
 #include <vector>
 
+#include <QImage>
 #include <kvodnnl/kvodnnl.h>
 #include <opencv2/core.hpp>
 
 namespace calls {
 
 using Face = KVOAI::FaceDetector::Face;
+
+// `image` as the library takes pictures: red first, 3 channels, a Mat that
+// owns its pixels.
+inline cv::Mat rgb(const QImage& image)
+{
+    const QImage converted = image.convertToFormat(QImage::Format_RGB888);
+    return cv::Mat(converted.height(), converted.width(), CV_8UC3, const_cast<uchar*>(converted.constBits()),
+                   converted.bytesPerLine())
+        .clone();
+}
 
 // Hands `picture` to `detector` a call every 33 ms, at least `least` calls
 // and then until a call shows `count` faces, for up to `seconds`; `each`, if

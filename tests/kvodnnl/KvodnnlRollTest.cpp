@@ -38,8 +38,7 @@ cv::Mat turned(double degrees, bool whole = true)
     if (!whole)
         p.fillRect(QRect(-256, 300 - 256, 512, 212), QColor(120, 120, 120));
     p.end();
-    const QImage rgb = canvas.convertToFormat(QImage::Format_RGB888);
-    return cv::Mat(rgb.height(), rgb.width(), CV_8UC3, const_cast<uchar*>(rgb.constBits()), rgb.bytesPerLine()).clone();
+    return calls::rgb(canvas);
 }
 
 // The line from the left eye's centre to the right one's, in degrees,

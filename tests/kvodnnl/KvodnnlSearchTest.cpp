@@ -20,13 +20,6 @@ namespace {
 using Face = KVOAI::FaceDetector::Face;
 using KVOAI::smoothing::FaceFilter;
 
-cv::Mat portraitRgb()
-{
-    const QImage image = testutil::portrait(QImage::Format_RGB888);
-    return cv::Mat(image.height(), image.width(), CV_8UC3, const_cast<uchar*>(image.constBits()), image.bytesPerLine())
-        .clone();
-}
-
 cv::Rect boxOf(const Face& f) { return cv::Rect(f.box[0], f.box[1], f.box[2] - f.box[0], f.box[3] - f.box[1]); }
 
 // A synthetic face of 98 points round `centre`, 90 pixels between its eye
@@ -136,7 +129,7 @@ bool shows(const std::vector<Face>& faces, const cv::Rect& label)
 // there is none at any call.
 TEST(KvodnnlSearch, SmallFacesAreFoundAndNoFalseOnes)
 {
-    const cv::Mat portrait = portraitRgb();
+    const cv::Mat portrait = calls::rgb(testutil::portrait(QImage::Format_RGB888));
     const auto expectNoFalseFace = [](const labelled::Picture& p, const std::vector<Face>& faces, int call) {
         for (const Face& f : faces)
             EXPECT_TRUE(std::any_of(p.faces.begin(), p.faces.end(),
@@ -181,7 +174,7 @@ TEST(KvodnnlSearch, SmallFacesAreFoundAndNoFalseOnes)
 // picture's faces; a detector can be destroyed while its search is at work.
 TEST(KvodnnlSearch, StillPicturesShowTheirFacesWithinAFewCalls)
 {
-    const cv::Mat portrait = portraitRgb();
+    const cv::Mat portrait = calls::rgb(testutil::portrait(QImage::Format_RGB888));
     const auto canvas = [&](std::vector<std::pair<cv::Point, double>> placings, int grey) {
         labelled::Picture p{"", cv::Mat(720, 1280, CV_8UC3, cv::Scalar::all(grey)), {}};
         for (const auto& [at, scale] : placings) {
@@ -232,7 +225,7 @@ TEST(KvodnnlSearch, StillPicturesShowTheirFacesWithinAFewCalls)
 // where the motion took them.
 TEST(KvodnnlSearch, ManyMovingFacesKeepTheirPointsOnTheirFaces)
 {
-    const cv::Mat portrait = portraitRgb();
+    const cv::Mat portrait = calls::rgb(testutil::portrait(QImage::Format_RGB888));
     std::vector<cv::Point> placings;
     for (int y : {230, 560})
         for (int x : {160, 480, 800, 1120})
@@ -272,7 +265,7 @@ TEST(KvodnnlSearch, ManyMovingFacesKeepTheirPointsOnTheirFaces)
 // after 5, at a call every 5 ms.
 TEST(KvodnnlSearch, SomeoneWhoComesInIsFoundAfterAQuietSceneToo)
 {
-    const cv::Mat head = portraitRgb()(labelled::kPortraitHead).clone();
+    const cv::Mat head = calls::rgb(testutil::portrait(QImage::Format_RGB888))(labelled::kPortraitHead).clone();
     cv::Mat alone(720, 1280, CV_8UC3, cv::Scalar::all(110));
     labelled::paste(alone, head, 0, 1.0, {300, 360});
     cv::Mat two = alone.clone();

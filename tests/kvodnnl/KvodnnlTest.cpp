@@ -17,13 +17,6 @@ namespace {
 
 using Face = KVOAI::FaceDetector::Face;
 
-// Pictures go to the library as red-first Mats that own their pixels.
-cv::Mat toRgb(const QImage& image)
-{
-    const QImage rgb = image.convertToFormat(QImage::Format_RGB888);
-    return cv::Mat(rgb.height(), rgb.width(), CV_8UC3, const_cast<uchar*>(rgb.constBits()), rgb.bytesPerLine()).clone();
-}
-
 QImage portrait() { return testutil::portrait(QImage::Format_RGB32); }
 
 // The 512 x 512 portrait turned by `degrees` about its centre, clockwise as
@@ -42,7 +35,7 @@ cv::Mat onCanvas(QSize size, const QTransform& placed)
     p.setRenderHint(QPainter::SmoothPixmapTransform);
     p.setTransform(placed);
     p.drawImage(0, 0, portrait());
-    return toRgb(canvas);
+    return calls::rgb(canvas);
 }
 
 QPointF pt(const Face& f, int k) { return QPointF(f.points.at(2 * k), f.points.at(2 * k + 1)); }
@@ -81,7 +74,7 @@ std::vector<Face> settled(KVOAI::FaceDetector& detector, const cv::Mat& picture,
 TEST(Kvodnnl, PortraitGivesOneFaceWithThe98PointLayout)
 {
     KVOAI::FaceDetector detector(KVOAI::DEFAULT, 1, 1);
-    const std::vector<Face> faces = settled(detector, toRgb(portrait()));
+    const std::vector<Face> faces = settled(detector, calls::rgb(portrait()));
     ASSERT_EQ(faces.size(), 1u);
     const Face& f = faces[0];
     // Where the portrait's face is, checked once by eye on a drawing.
@@ -135,7 +128,7 @@ TEST(Kvodnnl, PortraitGivesOneFaceWithThe98PointLayout)
 TEST(Kvodnnl, EachPictureGetsItsOwnResultAndStillFacesAreFollowed)
 {
     KVOAI::FaceDetector detector(KVOAI::DEFAULT, 1, 1);
-    const cv::Mat rgb = toRgb(portrait());
+    const cv::Mat rgb = calls::rgb(portrait());
     const QSize canvas(800, 600), wide(1280, 720);
     const cv::Mat here = onCanvas(canvas, {}), still = onCanvas(wide, place(380, 100));
     // The face painted over in a lighter copy: a new picture either way (a
@@ -215,7 +208,7 @@ TEST(Kvodnnl, EachPictureGetsItsOwnResultAndStillFacesAreFollowed)
 
 TEST(KvodnnlModel, BrokenModelWarnsOnceAndFindsNothing)
 {
-    const cv::Mat rgb = toRgb(portrait());
+    const cv::Mat rgb = calls::rgb(portrait());
     const std::string broken = testutil::outputPath("broken_landmark_model.dat").toStdString();
     std::ofstream(broken, std::ios::binary) << "this is not a landmark model";
     setenv("KVODNNL_LANDMARK_MODEL", broken.c_str(), 1);
@@ -254,7 +247,7 @@ TEST(Kvodnnl, SliversAndTinyPicturesGiveNoFacesAndNoFailure)
 TEST(Kvodnnl, StillFaceKeepsItsPointsUntilItsLookChanges)
 {
     KVOAI::FaceDetector detector(KVOAI::DEFAULT, 1, 1);
-    const cv::Mat rgb = toRgb(portrait());
+    const cv::Mat rgb = calls::rgb(portrait());
     const std::vector<Face> before = settled(detector, rgb);
     ASSERT_EQ(before.size(), 1u);
     cv::Mat noisy = rgb.clone(), noise(rgb.size(), CV_16SC3);

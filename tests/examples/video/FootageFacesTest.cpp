@@ -24,17 +24,10 @@ using Face = KVOAI::FaceDetector::Face;
 constexpr double kSeconds = 8.0;
 constexpr double kFps = 25.0;
 
-cv::Mat rgbOf(const QImage& image)
-{
-    const QImage rgb = image.convertToFormat(QImage::Format_RGB888);
-    return cv::Mat(rgb.height(), rgb.width(), CV_8UC3, const_cast<uchar*>(rgb.constBits()), rgb.bytesPerLine())
-        .clone();
-}
-
 cv::Mat greyOf(const QImage& image)
 {
     cv::Mat grey;
-    cv::cvtColor(rgbOf(image), grey, cv::COLOR_RGB2GRAY);
+    cv::cvtColor(calls::rgb(image), grey, cv::COLOR_RGB2GRAY);
     return grey;
 }
 
@@ -74,18 +67,18 @@ TEST(FootageFaces, TheFaceIsFollowedWhileTheCameraZooms)
     Face truth;
     {
         KVOAI::FaceDetector still(KVOAI::DEFAULT, 1, 1);
-        const std::vector<Face> faces = calls::settle(still, rgbOf(portrait), 1);
+        const std::vector<Face> faces = calls::settle(still, calls::rgb(portrait), 1);
         ASSERT_EQ(faces.size(), 1u);
         truth = faces[0];
     }
     const SampleFootage footage(portrait, QSize(1280, 720), kSeconds);
     KVOAI::FaceDetector detector(KVOAI::DEFAULT, 1, 1);
-    ASSERT_EQ(calls::settle(detector, rgbOf(footage.frame(0)), 1).size(), 1u);
+    ASSERT_EQ(calls::settle(detector, calls::rgb(footage.frame(0)), 1).size(), 1u);
     double worst = 0;
     // Every other frame of the clip: the camera moves twice as far between
     // two calls as at the clip's own rate.
     for (double t = 2 / kFps; t < kSeconds; t += 2 / kFps) {
-        const cv::Mat frame = rgbOf(footage.frame(t));
+        const cv::Mat frame = calls::rgb(footage.frame(t));
         const auto next = std::chrono::steady_clock::now() + std::chrono::milliseconds(40);
         const std::vector<Face> faces = detector.Run(frame, false, false, 1, 1, 50.f);
         SCOPED_TRACE("at " + std::to_string(t) + " s, zoom " + std::to_string(footage.zoom(t)));
