@@ -138,8 +138,13 @@ std::vector<std::vector<cv::Point2d>> keyPoints(const PicturePtr& picture, std::
     bool fittedOne = false;
     for (size_t i : order) {
         Track& track = shown[i];
-        const bool inBudget = !fittedOne || !moves[i]
-            || millisecondsSince(start) + fitMilliseconds() <= budget;
+        // The first fit may pass `budget`, but not the end that even a late
+        // call keeps to, unless the face went without its fit for too long:
+        // on a busy machine a call of that length would make its caller wait
+        // for the next one.
+        const double end = millisecondsSince(start) + fitMilliseconds();
+        const bool first = !fittedOne && (end <= loaded(kFinishBudgetMs) || track.fitAge >= kUnfittedCalls);
+        const bool inBudget = !moves[i] || first || end <= budget;
         if (!inBudget) {
             for (cv::Point2d& p : points[i])
                 p += *moves[i];

@@ -53,14 +53,6 @@ Track movedAlong(const Track& track, const Picture* before, const cv::Mat& grey)
 
 }  // namespace
 
-Track newTrack(const Detection& detection, const cv::Mat& grey)
-{
-    Track track;
-    track.detection = detection;
-    track.patch = patchOf(grey, detection.box);
-    return track;
-}
-
 std::vector<Track> follow(const std::vector<Track>& tracks, const Picture* before, const Picture& picture, bool cut,
                           bool& lost, Clock::time_point start)
 {

@@ -28,7 +28,13 @@ struct Track {
 inline const dlib::rectangle& boxOf(const Track& track) { return track.detection.box; }
 
 // A face that the search found, new to the calls, on the grey picture `grey`.
-Track newTrack(const Detection& detection, const cv::Mat& grey);
+inline Track newTrack(const Detection& detection, const cv::Mat& grey)
+{
+    Track track;
+    track.detection = detection;
+    track.patch = patchOf(grey, detection.box);
+    return track;
+}
 
 // The faces of the last call (`tracks`) in a new picture. A face whose box
 // looks as it did when the HOG detector last found it there keeps its box for

@@ -122,6 +122,10 @@ constexpr double kLoadMargin = 5.0;
 // Key points are fitted while the call's estimated end stays within this
 // many milliseconds of its start.
 constexpr double kFitBudgetMs = 24.0;
+// The first face that needs a fit is fitted even past that budget, though
+// not past loaded(kFinishBudgetMs) until its points went this many calls
+// without the fit they needed.
+constexpr int kUnfittedCalls = 3;
 // A face that leans is fitted in a view turned upright, of twice its width
 // and at most kFitView pixels across. A fit whose eye line leans from its
 // frame's by kRefitLean degrees or more is done again in a frame of that
