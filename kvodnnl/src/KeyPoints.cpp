@@ -139,11 +139,16 @@ std::vector<std::vector<cv::Point2d>> keyPoints(const PicturePtr& picture, std::
     for (size_t i : order) {
         Track& track = shown[i];
         // The first fit may pass `budget`, but not the end that even a late
-        // call keeps to, unless the face went without its fit for too long:
-        // on a busy machine a call of that length would make its caller wait
-        // for the next one.
-        const double end = millisecondsSince(start) + fitMilliseconds();
-        const bool first = !fittedOne && (end <= loaded(kFinishBudgetMs) || track.fitAge >= kUnfittedCalls);
+        // call keeps to: on a busy machine a call of that length would make
+        // its caller wait for the next one. It is made all the same for a
+        // face that went without it for too long, that moved too far to be
+        // moved along, or on a call too late to end in time anyway.
+        const double elapsed = millisecondsSince(start);
+        const double end = elapsed + fitMilliseconds();
+        const bool saves = elapsed < kCallLimitMs && moves[i]
+            && cv::norm(*moves[i]) <= kMotionReach * static_cast<double>(track.fitBox.width());
+        const bool first = !fittedOne
+            && (end <= loaded(kFinishBudgetMs) || track.fitAge >= kUnfittedCalls || !saves);
         const bool inBudget = !moves[i] || first || end <= budget;
         if (!inBudget) {
             for (cv::Point2d& p : points[i])

@@ -30,9 +30,11 @@ Track fittedTrack(const Detection& detection, const PicturePtr& picture, const P
 // part of the picture moved since (see `motion`), and is fitted again on a
 // later call: the faces whose points are the oldest are fitted first. A face
 // without points yet is always fitted, and so is the first face that needs a
-// fit, unless its fit would end the call past loaded(kFinishBudgetMs) and its
-// points went fewer than kUnfittedCalls calls without the fit they needed.
-// The faces fitted keep their new points and what they were fitted on.
+// fit, unless its fit would end the call past loaded(kFinishBudgetMs) while
+// the call can still end within kCallLimitMs, the face moved within
+// kMotionReach and its points went fewer than kUnfittedCalls calls without
+// the fit they needed. The faces fitted keep their new points and what they
+// were fitted on.
 std::vector<std::vector<cv::Point2d>> keyPoints(const PicturePtr& picture, std::vector<Track>& shown,
                                                 Clock::time_point start, double budget, const Predictor& predictor);
 

@@ -124,8 +124,11 @@ constexpr double kLoadMargin = 5.0;
 constexpr double kFitBudgetMs = 24.0;
 // The first face that needs a fit is fitted even past that budget, though
 // not past loaded(kFinishBudgetMs) until its points went this many calls
-// without the fit they needed.
+// without the fit they needed...
 constexpr int kUnfittedCalls = 3;
+// ...unless the call has taken this many milliseconds already: a call is
+// meant to end within them, and one that can't keeps the fit.
+constexpr double kCallLimitMs = 31.0;
 // A face that leans is fitted in a view turned upright, of twice its width
 // and at most kFitView pixels across. A fit whose eye line leans from its
 // frame's by kRefitLean degrees or more is done again in a frame of that

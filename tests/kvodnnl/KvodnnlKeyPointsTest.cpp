@@ -37,11 +37,12 @@ double meanDistance(const std::vector<cv::Point2d>& a, const std::vector<cv::Poi
 
 }  // namespace
 
-// The portrait's face, fitted, then shown moved by (6, 3) pixels and 20 grey
-// levels brighter: its look changed, so it needs a fit. The first face that
-// needs one is fitted even past the call's budget (0 here), unless the fit
-// would end the call past loaded(kFinishBudgetMs): then its points move with
-// it, until it went kUnfittedCalls calls without its fit.
+// The portrait's face, fitted, then shown moved and 20 grey levels brighter:
+// its look changed, so it needs a fit. The first face that needs one is
+// fitted even past the call's budget (0 here), unless the fit would end the
+// call past loaded(kFinishBudgetMs): then its points move with it, unless it
+// went kUnfittedCalls calls without its fit, moved beyond kMotionReach, or
+// the call is past kCallLimitMs anyway.
 TEST(KvodnnlKeyPoints, ALateCallMovesThePointsAlongInsteadOfFitting)
 {
     Predictor predictor;
@@ -53,9 +54,6 @@ TEST(KvodnnlKeyPoints, ALateCallMovesThePointsAlongInsteadOfFitting)
                              .clone();
     const dlib::rectangle face(179, 83, 266, 170);
     const PicturePtr before = pictureOf(grey);
-    cv::Mat moved;
-    cv::warpAffine(grey, moved, cv::Matx23d(1, 0, 6, 0, 1, 3), grey.size(), cv::INTER_NEAREST, cv::BORDER_REFLECT);
-    const PicturePtr after = pictureOf(moved + cv::Scalar(20));
     measureSlowdown(1.0);
     const Track fitted = fittedTrack({face, 1.0, 0.0}, before, predictor);
     ASSERT_EQ(fitted.fitted.size(), 98u);
@@ -66,23 +64,30 @@ TEST(KvodnnlKeyPoints, ALateCallMovesThePointsAlongInsteadOfFitting)
         double lateBy;  // ms before the end that a fit must keep to
         int fitAge;
         bool withPoints;
+        cv::Point step;
         bool fits;
     } cases[] = {
-        {"a call that has the time", 1.0, 100.0, 0, true, true},
-        {"a late call whose fit still ends in time", 1.0, 4.0, 0, true, true},
-        {"a call too late for a fit", 1.0, -4.0, 0, true, false},
-        {"the same call on a busy machine", 3.0, 4.0, 0, true, false},
-        {"too late, but without a fit for long", 1.0, -4.0, kUnfittedCalls, true, true},
-        {"too late, but without points yet", 1.0, -4.0, 0, false, true},
+        {"a call that has the time", 1.0, 100.0, 0, true, {6, 3}, true},
+        {"a late call whose fit still ends in time", 1.0, 4.0, 0, true, {6, 3}, true},
+        {"a call too late for a fit", 1.0, -4.0, 0, true, {6, 3}, false},
+        {"the same call on a busy machine", 3.0, 4.0, 0, true, {6, 3}, false},
+        {"too late, but without a fit for long", 1.0, -4.0, kUnfittedCalls, true, {6, 3}, true},
+        {"too late, but without points yet", 1.0, -4.0, 0, false, {6, 3}, true},
+        {"too late, but moved a third of its width", 1.0, -4.0, 0, true, {30, 0}, true},
+        {"too late to end in time anyway", 1.0, -kCallLimitMs, 0, true, {6, 3}, true},
     };
     for (const auto& c : cases) {
+        cv::Mat moved;
+        cv::warpAffine(grey, moved, cv::Matx23d(1, 0, c.step.x, 0, 1, c.step.y), grey.size(), cv::INTER_NEAREST,
+                       cv::BORDER_REFLECT);
+        const PicturePtr after = pictureOf(moved + cv::Scalar(20));
         // The end is loaded(kFinishBudgetMs) on a machine without load,
         // whatever the slowdown of the case.
         measureSlowdown(1.0);
         const double late = std::max(0.0, loaded(kFinishBudgetMs) - fitMilliseconds() - c.lateBy);
         measureSlowdown(c.slowdown);
         std::vector<Track> shown = {fitted};
-        shown[0].detection.box = dlib::translate_rect(face, 6, 3);
+        shown[0].detection.box = dlib::translate_rect(face, c.step.x, c.step.y);
         shown[0].fitAge = c.fitAge;
         if (!c.withPoints)
             shown[0].fitted.clear();
@@ -92,7 +97,7 @@ TEST(KvodnnlKeyPoints, ALateCallMovesThePointsAlongInsteadOfFitting)
         ASSERT_EQ(points[0].size(), 98u) << c.name;
         std::vector<cv::Point2d> along = fitted.fitted;
         for (cv::Point2d& p : along)
-            p += cv::Point2d(6, 3);
+            p += cv::Point2d(c.step);
         if (c.fits) {
             EXPECT_EQ(shown[0].fitPicture.get(), after.get()) << c.name;
             EXPECT_EQ(shown[0].fitAge, 0) << c.name;
