@@ -32,13 +32,7 @@ OpenglFileMerger::BufferMap channels(const std::vector<std::pair<int, QImage>>& 
     return buffers;
 }
 
-_channel_merge_param entry(int channelId, const QRect& rect)
-{
-    _channel_merge_param param;
-    param.channelId = channelId;
-    param.rect = rect;
-    return param;
-}
+_channel_merge_param entry(int channelId, const QRect& rect) { return {channelId, rect}; }
 
 QImage solid(int width, int height, const QColor& colour, QImage::Format format = QImage::Format_RGBA8888)
 {
@@ -60,19 +54,9 @@ QImage readMerged(OpenglFileMerger& merger, int width, int height, bool synchron
 }
 
 // Every pixel of the rectangle has the colour.
-::testing::AssertionResult region(const QImage& image, const QRect& rect, const QColor& colour, int tolerance = 2)
+::testing::AssertionResult region(const QImage& image, const QRect& rect, const QColor& colour)
 {
-    for (int y = rect.top(); y <= rect.bottom(); ++y)
-        for (int x = rect.left(); x <= rect.right(); ++x) {
-            const QColor c = image.pixelColor(x, y);
-            if (std::abs(c.red() - colour.red()) > tolerance || std::abs(c.green() - colour.green()) > tolerance
-                || std::abs(c.blue() - colour.blue()) > tolerance)
-                return ::testing::AssertionFailure() << "pixel " << x << "," << y << " is " << c.red() << ","
-                                                     << c.green() << "," << c.blue() << ", expected "
-                                                     << colour.red() << "," << colour.green() << ","
-                                                     << colour.blue();
-        }
-    return ::testing::AssertionSuccess();
+    return gltest::sameImage(image.copy(rect), solid(rect.width(), rect.height(), colour), 2, "region");
 }
 
 QImage halves(const QColor& top, const QColor& bottom)
@@ -89,14 +73,8 @@ TEST(OpenglFileMergerPlacement, PicturesAreFittedCentredAndDrawnInListOrder)
     // Merges in a row on one merger: the channels' pictures, the list, the
     // frame, its background colour, and the colours of regions of the result.
     const QColor yellow(250, 200, 0), cyan(0, 200, 250), pink(200, 30, 90), grey(200, 200, 200);
-    struct Merge {
-        const char* what;
-        std::vector<std::pair<int, QImage>> pictures;
-        QList<_channel_merge_param> list;
-        QSize size;
-        QColor background;
-        std::vector<std::pair<QRect, QColor>> regions;
-    };
+    struct Merge { const char* what; std::vector<std::pair<int, QImage>> pictures; QList<_channel_merge_param> list;
+                   QSize size; QColor background; std::vector<std::pair<QRect, QColor>> regions; };
     // Twice in a row: uploaded into new textures, then into the ones made.
     const Merge converted = {
         "pictures in other formats are converted",
@@ -104,7 +82,7 @@ TEST(OpenglFileMergerPlacement, PicturesAreFittedCentredAndDrawnInListOrder)
          {3, solid(32, 32, Qt::green).convertToFormat(QImage::Format_Indexed8)}},
         {entry(1, QRect(0, 0, 32, 32)), entry(2, QRect(32, 0, 32, 32)), entry(3, QRect(64, 0, 32, 32))}, {96, 32},
         kBackground, {{{0, 0, 32, 32}, grey}, {{32, 0, 32, 32}, yellow}, {{64, 0, 32, 32}, Qt::green}}};
-    const Merge merges[] = {
+    std::vector<Merge> merges = {
         {"a wide picture is centred down, counted from the top", {{1, halves(Qt::red, Qt::blue)}},
          {entry(1, QRect(0, 0, 100, 100))}, {100, 100}, kBackground,
          {{{0, 0, 100, 25}, kBackground}, {{0, 25, 100, 25}, Qt::red}, {{0, 50, 100, 25}, Qt::blue},
@@ -130,17 +108,14 @@ TEST(OpenglFileMergerPlacement, PicturesAreFittedCentredAndDrawnInListOrder)
         {"an empty list shows the background colour", {}, {}, {64, 48}, pink, {{{0, 0, 64, 48}, pink}}},
         {"at the same size another colour doesn't refill it", {}, {}, {64, 48}, Qt::green, {{{0, 0, 64, 48}, pink}}},
         {"another size does", {}, {}, {32, 32}, Qt::green, {{{0, 0, 32, 32}, Qt::green}}},
-        // Drawn at a quarter of its size, a picture is read from its smaller
-        // mipmap levels: these must follow each upload.
-        {"shrunk, red", {{1, solid(128, 128, Qt::red)}}, {entry(1, QRect(8, 8, 32, 32))}, {64, 64}, kBackground,
-         {{{8, 8, 32, 32}, Qt::red}}},
-        {"shrunk, then green", {{1, solid(128, 128, Qt::green)}}, {entry(1, QRect(8, 8, 32, 32))}, {64, 64},
-         kBackground, {{{8, 8, 32, 32}, Qt::green}}},
-        {"shrunk, then blue", {{1, solid(128, 128, Qt::blue)}}, {entry(1, QRect(8, 8, 32, 32))}, {64, 64},
-         kBackground, {{{8, 8, 32, 32}, Qt::blue}}},
     };
+    // Drawn at a quarter of its size, a picture is read from its smaller
+    // mipmap levels: these must follow each upload.
+    for (QColor c : {Qt::red, Qt::green, Qt::blue})
+        merges.push_back({"shrunk, one colour after another", {{1, solid(128, 128, c)}}, {entry(1, {8, 8, 32, 32})},
+                          {64, 64}, kBackground, {{{8, 8, 32, 32}, c}}});
     OpenglFileMerger merger(kScene);
-    for (size_t i = 0; i < std::size(merges); ++i) {
+    for (size_t i = 0; i < merges.size(); ++i) {
         const Merge& m = merges[i];
         merger.setTextureBuffers(channels(m.pictures));
         merger.mergeImages(m.list, m.size.width(), m.size.height(), m.background, QImage());
@@ -159,10 +134,8 @@ TEST(OpenglFileMergerOverlay, GraffitiShowsOnlyInTheFinalFrame)
     EXPECT_EQ(readMerged(merger, 64, 64, true, true), readMerged(merger, 64, 64)) << "no overlay: the two agree";
     // An opaque white stroke upper left, a half transparent red square lower right, clear elsewhere.
     QImage graffiti = solid(64, 64, Qt::transparent, QImage::Format_ARGB32);
-    QPainter painter(&graffiti);
-    painter.fillRect(0, 0, 16, 8, Qt::white);
-    painter.fillRect(32, 32, 32, 32, QColor(255, 0, 0, 128));
-    painter.end();
+    QPainter(&graffiti).fillRect(0, 0, 16, 8, Qt::white);
+    QPainter(&graffiti).fillRect(32, 32, 32, 32, QColor(255, 0, 0, 128));
     merger.mergeImages(list, 64, 64, kBackground, graffiti);
     const QImage final = readMerged(merger, 64, 64, true, true);
     EXPECT_TRUE(region(readMerged(merger, 64, 64), {0, 0, 64, 64}, QColor(0, 0, 200)));
@@ -263,12 +236,9 @@ TEST(OpenglFileMergerRedraw, EachInputChangeShowsInTheNextFrame)
     buffer->setShareReady(kScene, true);
     buffer->setImage(solid(40, 40, Qt::red));
     merger.setTextureBuffers({{1, buffer}});
-    struct Step {
-        const char* change;
-        std::function<void(QColor&, QRect&)> apply;
-        QColor atCentre, atCorner;  // at (30, 30) and at (2, 2)
-    };
-    const Step steps[] = {
+    // A change, and the colours then at (30, 30) and at (2, 2).
+    const struct { const char* change; std::function<void(QColor&, QRect&)> apply; QColor atCentre, atCorner; }
+    steps[] = {
         {"first", [](QColor&, QRect&) {}, Qt::red, kBackground},
         {"nothing", [](QColor&, QRect&) {}, Qt::red, kBackground},
         {"background", [](QColor& bg, QRect&) { bg = Qt::white; }, Qt::red, Qt::white},
@@ -277,7 +247,7 @@ TEST(OpenglFileMergerRedraw, EachInputChangeShowsInTheNextFrame)
     };
     QColor bg = kBackground;
     QRect rect(20, 20, 20, 20);
-    for (const Step& s : steps) {
+    for (const auto& s : steps) {
         s.apply(bg, rect);
         merger.mergeImages({entry(1, rect)}, 60, 60, bg, QImage());
         const QImage frame = readMerged(merger, 60, 60);
