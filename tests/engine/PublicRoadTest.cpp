@@ -17,18 +17,6 @@
 
 namespace {
 
-int maxDifference(const QImage& a, const QImage& b, const QRect& area)
-{
-    int worst = 0;
-    for (int y = area.top(); y <= area.bottom(); ++y)
-        for (int x = area.left(); x <= area.right(); ++x) {
-            const QColor p = a.pixelColor(x, y), q = b.pixelColor(x, y);
-            worst = std::max({worst, std::abs(p.red() - q.red()), std::abs(p.green() - q.green()),
-                              std::abs(p.blue() - q.blue())});
-        }
-    return worst;
-}
-
 // How much lighter `a` is than `b` over an area, on average, in levels.
 double brightening(const QImage& a, const QImage& b, const QRect& area)
 {
@@ -39,13 +27,7 @@ double brightening(const QImage& a, const QImage& b, const QRect& area)
     return sum / (area.width() * area.height());
 }
 
-_channel_merge_param entry(int channel, QRect rect)
-{
-    _channel_merge_param p;
-    p.channelId = channel;
-    p.rect = rect;
-    return p;
-}
+_channel_merge_param entry(int channel, QRect rect) { return {channel, rect}; }
 
 struct Road {
     OpenglImageManager* m = OpenglImageManager::instance();
@@ -101,14 +83,16 @@ const Effect kEffects[] = {
 // The first area where `img` is not as the row says against `portrait`; empty if none.
 std::string wrongArea(const Effect& e, const QImage& portrait, const QImage& img)
 {
-    for (const QRect& r : e.changed) {
-        const double d = e.lighter ? brightening(img, portrait, r) : maxDifference(img, portrait, r);
-        if (d <= e.above)
-            return "unchanged at " + std::to_string(r.x()) + "," + std::to_string(r.y()) + ": " + std::to_string(d);
-    }
+    // How many pixels of an area differ from the portrait by more than `above` levels.
+    auto differing = [&](const QRect& r, int above) {
+        return gltest::differences(img.copy(r), portrait.copy(r), above);
+    };
+    for (const QRect& r : e.changed)
+        if (e.lighter ? brightening(img, portrait, r) <= e.above : differing(r, e.above) == 0)
+            return "unchanged at " + std::to_string(r.x()) + "," + std::to_string(r.y());
     for (const QRect& r : e.untouched)
-        if (maxDifference(img, portrait, r) > 1)
-            return "changed at " + std::to_string(r.x()) + "," + std::to_string(r.y());
+        if (int n = differing(r, 1))
+            return std::to_string(n) + " pixels changed at " + std::to_string(r.x()) + "," + std::to_string(r.y());
     return "";
 }
 
@@ -166,7 +150,7 @@ TEST(MergeRoad, DirectFramesAreFittedCentredUntilTheyLeaveTheList)
             road.m->mergeImages(road.scene, list, 200, 100, bg, QImage(), QImage());
             QThread::msleep(30);
             return road.m->getMergeImg(road.scene, merged) && merged.size() == expected.size()
-                   && maxDifference(merged, expected, expected.rect()) <= 3;
+                   && gltest::differences(merged, expected, 3) == 0;
         }, 15000);
         return gltest::sameImage(merged, expected, 3, "merged");
     };
@@ -198,11 +182,8 @@ TEST_P(PictureRoad, EachSettingShowsAsItsCaseSays)
     OpenglImageManager* m = OpenglImageManager::instance();
     const QImage input = picture::gradientPicture(false);
     const QColor bg(30, 60, 90);
-    struct Lane {
-        int scene, control, channel;
-        const picture::Case* c;  // none: the tilt
-        QList<_channel_merge_param> list;
-    };
+    // A scene with a control channel and one with a picture case (none: the tilt), and their merge list.
+    struct Lane { int scene, control, channel; const picture::Case* c; QList<_channel_merge_param> list; };
     std::vector<Lane> lanes;
     QList<_channel_merge_param> all;  // one scene: a grid, 4 lanes of 140 x 68 a row
     std::vector<const picture::Case*> cases = {nullptr};
