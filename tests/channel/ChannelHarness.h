@@ -24,6 +24,7 @@ public:
     using ImageFilters::adaptFps;
     using ImageFilters::pace;
     using ImageFilters::tick;
+    void ticks(int n) { for (int i = 0; i < n; ++i) tick(); }
 
     int64_t clock = 1000000000LL;  // nanoseconds
     std::vector<int> sleeps;       // milliseconds asked for, in order

@@ -121,14 +121,12 @@ TEST(ImageFiltersFrames, AChangedFrameWakesTheChannelForTwentyTicks)
     ch.writeFrame(picture(), false, false, false);
     ch.writeSrcImage(picture(), true);
     ch.writeSrcImage(picture());
-    for (int i = 0; i < 5; ++i)
-        ch.tick();
+    ch.ticks(5);
     EXPECT_EQ(ch.runs, 0);
     // Twenty ticks awake; while its faces move, each works on the frame.
     ch.facesMove = true;
     changedTicks(ch, 1);
-    for (int i = 0; i < 49; ++i)
-        ch.tick();
+    ch.ticks(49);
     EXPECT_EQ(ch.runs, 20);
     EXPECT_EQ(ch.sleeps.size(), 55u) << "idle ticks pace too";
     EXPECT_TRUE(ch.holdsNoFilterMarker()) << "an empty filter set runs with the plain-picture marker";
@@ -145,17 +143,14 @@ TEST(ImageFiltersFrames, AChangedFrameWakesTheChannelForTwentyTicks)
 TEST(ImageFiltersFrames, AChannelGoesFirstUntilItsFirstFrameShows)
 {
     const int limit = kFirstPictureUrgentTries;
-    struct Case {
-        const char* name;
-        bool sceneChannel;
-        bool direct;
-        std::vector<std::pair<int, bool>> ticksAndUrgent;  // after so many ticks in all, urgent or not
-    } cases[] = {
+    // After so many ticks in all, urgent or not.
+    const struct { const char* name; bool sceneChannel, direct; std::vector<std::pair<int, bool>> ticksAndUrgent; }
+    cases[] = {
         {"filtered frame", false, false, {{1, true}, {2, false}, {5, false}}},
         {"direct frame", false, true, {{1, true}, {2, false}}},
         {"scene never comes", true, false, {{2, true}, {limit, true}, {limit + 1, false}, {limit + 3, false}}},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         ChannelHarness ch(c.sceneChannel, 3, 7);
         ch.startClock();
         ch.tick();
@@ -163,8 +158,7 @@ TEST(ImageFiltersFrames, AChannelGoesFirstUntilItsFirstFrameShows)
         ch.writeFrame(picture(), false, true, c.direct);
         int ticks = 0;
         for (const auto& [after, urgent] : c.ticksAndUrgent) {
-            for (; ticks < after; ++ticks)
-                ch.tick();
+            ch.ticks(after - std::exchange(ticks, after));
             EXPECT_EQ(isGlDriverUrgent(), urgent) << c.name << " after " << after << " ticks";
         }
     }
@@ -182,11 +176,7 @@ TEST(ImageFiltersFrames, AFrameThatWouldComeOutAsTheLastIsLeftOut)
     ch.startClock();
     const QImage img = picture();
     ch.writeFrame(img, false, true, false);
-    const struct {
-        const char* step;
-        std::function<void()> change;
-        int runs;
-    } steps[] = {
+    const struct { const char* step; std::function<void()> change; int runs; } steps[] = {
         {"the first frame, its faces as the last (none)", [] {}, 1},
         {"the picture handed in again as changed", [&] { ch.writeFrame(img, false, true, false); }, 2},
         {"another picture, not flagged", [&] { ch.writeFrame(picture(Qt::blue), false, false, false); }, 3},
@@ -194,29 +184,18 @@ TEST(ImageFiltersFrames, AFrameThatWouldComeOutAsTheLastIsLeftOut)
         {"face passes skipped", [&] { ch.writeFrame(picture(Qt::blue), true, false, false); }, 5},
         {"the exchange buffer changed by another", [&] { ch.textureBuffer()->setImage(picture(Qt::green)); }, 6},
         {"nothing", [] {}, 6},
+        // Faces that move: every frame is worked on, and the first frame whose
+        // faces repeat the last settles the output.
+        {"faces that move", [&] { ch.facesMove = true, ch.writeFrame(img, false, true, false); }, 9},
+        {"faces that settle", [&] { ch.facesMove = false; }, 10},
+        // A sticker may animate: with one, every awake tick works.
+        {"a sticker", [&] { ch.onAddImageFilter(STICKER, true); }, 13},
     };
     for (const auto& step : steps) {
         step.change();
-        for (int i = 0; i < 3; ++i)
-            ch.tick();
+        ch.ticks(3);
         EXPECT_EQ(ch.runs, step.runs) << step.step;
     }
-    // Faces that move: every frame is worked on, and the first frame whose
-    // faces repeat the last settles the output.
-    ch.facesMove = true;
-    ch.writeFrame(img, false, true, false);
-    for (int i = 0; i < 3; ++i)
-        ch.tick();
-    EXPECT_EQ(ch.runs, 9);
-    ch.facesMove = false;
-    for (int i = 0; i < 3; ++i)
-        ch.tick();
-    EXPECT_EQ(ch.runs, 10);
-    // A sticker may animate: with one, every awake tick works.
-    ch.onAddImageFilter(STICKER, true);
-    for (int i = 0; i < 3; ++i)
-        ch.tick();
-    EXPECT_EQ(ch.runs, 13);
 }
 
 TEST(ImageFiltersFrames, NewestFrameWinsAndNoPixelIsCopied)
@@ -240,8 +219,7 @@ TEST(ImageFiltersFrames, DirectFramesSkipTheFiltersAndSceneChannelsWaitForTheirS
     for (ChannelHarness* ch : {&direct, &scene}) {
         ch->startClock();
         ch->writeFrame(img, false, true, ch == &direct);
-        for (int i = 0; i < 3; ++i)
-            ch->tick();
+        ch->ticks(3);
         EXPECT_EQ(ch->runs, 0);
         EXPECT_EQ(ch->refreshFrameCount(), 20) << "neither counts frames down";
     }
