@@ -49,6 +49,12 @@ public:
     int calls = 0;
 };
 
+// How many faces each of a filter's lists holds: parameters, mouth, contour and all points.
+std::vector<size_t> listSizes(BeautyFilterBase& f)
+{
+    return {f.faceParas().size(), f.mouthPoints().size(), f.contourPoints().size(), f.facePoints().size()};
+}
+
 template <class Filter>
 struct WithRenderer : Filter {
     explicit WithRenderer(QObject* r) { this->renderer = r; }
@@ -101,10 +107,7 @@ TEST(FilterFaceInfo, OneFaceGivesAreaPointsAndParameters)
     f.setParas({{smooth_strength, 70}});
     const FaceDetectResult r = makeResult({{150, 120, 200, 200}}, true, 150, 120);
     f.updateFaceInfo(r, 640, 480);
-    ASSERT_EQ(f.faceParas().size(), 1u);
-    ASSERT_EQ(f.mouthPoints().size(), 1u);
-    ASSERT_EQ(f.contourPoints().size(), 1u);
-    ASSERT_EQ(f.facePoints().size(), 1u);
+    ASSERT_EQ(listSizes(f), std::vector<size_t>(4, 1));
     EXPECT_EQ(rectOf(f.faceParas()[0], true), cv::Rect(150, 120, 200, 200)) << "the raw box";
     EXPECT_EQ(rectOf(f.faceParas()[0]), cv::Rect(50, 80, 400, 280)) << "the widened area";
     EXPECT_EQ(f.faceParas()[0].at(smooth_strength), 70) << "the filter's own parameters in each face's map";
@@ -117,15 +120,10 @@ TEST(FilterFaceInfo, OneFaceGivesAreaPointsAndParameters)
     // A face without key points gets empty lists; an empty result empties
     // them and keeps the last area.
     f.updateFaceInfo(makeResult({{100, 100, 100, 100}}, false), 640, 480);
-    ASSERT_EQ(f.facePoints().size(), 1u);
-    EXPECT_TRUE(f.facePoints()[0].empty());
-    EXPECT_TRUE(f.mouthPoints()[0].empty());
-    EXPECT_TRUE(f.contourPoints()[0].empty());
+    ASSERT_EQ(listSizes(f), std::vector<size_t>(4, 1));
+    EXPECT_EQ(f.facePoints()[0].size() + f.mouthPoints()[0].size() + f.contourPoints()[0].size(), 0u);
     f.updateFaceInfo(FaceDetectResult(), 640, 480);
-    EXPECT_TRUE(f.faceParas().empty());
-    EXPECT_TRUE(f.mouthPoints().empty());
-    EXPECT_TRUE(f.contourPoints().empty());
-    EXPECT_TRUE(f.facePoints().empty());
+    EXPECT_EQ(listSizes(f), std::vector<size_t>(4, 0));
     EXPECT_EQ(rectOf(f.paras()), cv::Rect(50, 80, 200, 140));
     EXPECT_EQ(rectOf(f.paras(), true), cv::Rect(100, 100, 100, 100));
 }
@@ -141,7 +139,7 @@ TEST(FilterFaceInfo, WhichFacesAreAccepted)
     };
     for (const auto& [box, accepted] : alone) {
         f.updateFaceInfo(makeResult({box}), 640, 480);
-        EXPECT_EQ(f.faceParas().size() + f.facePoints().size(), accepted ? 2u : 0u) << box;
+        EXPECT_EQ(listSizes(f), std::vector<size_t>(4, accepted)) << box;
     }
     // A later box strictly inside the first is dropped; corners on its edges,
     // or inside a later box only, are not. The lists follow the accepted
@@ -149,8 +147,7 @@ TEST(FilterFaceInfo, WhichFacesAreAccepted)
     const std::vector<cv::Rect> boxes = {
         {150, 120, 200, 200}, {150, 300, 100, 100}, {200, 120, 50, 50}, {151, 121, 50, 50}, {160, 330, 50, 50}};
     f.updateFaceInfo(makeResult(boxes), 640, 480);
-    ASSERT_EQ(f.faceParas().size(), 4u);
-    ASSERT_EQ(f.contourPoints().size(), 4u);
+    ASSERT_EQ(listSizes(f), std::vector<size_t>(4, 4));
     for (int i : {0, 1, 2, 3})
         EXPECT_EQ(rectOf(f.faceParas()[i], true), boxes[i < 3 ? i : 4]);
     EXPECT_EQ(f.contourPoints()[3][0], 4 * 1000 + 10);
