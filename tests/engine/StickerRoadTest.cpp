@@ -122,9 +122,15 @@ double slope(const std::vector<QPoint>& points)
 
 // How far apart two lines' slopes are, in degrees (a line's slope is the
 // same turned half round).
-double slopeGap(double a, double b)
+double slopeGap(double a, double b) { return std::abs(std::remainder(a - b, 180.0)); }
+
+// The points closer to `at` than `reach`.
+std::vector<QPoint> within(const std::vector<QPoint>& all, QPointF at, double reach)
 {
-    return std::abs(std::remainder(a - b, 180.0));
+    std::vector<QPoint> near;
+    std::copy_if(all.begin(), all.end(), std::back_inserter(near),
+                 [&](QPoint p) { return QLineF(at, p).length() < reach; });
+    return near;
 }
 
 }  // namespace
@@ -140,7 +146,7 @@ TEST(StickerRoad, EachStickerWhereItsAnchorSaysAndFollowingTheFace)
     using Check = std::function<bool(const std::vector<QPoint>&, const Face&, QPointF eyes)>;
     auto near = [](double reach) {
         return [reach](const std::vector<QPoint>& all, const Face& f, QPointF eyes) {
-            return std::all_of(all.begin(), all.end(), [&](QPoint p) { return QLineF(eyes, p).length() < reach * f.eyes; });
+            return within(all, eyes, reach * f.eyes).size() == all.size();
         };
     };
     auto above = [](const std::vector<QPoint>& all, const Face& f, QPointF) {
@@ -152,11 +158,7 @@ TEST(StickerRoad, EachStickerWhereItsAnchorSaysAndFollowingTheFace)
         {"rabbit", frame(), above},  // ears on the head
         {"glasses01", frame(QTransform::fromTranslate(120, 0)), near(1.6)},
         {"glasses01", frame(QTransform().translate(640, 360).rotate(20).translate(-640, -360)),
-         [&](auto& all, auto& f, QPointF eyes) {
-             std::vector<QPoint> onFace;
-             std::copy_if(all.begin(), all.end(), std::back_inserter(onFace), [&](QPoint p) { return QLineF(eyes, p).length() < 1.6 * f.eyes; });
-             return std::abs(slope(onFace) - 20) < 5;
-         }},
+         [&](auto& all, auto& f, QPointF eyes) { return std::abs(slope(within(all, eyes, 1.6 * f.eyes)) - 20) < 5; }},
         {"glasses01", frame({}, {{0, 0, 560, 560}, {720, 160, 560, 560}}), [](auto& all, auto&, QPointF) {
              return std::any_of(all.begin(), all.end(), [](QPoint p) { return p.x() < 640; }) &&
                     std::any_of(all.begin(), all.end(), [](QPoint p) { return p.x() >= 640; });
@@ -188,12 +190,6 @@ TEST(StickerRoad, EffectsOnAHeadThatLeansFarLandOnIt)
         const QPointF mouth = turn.map(upright[0].mouth);
         const QPointF eyes = turn.map((upright[0].leftEye + upright[0].rightEye) / 2);
         const double span = upright[0].eyes;
-        const auto within = [](const std::vector<QPoint>& all, QPointF at, double reach) {
-            std::vector<QPoint> near;
-            std::copy_if(all.begin(), all.end(), std::back_inserter(near),
-                         [&](QPoint p) { return QLineF(at, p).length() < reach; });
-            return near;
-        };
         // Red lips: every changed pixel within 0.7 eye distances of the mouth.
         _strength_param strength{400, true};
         const auto onMouth = [&](const std::vector<QPoint>& all) {

@@ -154,10 +154,9 @@ TEST(OpenglWorker, SettlingTakesTheTurnBackAsItWasWithTheWorkDrawn)
     QImage frame = testPicture(256, 128);
     worker.settleOutsideTurn();
     EXPECT_EQ(glDriverHolds(), 0);
-    const struct {
-        int outerTurns;  // a scope's turns around the worker's own
-        QColor colour;
-    } cases[] = {{0, QColor(200, 40, 10)}, {1, QColor(10, 220, 30)}, {2, QColor(0, 0, 250)}};
+    // A scope's turns around the worker's own, and the colour drawn.
+    const struct { int outerTurns; QColor colour; } cases[] = {{0, QColor(200, 40, 10)}, {1, QColor(10, 220, 30)},
+                                                               {2, QColor(0, 0, 250)}};
     for (const auto& c : cases) {
         for (int i = 0; i < c.outerTurns; ++i)
             takeGlDriver();

@@ -134,10 +134,9 @@ namespace {
 // inner 12 (left), 13 to 15 on top, 16 (right), 17 to 19 at the bottom.
 std::vector<int> lips(int innerTop, int innerBottom)
 {
-    return {60,  100,      70,  90,       85,  85,       100, 88,         115, 85,          130, 90,
-            140, 100,      130, 110,      115, 115,      100, 117,        85,  115,         70,  110,
-            70,  100,      85,  innerTop, 100, innerTop, 115, innerTop,   130, 100,         115, innerBottom,
-            100, innerBottom, 85, innerBottom};
+    return {60,  100, 70, 90,       85,  85,       100, 88,       115, 85,          130, 90,          140, 100,
+            130, 110, 115, 115,     100, 117,      85,  115,      70,  110,         70,  100,         85,  innerTop,
+            100, innerTop, 115, innerTop, 130, 100, 115, innerBottom, 100, innerBottom, 85, innerBottom};
 }
 
 }  // namespace
@@ -150,12 +149,8 @@ TEST(ShaderWorker, LipsMeshCoversTheLipsAndLeavesTheOpenMouth)
     std::vector<int> atBorder = lips(97, 101);
     atBorder[2] = 0;  // lip point 1 at x 0
     using Points = std::vector<cv::Point2f>;
-    struct Case {
-        const char* label;
-        std::vector<int> points;
-        std::map<std::string, double> params;
-        Points covered, uncovered, corners, notCorners;
-    } cases[] = {
+    struct Case { const char* label; std::vector<int> points; std::map<std::string, double> params;
+                  Points covered, uncovered, corners, notCorners; } cases[] = {
         {"closed", lips(97, 101), {}, {{100, 99.5f}, {101, 90.5f}, {101, 112.5f}}, {{100, 83}, {100, 119}, {55, 100}},
          {{100, 88}, {100, 97}, {100, 101}}, {}},
         {"open", lips(94, 108), {}, {{101, 90.5f}, {101, 112.5f}}, {{100.3f, 101.2f}, {99.7f, 100.8f}}, {},

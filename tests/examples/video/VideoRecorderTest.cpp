@@ -47,6 +47,19 @@ QRect mapped(const SampleFootage& footage, const QRectF& portraitArea, double t,
     return QRectF(a, b).normalized().toRect().translated(cell.topLeft());
 }
 
+// The share of the bytes left as they are, and whether the file is cut off there or the next tenth overwritten.
+struct Damage { const char* name; const char* file; double keep; bool cut; };
+
+void PrintTo(const Damage& d, std::ostream* os) { *os << d.name; }
+
+class DamagedInput : public ::testing::TestWithParam<Damage> {};
+
+struct Sync { const char* name; QStringList effects; };
+
+void PrintTo(const Sync& s, std::ostream* os) { *os << s.name; }
+
+class PicturesAndSound : public ::testing::TestWithParam<Sync> {};
+
 }  // namespace
 
 TEST(VideoRecorder, BeforeAndAfterShowTheEffectsOnTheFaceOnlyWithTheSoundKept)
@@ -116,18 +129,13 @@ TEST(VideoRecorder, RateAndLengthAsAsked)
 TEST(VideoRecorder, GridOfMixedKindsSizesAndRatesPlaysEachInputAtItsOwnTimes)
 {
     const QString dir = scratch("grid");
-    struct Input {
-        const char* name;
-        QSize size;
-        double fps, seconds;
-        int channel;  // 0 red, 1 green, 2 blue
-        const char* encoder;
-    } inputs[] = {{"a.avi", QSize(640, 360), 25, 2, 0, "mpeg4"},
-                  {"b.mkv", QSize(853, 479), 30, 3, 1, "libvpx-vp9"},
-                  {"c.gif", QSize(320, 240), 15, 1, 2, "gif"}};
+    // The channel of each ramp: 0 red, 1 green, 2 blue.
+    const struct { const char* name; QSize size; double fps, seconds; int channel; const char* encoder; } inputs[] = {
+        {"a.avi", {640, 360}, 25, 2, 0, "mpeg4"}, {"b.mkv", {853, 479}, 30, 3, 1, "libvpx-vp9"},
+        {"c.gif", {320, 240}, 15, 1, 2, "gif"}};
     QStringList args;
     QList<QSize> sizes;
-    for (const Input& in : inputs) {
+    for (const auto& in : inputs) {
         const auto colour = [&](int level) {
             int c[3] = {40, 40, 40};
             c[in.channel] = level;
@@ -172,22 +180,7 @@ TEST(VideoRecorder, GridOfMixedKindsSizesAndRatesPlaysEachInputAtItsOwnTimes)
     }
 }
 
-namespace {
-
 // A damaged input plays as far as it decodes: a warning, status 0, a video that plays.
-struct Damage {
-    const char* name;
-    const char* file;
-    double keep;  // share of the bytes left as they are
-    bool cut;     // cut off there, or the next tenth overwritten
-};
-
-void PrintTo(const Damage& d, std::ostream* os) { *os << d.name; }
-
-class DamagedInput : public ::testing::TestWithParam<Damage> {};
-
-}  // namespace
-
 TEST_P(DamagedInput, PlaysAsFarAsItDecodesWithAWarning)
 {
     const Damage& d = GetParam();
@@ -220,22 +213,9 @@ INSTANTIATE_TEST_SUITE_P(Video, DamagedInput,
                                            Damage{"OverwrittenMatroska", "hole.mkv", 0.4, false}),
                          [](const auto& info) { return std::string(info.param.name); });
 
-namespace {
-
 // A flash in the pictures and a beep in the sound at the same moment stay
 // together in the output, whether the channel hands its pictures on as they
 // are or runs its face effects first.
-struct Sync {
-    const char* name;
-    QStringList effects;
-};
-
-void PrintTo(const Sync& s, std::ostream* os) { *os << s.name; }
-
-class PicturesAndSound : public ::testing::TestWithParam<Sync> {};
-
-}  // namespace
-
 TEST_P(PicturesAndSound, StayTogether)
 {
     const QString dir = scratch(GetParam().name);
