@@ -27,7 +27,7 @@ double brightening(const QImage& a, const QImage& b, const QRect& area)
     return sum / (area.width() * area.height());
 }
 
-_channel_merge_param entry(int channel, QRect rect) { return {channel, rect}; }
+_channel_merge_param entry(int channel, QRect rect) { return {channel, rect, 0.0, QImage()}; }
 
 struct Road {
     OpenglImageManager* m = OpenglImageManager::instance();

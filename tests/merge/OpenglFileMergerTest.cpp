@@ -32,7 +32,7 @@ OpenglFileMerger::BufferMap channels(const std::vector<std::pair<int, QImage>>& 
     return buffers;
 }
 
-_channel_merge_param entry(int channelId, const QRect& rect) { return {channelId, rect}; }
+_channel_merge_param entry(int channelId, const QRect& rect) { return {channelId, rect, 0.0, QImage()}; }
 
 QImage solid(int width, int height, const QColor& colour, QImage::Format format = QImage::Format_RGBA8888)
 {
