@@ -52,9 +52,8 @@ void fail(const char* what)
 }
 
 // Appends a tree's leaves to `leaves` as whole multiples of a step of its own,
-// the step to `steps`. The step is the tree's largest number over 32,767: a
-// fit's points move by a thousandth of a pixel at most against the leaves as
-// read, and the leaves take half the memory.
+// the step to `steps`. The step is the tree's largest number over 32,767, so
+// that each number is kept within a 65,000th of the tree's largest.
 void addTree(const std::vector<dlib::matrix<float, 0, 1>>& values, std::vector<std::int16_t>& leaves,
              std::vector<float>& steps)
 {
