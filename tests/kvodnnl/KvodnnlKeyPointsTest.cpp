@@ -9,6 +9,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include "KeyPoints.h"
+#include "LabelledPictures.h"
 #include "Predictor.h"
 #include "TestUtil.h"
 #include "Tuning.h"
@@ -58,29 +59,22 @@ TEST(KvodnnlKeyPoints, ALateCallMovesThePointsAlongInsteadOfFitting)
     const Track fitted = fittedTrack({face, 1.0, 0.0}, before, predictor);
     ASSERT_EQ(fitted.fitted.size(), 98u);
 
-    const struct {
-        const char* name;
-        double slowdown;
-        double lateBy;  // ms before the end that a fit must keep to
-        int fitAge;
-        bool withPoints;
-        cv::Point step;
-        bool fits;
-    } cases[] = {
-        {"a call that has the time", 1.0, 100.0, 0, true, {6, 3}, true},
-        {"a late call whose fit still ends in time", 1.0, 4.0, 0, true, {6, 3}, true},
-        {"a call too late for a fit", 1.0, -4.0, 0, true, {6, 3}, false},
-        {"the same call on a busy machine", 3.0, 4.0, 0, true, {6, 3}, false},
-        {"too late, but without a fit for long", 1.0, -4.0, kUnfittedCalls, true, {6, 3}, true},
-        {"too late, but without points yet", 1.0, -4.0, 0, false, {6, 3}, true},
-        {"too late, but moved a third of its width", 1.0, -4.0, 0, true, {30, 0}, true},
-        {"too late to end in time anyway", 1.0, -kCallLimitMs, 0, true, {6, 3}, true},
-    };
+    // The case, the slowdown, how many ms before the end a fit must keep to,
+    // the calls the face went without a fit, whether it has points yet, how
+    // far it moved and whether it is fitted.
+    const struct { const char* name; double slowdown, lateBy; int fitAge; bool withPoints; cv::Point step; bool fits; }
+        cases[] = {
+            {"a call that has the time", 1.0, 100.0, 0, true, {6, 3}, true},
+            {"a late call whose fit still ends in time", 1.0, 4.0, 0, true, {6, 3}, true},
+            {"a call too late for a fit", 1.0, -4.0, 0, true, {6, 3}, false},
+            {"the same call on a busy machine", 3.0, 4.0, 0, true, {6, 3}, false},
+            {"too late, but without a fit for long", 1.0, -4.0, kUnfittedCalls, true, {6, 3}, true},
+            {"too late, but without points yet", 1.0, -4.0, 0, false, {6, 3}, true},
+            {"too late, but moved a third of its width", 1.0, -4.0, 0, true, {30, 0}, true},
+            {"too late to end in time anyway", 1.0, -kCallLimitMs, 0, true, {6, 3}, true},
+        };
     for (const auto& c : cases) {
-        cv::Mat moved;
-        cv::warpAffine(grey, moved, cv::Matx23d(1, 0, c.step.x, 0, 1, c.step.y), grey.size(), cv::INTER_NEAREST,
-                       cv::BORDER_REFLECT);
-        const PicturePtr after = pictureOf(moved + cv::Scalar(20));
+        const PicturePtr after = pictureOf(labelled::shifted(grey, c.step) + cv::Scalar(20));
         // The end is loaded(kFinishBudgetMs) on a machine without load,
         // whatever the slowdown of the case.
         measureSlowdown(1.0);

@@ -3,7 +3,6 @@
 // plan of the search of the whole picture.
 #include <algorithm>
 #include <cmath>
-#include <functional>
 #include <map>
 #include <string>
 #include <tuple>
@@ -14,6 +13,7 @@
 
 #include "Boxes.h"
 #include "HeadPose.h"
+#include "LabelledPictures.h"
 #include "Layout.h"
 #include "SearchPlan.h"
 #include "Signature.h"
@@ -22,6 +22,8 @@
 namespace {
 
 using namespace KVOAI::kvodnnl;
+using labelled::shifted;
+using labelled::withNoise;
 
 // A fit of the landmark model: points scattered over a face 200 pixels wide,
 // the outer eye corners (36, 45) level and the nose tip (30) below them.
@@ -77,14 +79,6 @@ cv::Mat view(int seed)
     return out.clone();
 }
 
-cv::Mat shifted(const cv::Mat& picture, cv::Point2d by)
-{
-    cv::Mat out;
-    cv::warpAffine(picture, out, cv::Matx23d(1, 0, by.x, 0, 1, by.y), picture.size(), cv::INTER_LINEAR,
-                   cv::BORDER_REFLECT);
-    return out;
-}
-
 // `picture` as a camera sees it that zoomed by `zoom` and turned by
 // `degrees` about the point `at`, and then moved by `by`.
 cv::Mat filmed(const cv::Mat& picture, double zoom, double degrees, cv::Point2f at, cv::Point2d by = {})
@@ -115,10 +109,7 @@ TEST(KvodnnlLayout, EachPointIsMadeFromTheModelsPoints)
     };
     const cv::Point2d leftBrow = cv::Point2d(0, 0.15 * cv::norm(m[21] - m[17]));
     const cv::Point2d rightBrow = cv::Point2d(0, 0.15 * cv::norm(m[26] - m[22]));
-    const struct {
-        int point;
-        cv::Point2d expected;
-    } cases[] = {
+    const struct { int point; cv::Point2d expected; } cases[] = {
         {0, m[0]}, {1, mid(0, 1)}, {15, mid(7, 8)}, {16, m[8]}, {31, mid(15, 16)}, {32, m[16]},  // contour
         {33, m[17]}, {37, m[21]}, {38, mid(20, 21) + leftBrow}, {41, mid(17, 18) + leftBrow},     // left brow
         {42, m[22]}, {46, m[26]}, {47, mid(25, 26) + rightBrow}, {50, mid(22, 23) + rightBrow},  // right brow
@@ -171,38 +162,34 @@ TEST(KvodnnlHeadPose, PoseOfAPosedFaceComesBack)
     const int seenAs[] = {54, 16, 60, 72, 76, 82};
     const cv::Size size(1280, 720);
     const double focal = size.width;
+    // The turn by `degrees` about `axis`, a unit vector.
     const auto rotation = [](double degrees, cv::Vec3d axis) {
         cv::Matx33d r;
         cv::Rodrigues(axis * (degrees * CV_PI / 180), r);
         return r;
     };
-    const struct {
-        double pitch, yaw, roll;
-        cv::Point2d at;  // where the nose tip is seen
-    } cases[] = {
-        {0, 0, 0, {640, 360}},   {15, 0, 0, {640, 360}},   {0, -20, 0, {640, 360}}, {0, 0, 25, {640, 360}},
-        {-10, 12, -8, {640, 360}}, {0, 0, 0, {200, 120}},  {10, -15, 5, {1100, 600}},
-    };
+    // The pose, and where the nose tip is seen.
+    const struct { double pitch, yaw, roll; cv::Point2d at; } cases[] = {
+        {0, 0, 0, {640, 360}},     {15, 0, 0, {640, 360}}, {0, -20, 0, {640, 360}}, {0, 0, 25, {640, 360}},
+        {-10, 12, -8, {640, 360}}, {0, 0, 0, {200, 120}},  {10, -15, 5, {1100, 600}}};
     for (const auto& c : cases) {
         // The face 2.5 m away (in fifths of a millimetre), along the line of
         // sight through `at`, posed relative to that line.
         const cv::Vec3d sight = cv::normalize(cv::Vec3d(c.at.x - size.width / 2.0, c.at.y - size.height / 2.0, focal));
         const cv::Vec3d axis = cv::Vec3d(0, 0, 1).cross(sight);
         const cv::Matx33d toSight
-            = cv::norm(axis) > 0 ? rotation(std::asin(cv::norm(axis)) * 180 / CV_PI, cv::normalize(axis))
-                                 : cv::Matx33d::eye();
+            = rotation(std::asin(cv::norm(axis)) * 180 / CV_PI, axis / std::max(cv::norm(axis), 1e-12));
         const cv::Matx33d pose = rotation(c.pitch, {1, 0, 0}) * rotation(c.yaw, {0, 1, 0}) * rotation(c.roll, {0, 0, 1});
         std::vector<cv::Point2d> points(98);
         for (int i = 0; i < 6; ++i) {
             const cv::Vec3d p = toSight * pose * cv::Vec3d(face[i].x, face[i].y, face[i].z) + sight * 12500.0;
             points[seenAs[i]] = cv::Point2d(focal * p[0] / p[2] + size.width / 2.0, focal * p[1] / p[2] + size.height / 2.0);
         }
+        SCOPED_TRACE(testing::Message() << "pose " << c.pitch << ", " << c.yaw << ", " << c.roll << " at " << c.at);
         const Pose found = estimatePose(points, size);
-        const std::string name = "pose " + std::to_string(c.pitch) + ", " + std::to_string(c.yaw) + ", "
-            + std::to_string(c.roll) + " at " + std::to_string(c.at.x) + ", " + std::to_string(c.at.y);
-        EXPECT_NEAR(found.pitch, c.pitch, 0.5) << name;
-        EXPECT_NEAR(found.yaw, c.yaw, 0.5) << name;
-        EXPECT_NEAR(found.roll, c.roll, 0.5) << name;
+        EXPECT_NEAR(found.pitch, c.pitch, 0.5);
+        EXPECT_NEAR(found.yaw, c.yaw, 0.5);
+        EXPECT_NEAR(found.roll, c.roll, 0.5);
     }
 }
 
@@ -212,34 +199,17 @@ TEST(KvodnnlHeadPose, PoseOfAPosedFaceComesBack)
 TEST(KvodnnlSignature, TellsNoiseAChangeInAFewPlacesAndANewPicture)
 {
     const cv::Mat base = textured({640, 480});
-    const auto edited = [&](const std::function<void(cv::Mat&)>& edit) {
-        cv::Mat out = base.clone();
-        edit(out);
-        return out;
-    };
-    const struct {
-        const char* name;
-        cv::Mat picture;
-        Change expected;
-    } cases[] = {
-        {"the same", base.clone(), Change::None},
-        {"noise of 3 grey levels", edited([](cv::Mat& m) {
-             cv::Mat noise(m.size(), CV_16S), sum;
-             cv::randn(noise, 0, 3);
-             m.convertTo(sum, CV_16S);
-             cv::Mat(sum + noise).convertTo(m, CV_8U);
-         }),
-         Change::None},
-        {"a dot of 3 pixels", edited([](cv::Mat& m) { m(cv::Rect(300, 200, 3, 3)).setTo(255); }), Change::None},
-        {"a square of 100 pixels", edited([](cv::Mat& m) { m(cv::Rect(300, 200, 100, 100)).setTo(255); }),
-         Change::Local},
-        {"30 grey levels brighter", edited([](cv::Mat& m) { cv::add(m, cv::Scalar(30), m); }), Change::Whole},
-        {"another size", textured({640, 360}), Change::Whole},
-    };
+    cv::Mat dot = base.clone(), square = base.clone();
+    dot(cv::Rect(300, 200, 3, 3)).setTo(255);
+    square(cv::Rect(300, 200, 100, 100)).setTo(255);
+    const struct { const char* name; cv::Mat picture; Change expected; } cases[] = {
+        {"the same", base.clone(), Change::None},   {"noise of 3 grey levels", withNoise(base, 3), Change::None},
+        {"a dot of 3 pixels", dot, Change::None},   {"a square of 100 pixels", square, Change::Local},
+        {"30 grey levels brighter", base + cv::Scalar(30), Change::Whole},
+        {"another size", textured({640, 360}), Change::Whole}};
     const Picture before = pictureOf(base);
     for (const auto& c : cases)
-        EXPECT_EQ(static_cast<int>(pictureChange(before, pictureOf(c.picture))), static_cast<int>(c.expected))
-            << c.name;
+        EXPECT_EQ(int(pictureChange(before, pictureOf(c.picture))), int(c.expected)) << c.name;
 }
 
 // A camera that pans or shakes shows the last view moved: so does a view
@@ -249,23 +219,15 @@ TEST(KvodnnlSignature, TellsNoiseAChangeInAFewPlacesAndANewPicture)
 TEST(KvodnnlSignature, TellsAViewMovedAsAWholeFromANewOne)
 {
     const cv::Mat before = view(1);
-    cv::Mat noisy = shifted(before, {8, -5}), halfNew = before.clone(), quarterNew = before.clone();
-    cv::Mat noise(before.size(), CV_16S), sum;
-    cv::randn(noise, 0, 3);
-    noisy.convertTo(sum, CV_16S);
-    cv::Mat(sum + noise).convertTo(noisy, CV_8U);
+    cv::Mat halfNew = before.clone(), quarterNew = before.clone();
     view(7)(cv::Rect(640, 0, 640, 720)).copyTo(halfNew(cv::Rect(640, 0, 640, 720)));
     view(7)(cv::Rect(0, 0, 640, 360)).copyTo(quarterNew(cv::Rect(0, 0, 640, 360)));
-    const struct {
-        const char* name;
-        cv::Mat after;
-        bool moved;
-    } cases[] = {
+    const struct { const char* name; cv::Mat after; bool moved; } cases[] = {
         {"the same", before.clone(), true},
         {"8 right, 5 up", shifted(before, {8, -5}), true},
         {"13 left", shifted(before, {-13, 0}), true},
         {"6.5 down", shifted(before, {0, 6.5}), true},
-        {"8 right, 5 up, with noise", noisy, true},
+        {"8 right, 5 up, with noise", withNoise(shifted(before, {8, -5}), 3), true},
         {"a fifth of it to the right", shifted(before, {256, 0}), true},
         {"zoomed in by 3 %", filmed(before, 1.03, 0, {640, 360}), true},
         {"zoomed out by 4 % off the middle", filmed(before, 0.96, 0, {300, 200}), true},
@@ -297,14 +259,10 @@ TEST(KvodnnlSignature, AViewMovedOrChangedRoundItsFacesIsNoNewScene)
     view(7)(cv::Rect(340, 0, 600, 600)).copyTo(roundFace(cv::Rect(340, 0, 600, 600)));
     view(7)(cv::Rect(0, 0, 1280, 360)).copyTo(farOut(cv::Rect(0, 0, 1280, 360)));
     const std::vector<dlib::rectangle> one = {face}, huge = {dlib::rectangle(200, 100, 1079, 619)}, none;
-    const struct {
-        const char* name;
-        cv::Mat after;
-        Change change;
-        std::vector<dlib::rectangle> followed;
-        bool lost;
-        Change expected;
-    } cases[] = {
+    // The picture after, the change the signatures saw, the faces followed and
+    // whether one was lost, and the change of the scene.
+    const struct { const char* name; cv::Mat after; Change change; std::vector<dlib::rectangle> followed; bool lost;
+                   Change expected; } cases[] = {
         {"moved, its face found again", shifted(base, {9, 4}), Change::Whole, one, false, Change::Local},
         {"changed round its face only", roundFace, Change::Whole, one, false, Change::Local},
         {"moved, but a face lost", shifted(base, {9, 4}), Change::Whole, one, true, Change::Whole},
@@ -318,8 +276,7 @@ TEST(KvodnnlSignature, AViewMovedOrChangedRoundItsFacesIsNoNewScene)
     };
     const Picture before = pictureOf(base);
     for (const auto& c : cases)
-        EXPECT_EQ(static_cast<int>(sceneChange(c.change, before, pictureOf(c.after), c.followed, c.lost)),
-                  static_cast<int>(c.expected))
+        EXPECT_EQ(int(sceneChange(c.change, before, pictureOf(c.after), c.followed, c.lost)), int(c.expected))
             << c.name;
 }
 
@@ -330,22 +287,13 @@ TEST(KvodnnlSignature, MotionRoundABox)
 {
     const cv::Mat before = textured({640, 480});
     const dlib::rectangle box(200, 150, 299, 249);
-    const struct {
-        cv::Point2d shift;
-        dlib::rectangle box;
-        cv::Size size;
-        cv::Point2d expected;
-    } cases[] = {
-        {{0, 0}, box, before.size(), {0, 0}},       {{3, 0}, box, before.size(), {3, 0}},
-        {{0, -4}, box, before.size(), {0, -4}},     {{5.5, 2}, box, before.size(), {5.5, 2}},
-        {{-6, -3}, box, before.size(), {-6, -3}},   {{4, 4}, dlib::rectangle(200, 150, 209, 159), before.size(), {0, 0}},
-        {{4, 4}, box, cv::Size(600, 480), {0, 0}},
-    };
+    const struct { cv::Point2d shift; dlib::rectangle box; cv::Size size; cv::Point2d expected; } cases[] = {
+        {{0, 0}, box, before.size(), {0, 0}},     {{3, 0}, box, before.size(), {3, 0}},
+        {{0, -4}, box, before.size(), {0, -4}},   {{5.5, 2}, box, before.size(), {5.5, 2}},
+        {{-6, -3}, box, before.size(), {-6, -3}}, {{4, 4}, dlib::rectangle(200, 150, 209, 159), before.size(), {0, 0}},
+        {{4, 4}, box, cv::Size(600, 480), {0, 0}}};
     for (const auto& c : cases) {
-        cv::Mat after;
-        cv::warpAffine(before, after, cv::Matx23d(1, 0, c.shift.x, 0, 1, c.shift.y), c.size, cv::INTER_LINEAR,
-                       cv::BORDER_REFLECT);
-        const cv::Point2d moved = motion(before, after, c.box);
+        const cv::Point2d moved = motion(before, shifted(before, c.shift, c.size), c.box);
         EXPECT_LT(cv::norm(moved - c.expected), 0.6) << "shift " << c.shift << " found " << moved;
     }
 }
@@ -357,11 +305,7 @@ TEST(KvodnnlSignature, MotionRoundABox)
 TEST(KvodnnlBoxes, SameFace)
 {
     const auto box = [](long x, long y, long side) { return dlib::rectangle(x, y, x + side - 1, y + side - 1); };
-    const struct {
-        const char* name;
-        dlib::rectangle listed, found;
-        bool same;
-    } cases[] = {
+    const struct { const char* name; dlib::rectangle listed, found; bool same; } cases[] = {
         {"the same box", box(100, 100, 80), box(100, 100, 80), true},
         {"moved by a third", box(100, 100, 90), box(130, 100, 90), true},
         {"moved by a box", box(100, 100, 80), box(180, 100, 80), false},
@@ -383,11 +327,7 @@ TEST(KvodnnlBoxes, SameFace)
 // dlib's boxes include their right and bottom edges.
 TEST(KvodnnlBoxes, ScaledBack)
 {
-    const struct {
-        dlib::rectangle found;
-        double factor, dx, dy;
-        dlib::rectangle expected;
-    } cases[] = {
+    const struct { dlib::rectangle found; double factor, dx, dy; dlib::rectangle expected; } cases[] = {
         {dlib::rectangle(10, 20, 89, 99), 1.0, 0, 0, dlib::rectangle(10, 20, 89, 99)},
         {dlib::rectangle(10, 20, 89, 99), 0.5, 0, 0, dlib::rectangle(20, 40, 179, 199)},
         {dlib::rectangle(0, 0, 79, 79), 0.25, 100, 50, dlib::rectangle(100, 50, 419, 369)},

@@ -4,6 +4,7 @@
 // the portrait's head at known places on varied backgrounds, and pictures
 // without anyone in them (textures, the portrait with its head painted over,
 // turned copies of the mission patch on its suit). Red-first, 3 channels.
+// Also the edits tests make to pictures: moved, and with sensor noise.
 #include <cmath>
 #include <string>
 #include <vector>
@@ -27,23 +28,16 @@ const cv::Rect kPortraitPatch(128, 340, 90, 90);
 inline cv::Mat background(int kind, const cv::Mat& portrait)
 {
     cv::Mat out(720, 1280, CV_8UC3);
-    switch (kind) {
-    case 0:
+    if (kind == 0)
         out.setTo(cv::Scalar::all(120));
-        break;
-    case 1:
+    else if (kind == 1)
         cv::RNG(7).fill(out, cv::RNG::NORMAL, cv::Scalar::all(128), cv::Scalar::all(45));
-        break;
-    case 2:
+    else if (kind == 2)
         for (int y = 0; y < out.rows; ++y)
             for (int x = 0; x < out.cols; ++x)
                 out.at<cv::Vec3b>(y, x) = cv::Vec3b(x * 200 / out.cols + 20, y * 150 / out.rows + 40, 90);
-        break;
-    default:
-        // The suit, flag and patch below the head, enlarged.
+    else  // the suit, flag and patch below the head, enlarged
         cv::resize(portrait(cv::Rect(0, 250, 512, 262)), out, out.size());
-        break;
-    }
     return out;
 }
 
@@ -183,6 +177,26 @@ inline std::vector<Picture> withoutFaces(const cv::Mat& portrait)
         out.push_back(p);
     }
     return out;
+}
+
+// `picture` moved by `by` in a picture of `size` (its own by default), its
+// edges mirrored.
+inline cv::Mat shifted(const cv::Mat& picture, cv::Point2d by, cv::Size size = {})
+{
+    cv::Mat out;
+    cv::warpAffine(picture, out, cv::Matx23d(1, 0, by.x, 0, 1, by.y), size.empty() ? picture.size() : size,
+                   cv::INTER_LINEAR, cv::BORDER_REFLECT);
+    return out;
+}
+
+// `picture` with sensor noise of `sigma` grey levels.
+inline cv::Mat withNoise(const cv::Mat& picture, double sigma)
+{
+    cv::Mat noise(picture.size(), CV_16SC(picture.channels())), sum;
+    cv::randn(noise, 0, sigma);
+    picture.convertTo(sum, CV_16S);
+    cv::Mat(sum + noise).convertTo(sum, CV_8U);
+    return sum;
 }
 
 // Intersection over union.
