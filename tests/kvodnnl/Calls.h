@@ -6,14 +6,20 @@
 // of a search between calls: a quiet machine shows a new picture's faces by
 // about the fifth call, a loaded one or a build with sanitizers later. Tests
 // wait for them by the clock, as a host's camera would.
+//
+// The pictures handed in are mostly the bundled portrait, placed on a canvas.
 #include <chrono>
 #include <functional>
 #include <thread>
 #include <vector>
 
 #include <QImage>
+#include <QPainter>
+#include <QTransform>
 #include <kvodnnl/kvodnnl.h>
 #include <opencv2/core.hpp>
+
+#include "TestUtil.h"
 
 namespace calls {
 
@@ -28,6 +34,36 @@ inline cv::Mat rgb(const QImage& image)
                    converted.bytesPerLine())
         .clone();
 }
+
+// The bundled portrait as the library takes pictures.
+inline cv::Mat portrait() { return rgb(testutil::portrait(QImage::Format_RGB888)); }
+
+// The 512 x 512 portrait turned by `degrees` about its centre, clockwise as
+// seen (Qt's y axis points down), and moved by (x, y).
+inline QTransform place(int x, int y, double degrees = 0)
+{
+    return QTransform().translate(256, 256).rotate(degrees).translate(-256, -256) * QTransform::fromTranslate(x, y);
+}
+
+// The portrait placed on a grey canvas of `size`; unless `whole`, with the
+// suit below the shoulders painted over (its mission patch is seen as a face
+// at some turns).
+inline cv::Mat onCanvas(QSize size, const QTransform& placed, bool whole = true)
+{
+    QImage canvas(size, QImage::Format_RGB32);
+    canvas.fill(QColor(120, 120, 120));
+    QPainter p(&canvas);
+    p.setRenderHint(QPainter::SmoothPixmapTransform);
+    p.setTransform(placed);
+    p.drawImage(0, 0, testutil::portrait(QImage::Format_RGB32));
+    if (!whole)
+        p.fillRect(QRect(0, 300, 512, 212), QColor(120, 120, 120));
+    p.end();
+    return rgb(canvas);
+}
+
+// Point `k` of the 98 of face `f`.
+inline QPointF pt(const Face& f, int k) { return QPointF(f.points.at(2 * k), f.points.at(2 * k + 1)); }
 
 // Hands `picture` to `detector` a call every 33 ms, at least `least` calls
 // and then until a call shows `count` faces, for up to `seconds`; `each`, if

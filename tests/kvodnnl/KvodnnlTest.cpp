@@ -4,41 +4,18 @@
 #include <fstream>
 #include <optional>
 
-#include <QPainter>
-#include <QTransform>
 #include <gtest/gtest.h>
 #include <kvodnnl/kvodnnl.h>
 #include <opencv2/imgproc.hpp>
 
 #include "Calls.h"
+#include "LabelledPictures.h"
 #include "TestUtil.h"
 
 namespace {
 
-using Face = KVOAI::FaceDetector::Face;
-
-QImage portrait() { return testutil::portrait(QImage::Format_RGB32); }
-
-// The 512 x 512 portrait turned by `degrees` about its centre, clockwise as
-// seen (Qt's y axis points down), and moved by (x, y).
-QTransform place(int x, int y, double degrees = 0)
-{
-    return QTransform().translate(256, 256).rotate(degrees).translate(-256, -256) * QTransform::fromTranslate(x, y);
-}
-
-// The portrait placed on a grey canvas.
-cv::Mat onCanvas(QSize size, const QTransform& placed)
-{
-    QImage canvas(size, QImage::Format_RGB32);
-    canvas.fill(QColor(120, 120, 120));
-    QPainter p(&canvas);
-    p.setRenderHint(QPainter::SmoothPixmapTransform);
-    p.setTransform(placed);
-    p.drawImage(0, 0, portrait());
-    return calls::rgb(canvas);
-}
-
-QPointF pt(const Face& f, int k) { return QPointF(f.points.at(2 * k), f.points.at(2 * k + 1)); }
+// The detector's faces, and the portrait on a canvas.
+using namespace calls;
 
 double distance(QPointF a, QPointF b) { return QLineF(a, b).length(); }
 
@@ -51,13 +28,8 @@ std::vector<Face> run(KVOAI::FaceDetector& detector, const cv::Mat& picture, boo
     for (const Face& f : faces) {
         EXPECT_EQ(f.points.size(), 196u);
         EXPECT_EQ(f.triple.size(), 3u);
-        EXPECT_EQ(f.floatsC.size(), 1u);
-        EXPECT_GT(f.floatsC.empty() ? 0 : f.floatsC[0], 0);
-        EXPECT_EQ(f.box.size(), 4u);
-        if (f.box.size() == 4u) {
-            EXPECT_LT(f.box[0], f.box[2]);
-            EXPECT_LT(f.box[1], f.box[3]);
-        }
+        EXPECT_TRUE(f.floatsC.size() == 1u && f.floatsC[0] > 0) << testing::PrintToString(f.floatsC);
+        EXPECT_TRUE(f.box.size() == 4u && f.box[0] < f.box[2] && f.box[1] < f.box[3]) << testing::PrintToString(f.box);
     }
     return faces;
 }
@@ -74,7 +46,7 @@ std::vector<Face> settled(KVOAI::FaceDetector& detector, const cv::Mat& picture,
 TEST(Kvodnnl, PortraitGivesOneFaceWithThe98PointLayout)
 {
     KVOAI::FaceDetector detector(KVOAI::DEFAULT, 1, 1);
-    const std::vector<Face> faces = settled(detector, calls::rgb(portrait()));
+    const std::vector<Face> faces = settled(detector, calls::portrait());
     ASSERT_EQ(faces.size(), 1u);
     const Face& f = faces[0];
     // Where the portrait's face is, checked once by eye on a drawing.
@@ -128,7 +100,7 @@ TEST(Kvodnnl, PortraitGivesOneFaceWithThe98PointLayout)
 TEST(Kvodnnl, EachPictureGetsItsOwnResultAndStillFacesAreFollowed)
 {
     KVOAI::FaceDetector detector(KVOAI::DEFAULT, 1, 1);
-    const cv::Mat rgb = calls::rgb(portrait());
+    const cv::Mat rgb = calls::portrait();
     const QSize canvas(800, 600), wide(1280, 720);
     const cv::Mat here = onCanvas(canvas, {}), still = onCanvas(wide, place(380, 100));
     // The face painted over in a lighter copy: a new picture either way (a
@@ -208,7 +180,7 @@ TEST(Kvodnnl, EachPictureGetsItsOwnResultAndStillFacesAreFollowed)
 
 TEST(KvodnnlModel, BrokenModelWarnsOnceAndFindsNothing)
 {
-    const cv::Mat rgb = calls::rgb(portrait());
+    const cv::Mat rgb = calls::portrait();
     const std::string broken = testutil::outputPath("broken_landmark_model.dat").toStdString();
     std::ofstream(broken, std::ios::binary) << "this is not a landmark model";
     setenv("KVODNNL_LANDMARK_MODEL", broken.c_str(), 1);
@@ -247,13 +219,10 @@ TEST(Kvodnnl, SliversAndTinyPicturesGiveNoFacesAndNoFailure)
 TEST(Kvodnnl, StillFaceKeepsItsPointsUntilItsLookChanges)
 {
     KVOAI::FaceDetector detector(KVOAI::DEFAULT, 1, 1);
-    const cv::Mat rgb = calls::rgb(portrait());
+    const cv::Mat rgb = calls::portrait();
     const std::vector<Face> before = settled(detector, rgb);
     ASSERT_EQ(before.size(), 1u);
-    cv::Mat noisy = rgb.clone(), noise(rgb.size(), CV_16SC3);
-    cv::randn(noise, 0, 2);
-    noisy.convertTo(noisy, CV_16SC3);
-    cv::Mat(noisy + noise).convertTo(noisy, CV_8UC3);
+    const cv::Mat noisy = labelled::withNoise(rgb, 2);
     std::vector<Face> still;
     for (int call = 0; call < 3; ++call)
         still = run(detector, noisy);
@@ -270,12 +239,6 @@ TEST(Kvodnnl, StillFaceKeepsItsPointsUntilItsLookChanges)
 
     // Moved 4 pixels right and 3 down, the face keeps its points, moved as
     // far; moved with the mouth open, the lip shows.
-    const auto moved = [](const cv::Mat& m) {
-        cv::Mat out;
-        const cv::Mat shift = (cv::Mat_<double>(2, 3) << 1, 0, 4, 0, 1, 3);
-        cv::warpAffine(m, out, shift, m.size(), cv::INTER_NEAREST, cv::BORDER_REPLICATE);
-        return out;
-    };
     const QPointF step(4, 3);
     for (bool mouthOpen : {false, true}) {
         KVOAI::FaceDetector fresh(KVOAI::DEFAULT, 1, 1);
@@ -283,7 +246,7 @@ TEST(Kvodnnl, StillFaceKeepsItsPointsUntilItsLookChanges)
         ASSERT_EQ(at.size(), 1u);
         std::vector<Face> after;
         for (int call = 0; call < 3; ++call)
-            after = run(fresh, moved(mouthOpen ? open : rgb));
+            after = run(fresh, labelled::shifted(mouthOpen ? open : rgb, {4, 3}));
         ASSERT_EQ(after.size(), 1u);
         double worst = 0;
         for (int k = 0; k < 98; ++k)
