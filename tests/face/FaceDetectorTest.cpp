@@ -58,12 +58,7 @@ protected:
 // that many times, checking the totals after the last.
 TEST(FaceDetectorRateLimit, ScriptsOnAControlledClock)
 {
-    struct Step {
-        double gapMs, detectionMs;
-        bool face, returns;
-        int detections, interval, repeat = 1;
-        bool nullImage = false;
-    };
+    struct Step { double gapMs, detectionMs; bool face, returns; int detections, interval, repeat = 1; bool nullImage = false; };
     const std::pair<const char*, std::vector<Step>> scripts[] = {
         {"the first call detects, close frames get the cache",
          {{0, 0, true, true, 1, 33}, {20, 0, true, true, 1, 33, 3000}}},
@@ -189,5 +184,4 @@ TEST(FaceDetectorInterface, MetaObjectOrder)
               "signal finished(), signal ready(), signal newFrameGot(cv::Mat), signal newImageGot(QImage), "
               "signal faceDetectResultGot(FaceDetectResult), signal setModelPath(std::string), slot start(), "
               "slot stop(), slot writeSrcFrame(cv::Mat), slot writeSrcImage(QImage)");
-
 }
