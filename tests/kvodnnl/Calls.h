@@ -8,6 +8,7 @@
 // wait for them by the clock, as a host's camera would.
 //
 // The pictures handed in are mostly the bundled portrait, placed on a canvas.
+#include <algorithm>
 #include <chrono>
 #include <functional>
 #include <thread>
@@ -64,6 +65,16 @@ inline cv::Mat onCanvas(QSize size, const QTransform& placed, bool whole = true)
 
 // Point `k` of the 98 of face `f`.
 inline QPointF pt(const Face& f, int k) { return QPointF(f.points.at(2 * k), f.points.at(2 * k + 1)); }
+
+// The largest distance of a point of `f` from where `placed` takes the same
+// point of `g`.
+inline double worstPoint(const Face& f, const Face& g, const QTransform& placed = {})
+{
+    double worst = 0;
+    for (int k = 0; k < 98; ++k)
+        worst = std::max(worst, QLineF(pt(f, k), placed.map(pt(g, k))).length());
+    return worst;
+}
 
 // Hands `picture` to `detector` a call every 33 ms, at least `least` calls
 // and then until a call shows `count` faces, for up to `seconds`; `each`, if

@@ -39,17 +39,14 @@ double bestOverlap(const cv::Rect& box, const std::vector<cv::Rect>& others)
 // centres (96, 97), with noise of `noise` pixels.
 FaceFilter::Face synthetic(cv::Point2d centre, cv::RNG& rng, double noise)
 {
-    FaceFilter::Face f;
+    FaceFilter::Face f{{}, {}, 96, 97};
     cv::RNG shape(5);  // the same layout for every face
-    for (int k = 0; k < 98; ++k)
-        f.points.push_back(centre + cv::Point2d(shape.uniform(-90.0, 90.0), shape.uniform(-90.0, 90.0)));
-    f.points[96] = centre + cv::Point2d(-45, -30);
-    f.points[97] = centre + cv::Point2d(45, -30);
-    for (cv::Point2d& p : f.points)
-        p += cv::Point2d(rng.gaussian(noise), rng.gaussian(noise));
+    for (int k = 0; k < 98; ++k) {
+        const cv::Point2d p = centre + cv::Point2d(shape.uniform(-90.0, 90.0), shape.uniform(-90.0, 90.0));
+        f.points.push_back((k < 96 ? p : centre + cv::Point2d(k == 96 ? -45 : 45, -30))
+                           + cv::Point2d(rng.gaussian(noise), rng.gaussian(noise)));
+    }
     f.box = cv::Rect2d(centre.x - 95 + rng.gaussian(noise), centre.y - 95 + rng.gaussian(noise), 190, 190);
-    f.eyeA = 96;
-    f.eyeB = 97;
     return f;
 }
 

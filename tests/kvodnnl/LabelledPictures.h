@@ -85,9 +85,7 @@ inline void paste(cv::Mat& canvas, const cv::Mat& picture, double degrees, doubl
 // backgrounds above or a dim room. The same `seed` gives the same pictures.
 inline std::vector<Picture> classroom(const cv::Mat& portrait, int count, int seed, double lean = 8.0)
 {
-    struct Row {
-        int top, smallest, largest;
-    };
+    struct Row { int top, smallest, largest; };
     const Row rows[] = {{20, 30, 45}, {180, 45, 62}, {390, 62, 80}};
     cv::RNG rng(static_cast<uint64_t>(seed));
     cv::Mat mirrored;
