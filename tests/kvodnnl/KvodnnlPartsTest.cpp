@@ -41,31 +41,21 @@ std::vector<cv::Point2d> model68()
 
 std::vector<cv::Point2d> mapped(const cv::Matx23d& m, std::vector<cv::Point2d> points)
 {
-    for (cv::Point2d& p : points)
-        p = cv::Point2d(m(0, 0) * p.x + m(0, 1) * p.y + m(0, 2), m(1, 0) * p.x + m(1, 1) * p.y + m(1, 2));
+    cv::transform(points, points, m);
     return points;
-}
-
-// A grey picture with blobs of all sizes, so that any part of it can be told
-// from its neighbours.
-cv::Mat textured(cv::Size size)
-{
-    cv::Mat noise(size, CV_8U), out;
-    cv::RNG(9).fill(noise, cv::RNG::UNIFORM, 0, 256);
-    cv::GaussianBlur(noise, out, cv::Size(), 3.0);
-    cv::normalize(out, out, 20, 235, cv::NORM_MINMAX);
-    return out;
 }
 
 Picture pictureOf(const cv::Mat& grey) { return Picture{grey, signature(grey)}; }
 
 // A grey 1280 x 720 view with blobs from a few pixels to a hundred across, as
-// a camera's picture has: it still has texture once reduced to 128 pixels.
-cv::Mat view(int seed)
+// a camera's picture has: it still has texture once reduced to 128 pixels,
+// and any part of it can be told from its neighbours. Cut to `size`, if
+// given.
+cv::Mat view(int seed, cv::Size size = {1280, 720})
 {
     static std::map<int, cv::Mat> made;
     if (made.count(seed))
-        return made[seed].clone();
+        return made[seed](cv::Rect({}, size)).clone();
     const int first = seed;
     cv::Mat sum(720, 1280, CV_32F, cv::Scalar(0)), noise(720, 1280, CV_32F), blurred, out;
     for (double sigma : {3.0, 12.0, 40.0}) {
@@ -76,7 +66,7 @@ cv::Mat view(int seed)
     }
     cv::normalize(sum, out, 20, 235, cv::NORM_MINMAX, CV_8U);
     made[first] = out;
-    return out.clone();
+    return out(cv::Rect({}, size)).clone();
 }
 
 // `picture` as a camera sees it that zoomed by `zoom` and turned by
@@ -193,7 +183,7 @@ TEST(KvodnnlHeadPose, PoseOfAPosedFaceComesBack)
 // a brighter copy or one of another size is a new picture.
 TEST(KvodnnlSignature, TellsNoiseAChangeInAFewPlacesAndANewPicture)
 {
-    const cv::Mat base = textured({640, 480});
+    const cv::Mat base = view(9, {640, 480});
     cv::Mat dot = base.clone(), square = base.clone();
     dot(cv::Rect(300, 200, 3, 3)).setTo(255);
     square(cv::Rect(300, 200, 100, 100)).setTo(255);
@@ -201,7 +191,7 @@ TEST(KvodnnlSignature, TellsNoiseAChangeInAFewPlacesAndANewPicture)
         {"the same", base.clone(), Change::None},   {"noise of 3 grey levels", withNoise(base, 3), Change::None},
         {"a dot of 3 pixels", dot, Change::None},   {"a square of 100 pixels", square, Change::Local},
         {"30 grey levels brighter", base + cv::Scalar(30), Change::Whole},
-        {"another size", textured({640, 360}), Change::Whole}};
+        {"another size", view(9, {640, 360}), Change::Whole}};
     const Picture before = pictureOf(base);
     for (const auto& c : cases)
         EXPECT_EQ(int(pictureChange(before, pictureOf(c.picture))), int(c.expected)) << c.name;
@@ -249,7 +239,7 @@ TEST(KvodnnlSignature, AViewMovedOrChangedRoundItsFacesIsNoNewScene)
         {"half of it another view", halfNew, whole},
         {"a quarter of it another view", quarterNew, whole},
         {"half of it to the right", shifted(base, {640, 0}), whole},
-        {"another size", view(1)(cv::Rect(0, 0, 1200, 720)).clone(), whole},
+        {"another size", view(1, {1200, 720}), whole},
         // A face followed.
         {"moved, its face found again", shifted(base, {9, 4}), local, one},
         {"changed round its face only", roundFace, local, one},
@@ -271,7 +261,7 @@ TEST(KvodnnlSignature, AViewMovedOrChangedRoundItsFacesIsNoNewScene)
 // pictures of different sizes.
 TEST(KvodnnlSignature, MotionRoundABox)
 {
-    const cv::Mat before = textured({640, 480});
+    const cv::Mat before = view(9, {640, 480});
     const dlib::rectangle box(200, 150, 299, 249);
     const struct { cv::Point2d shift; dlib::rectangle box; cv::Size size; cv::Point2d expected; } cases[] = {
         {{0, 0}, box, before.size(), {0, 0}},     {{3, 0}, box, before.size(), {3, 0}},
