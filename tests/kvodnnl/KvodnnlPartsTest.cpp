@@ -263,11 +263,12 @@ TEST(KvodnnlSignature, MotionRoundABox)
 {
     const cv::Mat before = view(9, {640, 480});
     const dlib::rectangle box(200, 150, 299, 249);
-    const struct { cv::Point2d shift; dlib::rectangle box; cv::Size size; cv::Point2d expected; } cases[] = {
-        {{0, 0}, box, before.size(), {0, 0}},     {{3, 0}, box, before.size(), {3, 0}},
-        {{0, -4}, box, before.size(), {0, -4}},   {{5.5, 2}, box, before.size(), {5.5, 2}},
-        {{-6, -3}, box, before.size(), {-6, -3}}, {{4, 4}, dlib::rectangle(200, 150, 209, 159), before.size(), {0, 0}},
-        {{4, 4}, box, cv::Size(600, 480), {0, 0}}};
+    // The shift, the motion found, the box, and the size of the picture after
+    // (by default that of the one before).
+    const struct { cv::Point2d shift, expected; dlib::rectangle box; cv::Size size = {}; } cases[] = {
+        {{0, 0}, {0, 0}, box},     {{3, 0}, {3, 0}, box},         {{0, -4}, {0, -4}, box},
+        {{5.5, 2}, {5.5, 2}, box}, {{-6, -3}, {-6, -3}, box},     {{4, 4}, {0, 0}, dlib::rectangle(200, 150, 209, 159)},
+        {{4, 4}, {0, 0}, box, cv::Size(600, 480)}};
     for (const auto& c : cases) {
         const cv::Point2d moved = motion(before, shifted(before, c.shift, c.size), c.box);
         EXPECT_LT(cv::norm(moved - c.expected), 0.6) << "shift " << c.shift << " found " << moved;

@@ -74,10 +74,9 @@ TEST(FaceFilter, StillFacesStillMovingFollowedNewAndLeavingStartAfresh)
     int bCalls = 0;
     for (int call = 0; call < 120; ++call) {
         std::vector<FaceFilter::Face> faces = {synthetic({300, 300}, rng, noise)};
-        const bool bIn = call < 100 || call >= 105, cIn = call >= 90;
-        if (bIn)
+        if (call < 100 || call >= 105)  // B
             faces.push_back(synthetic(bAt(call), rng, noise));
-        if (cIn)
+        if (call >= 90)  // C
             faces.push_back(synthetic({500, 600}, rng, noise));
         if (call % 2)
             std::reverse(faces.begin(), faces.end());
@@ -134,10 +133,8 @@ TEST(KvodnnlSearch, SmallFacesAreFoundAndNoFalseOnes)
     // once all show or `seconds` have passed.
     const auto count = [&](const labelled::Picture& p, double seconds, int& found, int& labels) {
         KVOAI::FaceDetector detector(KVOAI::DEFAULT, 1, 1);
-        const std::vector<Face> faces = calls::settle(detector, p.rgb, p.faces.size(), false, 5, seconds,
-                                                      [&](const std::vector<Face>& shown, int call) {
-                                                          expectNoFalseFace(p, shown, call);
-                                                      });
+        const auto check = [&](const std::vector<Face>& shown, int call) { expectNoFalseFace(p, shown, call); };
+        const std::vector<Face> faces = calls::settle(detector, p.rgb, p.faces.size(), false, 5, seconds, check);
         for (const cv::Rect& label : p.faces) {
             labels += label.width >= 40;
             found += label.width >= 40 && bestOverlap(label, boxesOf(faces)) > 0.3;
@@ -216,10 +213,8 @@ TEST(KvodnnlSearch, StillPicturesShowTheirFacesWithinAFewCalls)
 TEST(KvodnnlSearch, ManyMovingFacesKeepTheirPointsOnTheirFaces)
 {
     const cv::Mat portrait = calls::portrait();
-    std::vector<cv::Point> placings;
-    for (int y : {230, 560})
-        for (int x : {160, 480, 800, 1120})
-            placings.emplace_back(x, y);
+    const std::vector<cv::Point> placings = {{160, 230}, {480, 230}, {800, 230}, {1120, 230},
+                                             {160, 560}, {480, 560}, {800, 560}, {1120, 560}};
     const auto picture = [&](cv::Point2d offset) {
         cv::Mat canvas(720, 1280, CV_8UC3, cv::Scalar::all(110));
         for (const cv::Point& at : placings)
