@@ -58,7 +58,8 @@ protected:
 // that many times, checking the totals after the last.
 TEST(FaceDetectorRateLimit, ScriptsOnAControlledClock)
 {
-    struct Step { double gapMs, detectionMs; bool face, returns; int detections, interval, repeat = 1; bool nullImage = false; };
+    struct Step { double gapMs, detectionMs; bool face, returns; int detections, interval, repeat = 1;
+                  bool nullImage = false; };
     const std::pair<const char*, std::vector<Step>> scripts[] = {
         {"the first call detects, close frames get the cache",
          {{0, 0, true, true, 1, 33}, {20, 0, true, true, 1, 33, 3000}}},
@@ -154,13 +155,10 @@ TEST(DnnFaceDetector, FindsThePortraitThroughTheLibrary)
         // The library shows a new picture's faces within a few calls (by the
         // fifth on a quiet machine), at 30 calls a second as a camera hands
         // them in.
-        bool found = false;
-        for (int call = 0; call < 300 && !found; ++call) {
-            found = d.detectFaces(portrait.convertToFormat(format), r, false);
-            if (!found)
-                std::this_thread::sleep_for(std::chrono::milliseconds(33));
-        }
-        ASSERT_TRUE(found);
+        int calls = 0;
+        while (!d.detectFaces(portrait.convertToFormat(format), r, false) && ++calls < 300)
+            std::this_thread::sleep_for(std::chrono::milliseconds(33));
+        ASSERT_LT(calls, 300) << "no face in 300 calls";
         ASSERT_EQ(r.faceRects.size(), 1u);
         ASSERT_EQ(r.keyPoints[0].size(), 196u);
         // A box round the face, the eye centres inside it.

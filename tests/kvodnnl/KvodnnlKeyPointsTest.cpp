@@ -8,10 +8,10 @@
 #include <gtest/gtest.h>
 #include <opencv2/imgproc.hpp>
 
+#include "Calls.h"
 #include "KeyPoints.h"
 #include "LabelledPictures.h"
 #include "Predictor.h"
-#include "TestUtil.h"
 #include "Tuning.h"
 
 namespace {
@@ -48,11 +48,8 @@ TEST(KvodnnlKeyPoints, ALateCallMovesThePointsAlongInsteadOfFitting)
 {
     Predictor predictor;
     dlib::deserialize("/usr/share/dlib/shape_predictor_68_face_landmarks.dat") >> predictor;
-    const QImage image = testutil::portrait(QImage::Format_Grayscale8);
-    ASSERT_FALSE(image.isNull());
-    const cv::Mat grey = cv::Mat(image.height(), image.width(), CV_8U, const_cast<uchar*>(image.constBits()),
-                                 static_cast<size_t>(image.bytesPerLine()))
-                             .clone();
+    cv::Mat grey;
+    cv::cvtColor(calls::portrait(), grey, cv::COLOR_RGB2GRAY);
     const dlib::rectangle face(179, 83, 266, 170);
     const PicturePtr before = pictureOf(grey);
     measureSlowdown(1.0);
