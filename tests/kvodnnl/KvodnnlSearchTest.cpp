@@ -186,8 +186,8 @@ TEST(KvodnnlSearch, StillPicturesShowTheirFacesWithinAFewCalls)
     for (bool wholePicture : {false, true}) {
         KVOAI::FaceDetector detector(KVOAI::DEFAULT, 1, 1);
         for (const labelled::Picture& p : pictures) {
-            SCOPED_TRACE(std::to_string(p.faces.size()) + " faces of " + std::to_string(p.faces[0].width)
-                         + " px, flagA " + std::to_string(wholePicture));
+            SCOPED_TRACE(testing::Message() << p.faces.size() << " faces of " << p.faces[0].width << " px, flagA "
+                                            << wholePicture);
             const auto check = [&](const std::vector<Face>& faces, int call) {
                 for (const cv::Rect& box : boxesOf(faces))
                     EXPECT_GT(bestOverlap(box, p.faces), 0.3) << "call " << call << ": a face at " << box;
@@ -219,9 +219,8 @@ TEST(KvodnnlSearch, ManyMovingFacesKeepTheirPointsOnTheirFaces)
     KVOAI::FaceDetector detector(KVOAI::DEFAULT, 1, 1);
     std::vector<Face> faces = calls::settle(detector, picture({0, 0}), placings.size());
     ASSERT_EQ(faces.size(), placings.size());
-    std::vector<cv::Point2d> start;
-    for (const Face& f : faces)
-        start.push_back(eyes(f));
+    std::vector<cv::Point2d> start(faces.size());
+    std::transform(faces.begin(), faces.end(), start.begin(), eyes);
     for (int call = 1; call <= 20; ++call) {
         const cv::Point2d offset(5.0 * call, 3.0 * call);
         faces = detector.Run(picture(offset), false, false, 1, 1, 50.f);
