@@ -16,61 +16,26 @@
 
 namespace {
 
-TEST(DriverLock, NestedTurnsOnOneThreadEndWithTheOutermost)
-{
-    EXPECT_FALSE(holdsGlDriverLock());
-    {
-        GlDriverTurn outer;
-        EXPECT_TRUE(holdsGlDriverLock());
-        {
-            GlDriverTurn inner;  // a worker's makeCurrent inside a scene's turn
-            EXPECT_TRUE(holdsGlDriverLock());
-        }
-        EXPECT_TRUE(holdsGlDriverLock());
-    }
-    EXPECT_FALSE(holdsGlDriverLock());
-}
-
-TEST(DriverLock, AnotherThreadWaitsUntilTheTurnIsGivenBack)
-{
-    std::atomic<int> step{0};
-    std::atomic<bool> otherHeld{false};
-    takeGlDriver();
-    std::thread other([&] {
-        EXPECT_FALSE(holdsGlDriverLock());
-        step = 1;
-        GlDriverTurn turn;
-        otherHeld = holdsGlDriverLock();
-        step = 2;
-    });
-    while (step.load() < 1)
-        std::this_thread::yield();
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    EXPECT_EQ(step.load(), 1) << "the other thread drew while this one held the turn";
-    releaseGlDriver();
-    other.join();
-    EXPECT_EQ(step.load(), 2);
-    EXPECT_TRUE(otherHeld.load());
-    EXPECT_FALSE(holdsGlDriverLock());
-}
-
-void waitForWaiters(int count)
+// Spins until `done` holds, up to 10 s.
+template <class Done>
+void spinUntil(Done done)
 {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (glDriverWaiters() < count && std::chrono::steady_clock::now() < deadline)
+    while (!done() && std::chrono::steady_clock::now() < deadline)
         std::this_thread::yield();
-    ASSERT_EQ(glDriverWaiters(), count);
 }
 
-// A channel that joins a busy process: busy channels wait for the turn, and
-// the new one, urgent, asks last; it gets the turn first, whether the holder
-// gives the turn back or only sets it aside for a wait on the rasterizer.
+// While one thread holds the turn the others wait for it. A channel that
+// joins a busy process: busy channels wait for the turn, and the new one,
+// urgent, asks last; it gets the turn first, whether the holder gives the
+// turn back or only sets it aside for a wait on the rasterizer.
 TEST(DriverLock, AnUrgentThreadGoesBeforeThoseThatWaitedLonger)
 {
     for (bool setAside : {false, true}) {
         std::mutex orderMutex;
         std::string order;
         auto turnOf = [&](char who, bool urgent) {
+            EXPECT_FALSE(holdsGlDriverLock()) << "the turn of another thread";
             setGlDriverUrgent(urgent);
             GlDriverTurn turn;
             std::lock_guard<std::mutex> lock(orderMutex);
@@ -81,14 +46,13 @@ TEST(DriverLock, AnUrgentThreadGoesBeforeThoseThatWaitedLonger)
         const std::vector<std::pair<char, bool>> comers = {{'a', false}, {'b', false}, {'U', true}};
         for (const auto& [who, urgent] : comers) {
             others.emplace_back(turnOf, who, urgent);
-            waitForWaiters(int(others.size()));
+            spinUntil([&] { return glDriverWaiters() >= int(others.size()); });
+            EXPECT_EQ(glDriverWaiters(), int(others.size()));
         }
         if (setAside) {
             const int holds = setGlDriverAside();
             // The urgent thread draws while this one waits on the rasterizer.
-            const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-            while (glDriverWaiters() > 2 && std::chrono::steady_clock::now() < deadline)
-                std::this_thread::yield();
+            spinUntil([] { return glDriverWaiters() <= 2; });
             takeGlDriverBack(holds);
         }
         releaseGlDriver();
@@ -123,8 +87,12 @@ TEST(DriverLock, UrgencyIsTheThreadsOwnAndAScopeGivesItBack)
     setGlDriverUrgent(false);
 }
 
-TEST(DriverLock, SetAsideGivesBackEveryTakeAndTakesThemAllAgain)
+// Takes nest on one thread (a worker's makeCurrent inside a scene's turn):
+// the turn is held until the outermost is given back. Set aside, every take
+// is given back, and all are taken again.
+TEST(DriverLock, NestedTakesEndWithTheOutermostAndAreSetAsideTogether)
 {
+    EXPECT_FALSE(holdsGlDriverLock());
     for (int depth : {0, 1, 3}) {
         for (int i = 0; i < depth; ++i)
             takeGlDriver();
@@ -141,8 +109,11 @@ TEST(DriverLock, SetAsideGivesBackEveryTakeAndTakesThemAllAgain)
         EXPECT_TRUE(other.get());
         takeGlDriverBack(holds);
         EXPECT_EQ(glDriverHolds(), depth);
-        for (int i = 0; i < depth; ++i)
+        for (int i = 0; i < depth; ++i) {
+            EXPECT_TRUE(holdsGlDriverLock()) << "given back before the outermost take, depth " << depth;
             releaseGlDriver();
+        }
+        EXPECT_FALSE(holdsGlDriverLock());
     }
     EXPECT_EQ(glDriverHolds(), 0);
 }
@@ -160,14 +131,12 @@ TEST(DriverLock, AHolderOfTheTurnNeverWaitsForTheSharedTextureLock)
             SharedTexturesLocked reading(SharedTexturesLocked::Writing == mode ? SharedTexturesLocked::Reading
                                                                                : SharedTexturesLocked::Writing);
             readerHasLock = true;
-            while (!writerWaiting.load())
-                std::this_thread::yield();
+            spinUntil([&] { return writerWaiting.load(); });
             std::this_thread::sleep_for(std::chrono::milliseconds(30));
             GlDriverTurn turn;  // the set-aside turn taken back
             return true;
         });
-        while (!readerHasLock.load())
-            std::this_thread::yield();
+        spinUntil([&] { return readerHasLock.load(); });
         auto channel = std::async(std::launch::async, [&] {
             GlDriverTurn turn;
             writerWaiting = true;
