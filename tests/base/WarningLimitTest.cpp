@@ -19,12 +19,7 @@ using lumenlog::WarningLimiter;
 
 TEST(WarningLimit, TextsThatDifferOnlyInTheirNumbersAreOneMessage)
 {
-    struct Case {
-        const char* a;
-        const char* b;
-        bool same;
-    };
-    const Case cases[] = {
+    const struct { const char *a, *b; bool same; } cases[] = {
         {"[F::f] 5 is not a filter type; call dropped", "[F::f] 17 is not a filter type; call dropped", true},
         {"[F::f] -2 is not a filter type", "[F::f] 16 is not a filter type", true},
         {"dropped a frame of 1921 x 1080", "dropped a frame of 3 x 3", true},
@@ -34,25 +29,18 @@ TEST(WarningLimit, TextsThatDifferOnlyInTheirNumbersAreOneMessage)
         {"face 2 has fewer than 98 key points", "face 2 has fewer than 98 key points, skipped", false},
         {"range 3-4", "range 3", false},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases)
         EXPECT_EQ(warningKey("lumen_fx.channel", c.a) == warningKey("lumen_fx.channel", c.b), c.same)
             << c.a << " | " << c.b;
-    }
     EXPECT_NE(warningKey("lumen_fx.channel", "no picture"), warningKey("lumen_fx.gpu", "no picture"));
     EXPECT_EQ(warningKey("c", "x-12.5y7 -"), QString("c:x#y# -"));
 }
 
 TEST(WarningLimit, EachMessageIsWrittenOnceThenOnePlaceWritesOneRepeatInTenSeconds)
 {
-    struct Step {
-        const char* key;
-        const char* site;
-        qint64 atMs;
-        bool write;
-        int leftOut;  // for a written warning, how many it reports left out
-    };
+    // leftOut: for a written warning, how many it reports left out.
     const qint64 t = kWarningIntervalMs;
-    const Step steps[] = {
+    const struct { const char *key, *site; qint64 atMs; bool write; int leftOut; } steps[] = {
         {"a", "s1", 0, true, 0},
         {"a", "s1", 1, false, 1},
         {"b", "s1", 2, true, 0},   // a new message of the same place is written at once...
@@ -68,7 +56,7 @@ TEST(WarningLimit, EachMessageIsWrittenOnceThenOnePlaceWritesOneRepeatInTenSecon
         {"a", "s1", 5 * t, true, 0},  // a quiet place writes again at once
     };
     WarningLimiter limiter;
-    for (const Step& step : steps) {
+    for (const auto& step : steps) {
         const WarningLimiter::Verdict verdict = limiter.admit(step.key, step.site, step.atMs);
         EXPECT_EQ(verdict.write, step.write) << step.key << " at " << step.atMs;
         EXPECT_EQ(verdict.leftOut, step.leftOut) << step.key << " at " << step.atMs;
