@@ -25,16 +25,9 @@
 
 namespace {
 
-long long steadyNs()
-{
-    return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch())
-        .count();
-}
-
 struct Engine {
-    int faceScene = -1, plainScene = -1;
+    int faceScene = -1, plainScene = -1, plainChannel = -1, waitingChannel = -1, loneChannel = -1;
     QList<int> faceChannels;
-    int plainChannel = -1, waitingChannel = -1, loneChannel = -1;
 };
 
 // Face channels with all four effects, the picture pass and a sticker.
@@ -79,12 +72,6 @@ void feedOnce(OpenglImageManager* m, const Engine& e, const QImage& picture)
     m->getMergeImg(e.faceScene, merged);
 }
 
-void announceExit()
-{
-    std::printf("exiting %lld\n", steadyNs());
-    std::fflush(stdout);
-}
-
 }  // namespace
 
 int main(int argc, char** argv)
@@ -119,23 +106,21 @@ int main(int argc, char** argv)
 
     if (mode == "busy-exit") {
         feeder.detach();
-        announceExit();
-        std::exit(0);
+    } else {
+        feeding = false;
+        feeder.join();
     }
-    feeding = false;
-    feeder.join();
-    if (mode == "exit") {
-        announceExit();
+    const auto now = std::chrono::steady_clock::now().time_since_epoch();
+    std::printf("exiting %lld\n", static_cast<long long>(std::chrono::nanoseconds(now).count()));
+    std::fflush(stdout);
+    if (mode == "exit" || mode == "busy-exit")
         std::exit(0);
-    }
     if (mode == "delete-app") {
-        announceExit();
         delete app;
         // The engine has let go of everything; the process goes on without it.
         QThread::msleep(50);
         return 0;
     }
-    announceExit();
     std::unique_ptr<QGuiApplication> scope(app);
     return 0;
 }

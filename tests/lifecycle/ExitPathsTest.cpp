@@ -47,9 +47,7 @@ TEST_P(ExitPaths, EndWithStatusZeroQuicklyAndQuietly)
         host.start(LUMEN_EXIT_HOST, {GetParam()});
         ASSERT_TRUE(host.waitForStarted(5000));
         const bool finished = host.waitForFinished(30000);
-        const qint64 endNs =
-            std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch())
-                .count();
+        const qint64 endNs = std::chrono::nanoseconds(std::chrono::steady_clock::now().time_since_epoch()).count();
         if (!finished)
             host.kill();
         ASSERT_TRUE(finished) << "run " << run << ": the process hangs";
@@ -74,9 +72,6 @@ TEST_P(ExitPaths, EndWithStatusZeroQuicklyAndQuietly)
 }
 
 INSTANTIATE_TEST_SUITE_P(Host, ExitPaths, ::testing::Values("return", "exit", "delete-app", "busy-exit"),
-                         [](const ::testing::TestParamInfo<const char*>& info) {
-                             QString name = info.param;
-                             return name.remove('-').toStdString();
-                         });
+                         [](const auto& info) { return QString(info.param).remove('-').toStdString(); });
 
 }  // namespace

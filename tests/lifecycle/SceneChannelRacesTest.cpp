@@ -16,14 +16,6 @@
 
 namespace {
 
-_channel_merge_param slot(int channelId, const QRect& rect)
-{
-    _channel_merge_param p;
-    p.channelId = channelId;
-    p.rect = rect;
-    return p;
-}
-
 bool pixelIs(const QImage& image, int x, int y, const QColor& colour, int tolerance = 2)
 {
     const QColor c = image.pixelColor(x, y);
@@ -43,7 +35,7 @@ TEST(SceneChannelRaces, BufferMapReplacedWhileMergesWalkIt)
     OpenglFileMerger merger(kScene);
     QList<_channel_merge_param> params;
     for (int id = 0; id < 1000; ++id)
-        params << slot(id, QRect(0, 0, 8, 8));
+        params << _channel_merge_param{id, QRect(0, 0, 8, 8), 0, {}};
 
     std::atomic<int> merges{0};
     QImage merged(32, 32, QImage::Format_BGR888);
@@ -84,13 +76,12 @@ TEST(SceneChannelRaces, ChannelsStoppedWhileTheirSceneMerges)
         auto* channel = new ImageFilters(kScene, id, true);
         scene->addChannel(id, channel->sharedTextureBuffer());
         channels << channel;
-        params << slot(id, QRect(id * 64, 0, 64, 64));
+        params << _channel_merge_param{id, QRect(id * 64, 0, 64, 64), 0, {}};
     }
     auto mergeRound = [&] {
-        for (const QPointer<ImageFilters>& channel : channels) {
+        for (const QPointer<ImageFilters>& channel : channels)
             if (channel)
                 channel->writeFrame(red, false, true, false);
-        }
         scene->mergeImages(params, 192, 64, background, QImage(), QImage());
         QImage merged;
         scene->getMergeImg(merged);
@@ -105,12 +96,7 @@ TEST(SceneChannelRaces, ChannelsStoppedWhileTheirSceneMerges)
 
     for (const QPointer<ImageFilters>& channel : channels)
         channel->stop();
-    ASSERT_TRUE(testutil::waitFor(
-        [&] {
-            mergeRound();
-            return !channels[0] && !channels[1] && !channels[2];
-        },
-        10000))
+    ASSERT_TRUE(testutil::waitFor([&] { mergeRound(); return !channels[0] && !channels[1] && !channels[2]; }, 10000))
         << "each channel ends its thread and deletes itself";
     EXPECT_TRUE(testutil::waitFor([&] { return allSlots(mergeRound(), background); }, 3000))
         << "the scene goes on, passing over the stopped channels";
