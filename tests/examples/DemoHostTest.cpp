@@ -11,10 +11,8 @@ TEST(DemoHost, RefusesAMergedSizeBeyondTheLimits)
 {
     const QString out = testutil::outputPath("demo") + "/refused.png";
     QFile::remove(out);
-    const struct {
-        const char* size;
-        bool refused;
-    } cases[] = {{"2560x720", true}, {"1080x1921", true}, {"1x1", true}, {"1920x1080", false}, {"1080x1920", false}};
+    const struct { const char* size; bool refused; } cases[] = {
+        {"2560x720", true}, {"1080x1921", true}, {"1x1", true}, {"1920x1080", false}, {"1080x1920", false}};
     for (const auto& c : cases) {
         QProcess demo;
         // A size that passes goes on to the picture, which isn't there.

@@ -2,12 +2,12 @@
 // zooms in and out and tilts: each picture is the last one seen by a camera
 // that moved, not a new scene, and the face's key points stay on it.
 #include <chrono>
-#include <cmath>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include <QImage>
+#include <QLineF>
 #include <gtest/gtest.h>
 #include <kvodnnl/kvodnnl.h>
 #include <opencv2/imgproc.hpp>
@@ -32,10 +32,7 @@ cv::Mat greyOf(const QImage& image)
 }
 
 // Centre of the eye whose centre point is `index` (96 or 97).
-cv::Point2d eye(const Face& f, int index)
-{
-    return {static_cast<double>(f.points[2 * index]), static_cast<double>(f.points[2 * index + 1])};
-}
+QPointF eye(const Face& f, int index) { return QPointF(f.points[2 * index], f.points[2 * index + 1]); }
 
 }  // namespace
 
@@ -83,11 +80,10 @@ TEST(FootageFaces, TheFaceIsFollowedWhileTheCameraZooms)
         const std::vector<Face> faces = detector.Run(frame, false, false, 1, 1, 50.f);
         SCOPED_TRACE("at " + std::to_string(t) + " s, zoom " + std::to_string(footage.zoom(t)));
         ASSERT_EQ(faces.size(), 1u);
-        const QPointF a = footage.toFrame(QPointF(eye(truth, 96).x, eye(truth, 96).y), t);
-        const QPointF b = footage.toFrame(QPointF(eye(truth, 97).x, eye(truth, 97).y), t);
-        const double eyes = std::hypot(a.x() - b.x(), a.y() - b.y());
-        worst = std::max({worst, cv::norm(eye(faces[0], 96) - cv::Point2d(a.x(), a.y())) / eyes,
-                          cv::norm(eye(faces[0], 97) - cv::Point2d(b.x(), b.y())) / eyes});
+        const QPointF a = footage.toFrame(eye(truth, 96), t), b = footage.toFrame(eye(truth, 97), t);
+        const double eyes = QLineF(a, b).length();
+        worst = std::max({worst, QLineF(eye(faces[0], 96), a).length() / eyes,
+                          QLineF(eye(faces[0], 97), b).length() / eyes});
         std::this_thread::sleep_until(next);
     }
     EXPECT_LT(worst, 0.1);

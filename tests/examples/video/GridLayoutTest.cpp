@@ -7,24 +7,12 @@
 
 namespace {
 
-struct GridCase {
-    const char* name;
-    QList<QSize> inputs;
-    bool compare;
-    QSize size;
-    int columns, rows;
-    QSize cell;  // of each picture
-};
+// cell: the size of each picture.
+struct GridCase { const char* name; QList<QSize> inputs; bool compare; QSize size; int columns, rows; QSize cell; };
 
 const QSize k720(1280, 720), k1080(1920, 1080);
 
-QList<QSize> times(int n, const QSize& size)
-{
-    QList<QSize> sizes;
-    while (sizes.size() < n)
-        sizes << size;
-    return sizes;
-}
+QList<QSize> times(int n, const QSize& size) { return QVector<QSize>(n, size).toList(); }
 
 const GridCase kGrids[] = {
     {"OneFillsThePicture", {k720}, false, k720, 1, 1, k720},
@@ -74,11 +62,7 @@ INSTANTIATE_TEST_SUITE_P(Video, Grid, ::testing::ValuesIn(kGrids),
 
 TEST(Grid, DefaultSizesAreEvenAndWithinTheMergeLimits)
 {
-    const struct {
-        QList<QSize> inputs;
-        bool compare;
-        QSize expected;
-    } cases[] = {
+    const struct { QList<QSize> inputs; bool compare; QSize expected; } cases[] = {
         {{QSize(1280, 720)}, false, QSize(1280, 720)},
         {{QSize(853, 479)}, false, QSize(852, 478)},
         {{QSize(3840, 2160)}, false, QSize(1920, 1080)},

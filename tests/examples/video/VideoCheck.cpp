@@ -200,10 +200,7 @@ Mean meanOf(const QImage& picture, const QRect& area)
             m.blue += qBlue(p);
         }
     const double n = double(r.width()) * r.height();
-    m.red /= n;
-    m.green /= n;
-    m.blue /= n;
-    return m;
+    return {m.red / n, m.green / n, m.blue / n};
 }
 
 }  // namespace videocheck

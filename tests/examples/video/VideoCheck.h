@@ -2,6 +2,7 @@
 // Helpers of the recorder's tests: clips made for them, the recorder run as
 // a program of its own, and what its output holds, read back with FFmpeg.
 #include <functional>
+#include <string>
 #include <vector>
 
 #include <QColor>
@@ -10,6 +11,9 @@
 #include <QStringList>
 
 namespace videocheck {
+
+// Names a parameterised test after its case's `name`.
+struct ByName { template <class Info> std::string operator()(const Info& info) const { return info.param.name; } };
 
 // A folder of the test's own under the test output, emptied.
 QString scratch(const char* name);
@@ -47,6 +51,9 @@ struct RunResult {
     bool crashed = false;
     int status = -1;
     QString out, err;
+    // Finished, without a crash, with status `want`.
+    bool endedWith(int want) const { return finished && !crashed && status == want; }
+    std::string report() const { return "status " + std::to_string(status) + ": " + err.toStdString(); }
 };
 // Runs lumen_fx_video with the arguments (quiet), up to `timeoutMs`.
 RunResult record(const QStringList& arguments, int timeoutMs = 120000);

@@ -73,8 +73,7 @@ TEST(VideoRecorder, BeforeAndAfterShowTheEffectsOnTheFaceOnlyWithTheSoundKept)
     const auto hold = [&](double t) { return t < 1 ? t : t < still ? 1.0 : t - kFaceLag; };
     ASSERT_TRUE(writeFaceClip(clip, QSize(1280, 720), 25, seconds, true, hold));
     const RunResult run = record({"--compare", "--redlips", "300", "--smooth", "100", clip, "-o", out});
-    ASSERT_TRUE(run.finished && !run.crashed) << run.err.toStdString();
-    ASSERT_EQ(run.status, 0) << run.err.toStdString();
+    ASSERT_TRUE(run.endedWith(0)) << run.report();
     EXPECT_TRUE(run.out.contains(QString("read %1 (face.mp4); recorded %1 frames").arg(frames)))
         << run.out.toStdString();
     EXPECT_FALSE(run.err.contains("warning")) << run.err.toStdString();
@@ -114,7 +113,7 @@ TEST(VideoRecorder, RateAndLengthAsAsked)
     const QString clip = dir + "/face.mp4", out = dir + "/out.mkv";
     ASSERT_TRUE(writeFaceClip(clip, QSize(640, 360), 25, 2.5));
     const RunResult run = record({"--fps", "10", "--duration", "1.2", "-s", "853x479", clip, "-o", out});
-    ASSERT_EQ(run.status, 0) << run.err.toStdString();
+    ASSERT_TRUE(run.endedWith(0)) << run.report();
     EXPECT_FALSE(run.err.contains("warning")) << "an input left before its end is not cut off\n"
                                               << run.err.toStdString();
     EXPECT_TRUE(run.out.contains("recorded 12 frames (1.20 s at 10 fps)")) << run.out.toStdString();
@@ -136,19 +135,14 @@ TEST(VideoRecorder, GridOfMixedKindsSizesAndRatesPlaysEachInputAtItsOwnTimes)
     QStringList args;
     QList<QSize> sizes;
     for (const auto& in : inputs) {
-        const auto colour = [&](int level) {
-            int c[3] = {40, 40, 40};
-            c[in.channel] = level;
-            return QColor(c[0], c[1], c[2]);
-        };
+        const auto colour = [c = in.channel](int l) { return QColor(c ? 40 : l, c == 1 ? l : 40, c == 2 ? l : 40); };
         ASSERT_TRUE(writeRampClip(dir + "/" + in.name, in.size, in.fps, in.seconds, colour, in.encoder)) << in.name;
         args << dir + "/" + in.name;
         sizes << in.size;
     }
     const QString out = dir + "/grid.mp4";
     const RunResult run = record(args + QStringList{"-o", out});
-    ASSERT_TRUE(run.finished && !run.crashed) << run.err.toStdString();
-    ASSERT_EQ(run.status, 0) << run.err.toStdString();
+    ASSERT_TRUE(run.endedWith(0)) << run.report();
     EXPECT_TRUE(run.out.contains("read 50 (a.avi), 90 (b.mkv), 15 (c.gif); recorded 75 frames"))
         << run.out.toStdString();
     const Probe p = probe(out);
@@ -198,8 +192,7 @@ TEST_P(DamagedInput, PlaysAsFarAsItDecodesWithAWarning)
     }
     file.close();
     const RunResult run = record({clip, "-o", out});
-    ASSERT_TRUE(run.finished && !run.crashed) << run.err.toStdString();
-    EXPECT_EQ(run.status, 0) << run.err.toStdString();
+    ASSERT_TRUE(run.endedWith(0)) << run.report();
     EXPECT_TRUE(run.err.contains("warning: '" + clip + "'")) << run.err.toStdString();
     const Probe p = probe(out);
     ASSERT_TRUE(p.ok);
@@ -210,8 +203,7 @@ TEST_P(DamagedInput, PlaysAsFarAsItDecodesWithAWarning)
 INSTANTIATE_TEST_SUITE_P(Video, DamagedInput,
                          ::testing::Values(Damage{"CutOffMp4", "cut.mp4", 0.5, true},
                                            Damage{"CutOffMatroska", "cut.mkv", 0.5, true},
-                                           Damage{"OverwrittenMatroska", "hole.mkv", 0.4, false}),
-                         [](const auto& info) { return std::string(info.param.name); });
+                                           Damage{"OverwrittenMatroska", "hole.mkv", 0.4, false}), ByName());
 
 // A flash in the pictures and a beep in the sound at the same moment stay
 // together in the output, whether the channel hands its pictures on as they
@@ -233,7 +225,7 @@ TEST_P(PicturesAndSound, StayTogether)
         [&](double t) { return lit(t) ? static_cast<float>(0.5 * std::sin(2 * M_PI * 1000 * t)) : 0.0f; }, error))
         << error.toStdString();
     const RunResult run = record(GetParam().effects + QStringList{clip, "-o", out});
-    ASSERT_EQ(run.status, 0) << run.err.toStdString();
+    ASSERT_TRUE(run.endedWith(0)) << run.report();
 
     std::vector<double> times;
     for (int i = 0; i < 100; ++i)
@@ -251,5 +243,4 @@ TEST_P(PicturesAndSound, StayTogether)
 
 INSTANTIATE_TEST_SUITE_P(Video, PicturesAndSound,
                          ::testing::Values(Sync{"HandedOn", {}}, Sync{"FaceEffects", {"--smooth", "60"}},
-                                           Sync{"PicturePass", {"--brightness", "0"}}),
-                         [](const auto& info) { return std::string(info.param.name); });
+                                           Sync{"PicturePass", {"--brightness", "0"}}), ByName());
