@@ -36,16 +36,6 @@ struct ScopedContext {
     bool ok = false;
 };
 
-// Bytes of one pixel of an RGBA8888 picture.
-struct Rgba {
-    int r, g, b, a;
-};
-inline Rgba rgbaAt(const QImage& image, int x, int y)
-{
-    const uchar* p = image.constScanLine(y) + 4 * x;
-    return {p[0], p[1], p[2], p[3]};
-}
-
 using Where = std::function<bool(int x, int y)>;
 
 // How many pixels of two pictures of one size differ, as RGBA, in some byte

@@ -31,11 +31,8 @@ TEST_F(ShaderMath, ColourShadersMatchTheirCpuFormulas)
 {
     const QImage input = testPicture(64, 64, true);
     const std::vector<float> face = {0.25f, 0.25f, 0.5f, 0.5f};
-    struct Case {
-        const char *label, *stem;
-        Uniforms uniforms;
-        std::function<Colour(Colour, int x, int y)> cpu;
-    } cases[] = {
+    const struct { const char *label, *stem; Uniforms uniforms; std::function<Colour(Colour, int, int)> cpu; }
+    cases[] = {
         {"copy", "image_filter", {{"premulAlpha", {0}}}, [](Colour c, int, int) { return c; }},
         {"premultiply", "image_filter", {{"premulAlpha", {1}}}, [](Colour c, int, int) { return premultiplied(c); }},
         // Whitening at its filter's strengths is checked through the channel
@@ -56,7 +53,7 @@ TEST_F(ShaderMath, ColourShadersMatchTheirCpuFormulas)
         // through the picture pass.
         {"sticker", "sticker_filter", {{"premulAlpha", {0}}}, [](Colour c, int, int) { return c; }},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         const QImage out = render(gl, c.stem, input, c.uniforms);
         EXPECT_TRUE(gltest::sameImage(out, mapPixels(input, c.cpu), 1, c.label)) << c.label;
     }
@@ -88,6 +85,7 @@ TEST_F(ShaderMath, SlimFaceWarpMatchesCpuChain)
     }
     put(16, 32, 52), put(53, 32, 30), put(90, 32, 44), put(96, 20, 20), put(97, 44, 20);
     for (float strength : {0.0f, 1.0f, 3.0f}) {
+        SCOPED_TRACE(strength);
         const QImage out = render(gl, "slimface_filter", ramp,
                                   {{"slimStrength", {strength}}, {"textureWidth", {64}}, {"textureHeight", {64}},
                                    {"slim_face_area", {2, 3, 60, 60}}, {"keyPoints", k}},
@@ -105,9 +103,9 @@ TEST_F(ShaderMath, SlimFaceWarpMatchesCpuChain)
                     }
                 u += 2, v += 3;
                 // Clamped to the edge texels beyond the picture.
-                const gltest::Rgba got = gltest::rgbaAt(out, x, y);
-                EXPECT_NEAR(got.r, 4 * std::clamp(u - 0.5f, 0.0f, 63.0f), 1.5f) << x << "," << y << " at " << strength;
-                EXPECT_NEAR(got.g, 4 * std::clamp(v - 0.5f, 0.0f, 63.0f), 1.5f) << x << "," << y << " at " << strength;
+                const Colour got = colourAt(out, x, y);
+                EXPECT_NEAR(got.r * 255, 4 * std::clamp(u - 0.5f, 0.0f, 63.0f), 1.5f) << x << "," << y;
+                EXPECT_NEAR(got.g * 255, 4 * std::clamp(v - 0.5f, 0.0f, 63.0f), 1.5f) << x << "," << y;
                 moved += std::abs(u - (x + 0.5f)) > 0.25f || std::abs(v - (y + 0.5f)) > 0.25f;
             }
         EXPECT_EQ(moved > 10, strength > 0) << "the warp moves the jaw, and only with a strength";

@@ -18,9 +18,7 @@
 
 namespace reference {
 
-struct Colour {
-    float r, g, b, a;
-};
+struct Colour { float r, g, b, a; };
 
 inline float clamp01(float v) { return std::min(1.0f, std::max(0.0f, v)); }
 inline float mix(float a, float b, float t) { return a + (b - a) * t; }
@@ -29,7 +27,8 @@ inline Colour clamp(Colour c) { return {clamp01(c.r), clamp01(c.g), clamp01(c.b)
 inline float luma(Colour c) { return c.r * 0.299f + c.g * 0.587f + c.b * 0.114f; }
 inline Colour screen(Colour c)
 {
-    return {1 - (1 - c.r) * (1 - c.r), 1 - (1 - c.g) * (1 - c.g), 1 - (1 - c.b) * (1 - c.b), c.a};
+    const auto s = [](float v) { return 1 - (1 - v) * (1 - v); };
+    return {s(c.r), s(c.g), s(c.b), c.a};
 }
 inline Colour premultiplied(Colour c) { return {c.r * c.a, c.g * c.a, c.b * c.a, c.a}; }
 
@@ -57,10 +56,7 @@ inline Colour whiten(Colour c, float whitening, float redden, float pinking)
 }
 
 // The whitening filter's strength (0 to 100) as the shader's three inputs.
-inline Colour whitenAtStrength(Colour c, float strength)
-{
-    return whiten(c, strength / 100, strength / 200, strength / 100);
-}
+inline Colour whitenAtStrength(Colour c, float s) { return whiten(c, s / 100, s / 200, s / 100); }
 
 // The lip tint: a mix towards one lip colour.
 inline Colour tintLips(Colour c, float strength) { return mix(c, Colour{0.502f, 0.122f, 0.102f, c.a}, strength); }
@@ -68,8 +64,8 @@ inline Colour tintLips(Colour c, float strength) { return mix(c, Colour{0.502f, 
 // One pixel of an RGBA8888 picture, channels 0 to 1.
 inline Colour colourAt(const QImage& image, int x, int y)
 {
-    const gltest::Rgba p = gltest::rgbaAt(image, x, y);
-    return {p.r / 255.0f, p.g / 255.0f, p.b / 255.0f, p.a / 255.0f};
+    const uchar* p = image.constScanLine(y) + 4 * x;
+    return {p[0] / 255.0f, p[1] / 255.0f, p[2] / 255.0f, p[3] / 255.0f};
 }
 
 // `input` with each pixel replaced by `f` of it (channels 0 to 1), rounded to
