@@ -40,15 +40,13 @@ QPointF warped(double x, double y, const std::vector<int32_t>& points, QPointF c
     const double eyes = std::hypot(at(97).x() - at(96).x(), at(97).y() - at(96).y());
     QPointF c = QPointF(x, y) - corner;
     const double lift = strength / 100 * 0.012;
-    for (int s = 5; s <= 15; ++s) {
+    for (int s = 5; s <= 15; ++s)
         for (int k : {s, 32 - s}) {
             const QPointF origin = at(k);
             const QPointF pull = (at(s <= 8 ? 53 : 90) - origin) * lift * (s <= 7 ? 1 : 2);
             const double away = std::hypot(c.x() - origin.x(), c.y() - origin.y());
-            const double reach = std::max(0.0, std::min(1.0, 1.0 - away / eyes));
-            c -= pull * reach;
+            c -= pull * std::clamp(1.0 - away / eyes, 0.0, 1.0);
         }
-    }
     return c + corner;
 }
 
@@ -60,16 +58,9 @@ QPointF warped(double x, double y, const std::vector<int32_t>& points, QPointF c
 TEST(FaceRegions, SlimRegionCoversEveryPixelTheWarpMovesAndReads)
 {
     const std::vector<int32_t> points = closeUpPoints();
-    const struct {
-        const char* name;
-        QPointF corner;
-        double strength;
-    } cases[] = {
-        {"a close-up", {480, 120}, 80},
-        {"at full strength", {480, 120}, 100},
-        {"far beyond it", {480, 120}, 600},
-        {"cut by the left edge", {-90, 200}, 100},
-    };
+    const struct { const char* name; QPointF corner; double strength; } cases[] = {
+        {"a close-up", {480, 120}, 80}, {"at full strength", {480, 120}, 100},
+        {"far beyond it", {480, 120}, 600}, {"cut by the left edge", {-90, 200}, 100}};
     const int width = 1280, height = 720;
     for (const auto& c : cases) {
         const std::map<std::string, double> face = {
@@ -78,7 +69,7 @@ TEST(FaceRegions, SlimRegionCoversEveryPixelTheWarpMovesAndReads)
         const QRect region = faceregions::slimRegion(face, points, width, height, reads);
         const QRectF readable = QRectF(region).adjusted(-reads, -reads, reads, reads);
         int moved = 0, outside = 0, readOutside = 0;
-        for (int y = 0; y < height; ++y) {
+        for (int y = 0; y < height; ++y)
             for (int x = 0; x < width; ++x) {
                 const QPointF to = warped(x + 0.5, y + 0.5, points, c.corner, c.strength);
                 if (std::abs(to.x() - x - 0.5) < 1e-9 && std::abs(to.y() - y - 0.5) < 1e-9)
@@ -88,7 +79,6 @@ TEST(FaceRegions, SlimRegionCoversEveryPixelTheWarpMovesAndReads)
                 const QPointF read(std::clamp(to.x(), 0.0, width - 0.5), std::clamp(to.y(), 0.0, height - 0.5));
                 readOutside += readable.contains(read) ? 0 : 1;
             }
-        }
         EXPECT_GT(moved, 10000) << c.name;
         EXPECT_EQ(outside, 0) << c.name << ": moved pixels outside the region";
         EXPECT_EQ(readOutside, 0) << c.name << ": reads outside the copied area";

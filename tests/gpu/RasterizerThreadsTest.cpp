@@ -10,12 +10,8 @@ namespace {
 
 TEST(RasterizerThreads, OneThreadACoreAndNoneWithOneCore)
 {
-    const struct {
-        int cores;
-        const char* setting;
-    } rows[] = {
-        {-1, "0"}, {0, "0"}, {1, "0"}, {2, "2"}, {3, "3"}, {8, "8"}, {16, "16"}, {17, "16"}, {64, "16"},
-    };
+    const struct { int cores; const char* setting; } rows[] = {
+        {-1, "0"}, {0, "0"}, {1, "0"}, {2, "2"}, {3, "3"}, {8, "8"}, {16, "16"}, {17, "16"}, {64, "16"}};
     for (const auto& row : rows)
         EXPECT_EQ(rasterizer::threadsSetting(row.cores), row.setting) << row.cores << " cores";
 }

@@ -50,15 +50,11 @@ TEST(StickerPlacement, AnchorOnTheKeyPointWidthAlongTheTurn)
     StickerInfo unlimited = record("GLASSES01");
     unlimited.angle_limit = 0;
     const float offsetRatio = 80 / std::hypot(640.0f, 360 / (1280 / 720.0f));  // e / |c| without a turn
-    const struct {
-        const char* name;
-        StickerInfo info;
-        std::vector<float> angles;                 // pitch, yaw, roll
-        std::optional<int> before;                 // eye distance of the face drawn before
-        QPointF anchor;                            // where the anchor lands
-        float eyes;                                // the eye distance used
-        std::vector<float> turn;                   // the angles that turn it
-    } cases[] = {
+    // Angles: pitch, yaw, roll; before: the eye distance of the face drawn
+    // before; anchor: where the anchor lands; eyes: the eye distance used;
+    // turn: the angles that turn it.
+    const struct { const char* name; StickerInfo info; std::vector<float> angles; std::optional<int> before;
+                   QPointF anchor; float eyes; std::vector<float> turn; } cases[] = {
         {"still", record("GLASSES01"), {0, 0, 0}, {}, {640, 300}, 80, {0, 0, 0}},
         {"rolled", record("GLASSES01"), {0, 0, 20}, {}, {640, 300}, 80, {0, 0, 20}},
         // Looking down with a large yaw: yaw held at 20, the roll halved.
