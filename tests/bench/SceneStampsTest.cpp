@@ -10,18 +10,14 @@
 
 #include "stress/ControlScenes.h"
 #include "stress/SceneStamps.h"
+#include "TestUtil.h"
 
 namespace {
 
 using stress::stamped;
 using stress::stampsIn;
 
-QImage portrait()
-{
-    static const QImage picture =
-        QImage(LUMEN_TESTDATA_DIR "/astronaut.png").convertToFormat(QImage::Format_RGB32).scaled(640, 480);
-    return picture;
-}
+QImage portrait() { return testutil::portrait(QImage::Format_RGB32).scaled(640, 480); }
 
 // Each channel of every pixel moved by `delta`, as a brightness filter does.
 QImage brighter(const QImage& picture, int delta)
@@ -50,12 +46,7 @@ QImage sideBySide(const QImage& a, const QImage& b)
 TEST(SceneStamps, AStampIsFoundThroughWhatAMergeDoesToItAndNothingElseIsTakenForOne)
 {
     const QImage two = stamped(portrait(), 2);
-    struct Case {
-        const char* name;
-        QImage picture;
-        unsigned expected;
-    };
-    const Case cases[] = {
+    const struct { const char* name; QImage picture; unsigned expected; } cases[] = {
         {"as stamped", two, 1u << 2},
         {"scaled to a third, smoothly", two.scaled(213, 160, Qt::IgnoreAspectRatio, Qt::SmoothTransformation), 1u << 2},
         {"scaled up, smoothly", two.scaled(1500, 1100, Qt::IgnoreAspectRatio, Qt::SmoothTransformation), 1u << 2},
@@ -74,7 +65,7 @@ TEST(SceneStamps, AStampIsFoundThroughWhatAMergeDoesToItAndNothingElseIsTakenFor
         {"grey", [] { QImage g(320, 240, QImage::Format_RGB888); g.fill(QColor(53, 53, 53)); return g; }(), 0},
         {"a null picture", QImage(), 0},
     };
-    for (const Case& c : cases)
+    for (const auto& c : cases)
         EXPECT_EQ(stampsIn(c.picture), c.expected) << c.name;
 }
 
@@ -103,7 +94,6 @@ TEST(SceneStamps, AControlPictureCarriesItsStampAndDifferencesCountTheWorstChann
     changed.scanLine(700)[3 * 1000 + 1] ^= 0x07;  // one channel of one pixel, by up to 7
     const int expected =
         std::abs(int(control.pixelColor(1000, 700).green()) - int(changed.pixelColor(1000, 700).green()));
-    EXPECT_GT(expected, 0);
     EXPECT_EQ(stress::worstDifference(control, changed), expected);
     EXPECT_EQ(stress::worstDifference(control, control.scaled(1280, 719)), 256);
 }

@@ -13,20 +13,32 @@
 #include "filters/BeautyFilterBase.h"
 #include "lumen_fx/ImageFilterTypes.h"
 
-TEST(FilterKinds, EachRowSitsAtItsTypeWithItsFeatureBits)
+// Each row: the bits that its type ORs into a channel's features, and the
+// class of the one new object that its factory makes; the others have none.
+TEST(FilterKinds, EachRowSitsAtItsTypeWithItsFeatureBitsAndItsClass)
 {
-    // The bits that each type ORs into a channel's features; 0: no filter object.
-    const std::map<int, uint32_t> bits = {{SLIMFACE, 3},  {SMOOTH, 1},     {REDLIPS, 1},          {WHITENING, 2},
-                                          {STICKER, 7},   {BASICIMAGE, 9}, {SMOOTHWHITENING, 10}};
+    const std::map<int, std::pair<uint32_t, const char*>> rows = {
+        {SLIMFACE, {3, "OpenglSlimFaceFilter"}}, {SMOOTH, {1, "OpenglFaceAreaFilter"}},
+        {REDLIPS, {1, "OpenglFaceAreaFilter"}},  {WHITENING, {2, "OpenglWhiteningFilter"}},
+        {STICKER, {7, "OpenglStickerFilter"}},   {BASICIMAGE, {9, "OpenglBasicImageFilter"}},
+        {SMOOTHWHITENING, {10, "OpenglSmoothAndWhiteningFilter"}}};
     for (int type = SLIMFACE; type <= SMOOTHWHITENING; ++type) {
         const FilterKind* kind = filterKind(type);
         ASSERT_NE(kind, nullptr) << type;
         EXPECT_EQ(kind->type, type);
-        const auto expected = bits.find(type);
-        EXPECT_EQ(kind->features, expected == bits.end() ? 0u : expected->second) << type;
+        const auto row = rows.find(type);
+        EXPECT_EQ(kind->features, row == rows.end() ? 0u : row->second.first) << type;
+        std::unique_ptr<BeautyFilterBase> f(createImageFilter(static_cast<ImageFilterType>(type)));
+        EXPECT_STREQ(f ? f->metaObject()->className() : nullptr, row == rows.end() ? nullptr : row->second.second)
+            << type;
     }
-    for (int notAType : {int(NOFILTER), 15, -1})
+    for (int notAType : {int(NOFILTER), 15, -1}) {
         EXPECT_EQ(filterKind(notAType), nullptr) << notAType;
+        EXPECT_EQ(createImageFilter(static_cast<ImageFilterType>(notAType)), nullptr) << notAType;
+    }
+    std::unique_ptr<BeautyFilterBase> smooth(createImageFilter(SMOOTH)), lips(createImageFilter(REDLIPS));
+    smooth->setParas({{smooth_strength, 30}});
+    EXPECT_EQ(lips->paras().at(smooth_strength), 0) << "one object per type";
     EXPECT_TRUE(paraTypeBelongs(STICKER, STICKERPARA));
     EXPECT_FALSE(paraTypeBelongs(STICKER, SMOOTHPARA));
     EXPECT_FALSE(paraTypeBelongs(HSVBACKGROUND, BASICIMAGEPARA));
@@ -39,14 +51,8 @@ TEST(FilterKinds, RecordsAskForTheFilterItsPictureAndItsParameters)
     std::string second = "wall.png";
     _basic_image_param notFinite{};
     notFinite.brightness = std::numeric_limits<double>::quiet_NaN();
-    const struct {
-        const char* what;
-        ImageFilterType type;
-        const void* para;
-        bool add, hasPicture, sendsParameters;
-        size_t parameters;
-        const char* notFinite;
-    } cases[] = {
+    const struct { const char* what; ImageFilterType type; const void* para; bool add, hasPicture, sendsParameters;
+                   size_t parameters; const char* notFinite; } cases[] = {
         {"a background by colour, with its picture", HSVBACKGROUND, &hsv, true, true, true, 3, ""},
         {"a green screen without a picture, blurred", GREENSCREEN, &blurred, true, true, true, 3, ""},
         {"the second image background sends no parameters", IMAGEBACKGROUND2, &second, true, true, false, 0, ""},
@@ -64,23 +70,4 @@ TEST(FilterKinds, RecordsAskForTheFilterItsPictureAndItsParameters)
     }
     EXPECT_EQ(readFilterRecord(HSVBACKGROUND, &hsv, false).picture.path, "room.png");
     EXPECT_TRUE(readFilterRecord(GREENSCREEN, &blurred, false).picture.isBgBlured);
-}
-
-// The row's factory: one new object of the right class per type that has one.
-TEST(FilterKinds, OneNewObjectOfTheRightClassPerFaceType)
-{
-    const std::pair<ImageFilterType, const char*> made[] = {
-        {SLIMFACE, "OpenglSlimFaceFilter"}, {SMOOTH, "OpenglFaceAreaFilter"}, {REDLIPS, "OpenglFaceAreaFilter"},
-        {WHITENING, "OpenglWhiteningFilter"}, {SMOOTHWHITENING, "OpenglSmoothAndWhiteningFilter"},
-        {BASICIMAGE, "OpenglBasicImageFilter"}, {STICKER, "OpenglStickerFilter"}};
-    for (const auto& [type, name] : made) {
-        std::unique_ptr<BeautyFilterBase> f(createImageFilter(type));
-        ASSERT_NE(f, nullptr) << name;
-        EXPECT_STREQ(f->metaObject()->className(), name);
-    }
-    std::unique_ptr<BeautyFilterBase> smooth(createImageFilter(SMOOTH)), lips(createImageFilter(REDLIPS));
-    smooth->setParas({{smooth_strength, 30}});
-    EXPECT_EQ(lips->paras().at(smooth_strength), 0) << "one object per type";
-    for (int t : {0, 7, 8, 9, 10, 11, 12, 13, 15, -1})
-        EXPECT_EQ(createImageFilter(static_cast<ImageFilterType>(t)), nullptr) << t;
 }

@@ -52,12 +52,14 @@ inline QPointF inCircle(int x, int y, QPointF c, double r, QPointF source)
     return d < r - 1 ? source : d > r + 1 ? kTransparent : kDontCare;
 }
 
+// Size: of the channel's output; source: where output pixel (x, y) samples
+// the picture; colour: none for the picture's own.
 struct Case {
     const char* name;
     std::function<void(_basic_image_param&)> set;
-    QSize size;                                   // of the channel's output
-    std::function<QPointF(int x, int y)> source;  // where output pixel (x, y) samples the picture
-    std::function<Colour(Colour)> colour = {};  // none: the picture's own
+    QSize size;
+    std::function<QPointF(int x, int y)> source;
+    std::function<Colour(Colour)> colour = {};
     float alpha = 1;
 };
 

@@ -80,20 +80,16 @@ TEST(PicturePass, AMirroredTiltTurnsTheSameWayOnScreen)
 TEST(PicturePass, AShrunkPictureIsFilteredAndAnUnshrunkOneIsNot)
 {
     PictureChannel channel;
-    auto board = [](QRgb a, QRgb b) {
-        QImage out(96, 48, QImage::Format_RGBA8888);
-        for (int y = 0; y < 48; ++y)
-            for (int x = 0; x < 96; ++x)
-                out.setPixel(x, y, (x + y) % 2 ? a : b);
-        return out;
+    auto board = [](QColor a, QColor b) {
+        return reference::picture(96, 48, [=](int x, int y) { return (x + y) % 2 ? a : b; });
     };
-    const QImage blackWhite = board(qRgb(0, 0, 0), qRgb(255, 255, 255));
+    const QImage blackWhite = board(Qt::black, Qt::white);
     const struct { double scale; bool grey; } cases[] = {{-50.0 / 3, true}, {0, false}};
     for (const auto& c : cases) {
         // A frame of another picture first, so that levels from an earlier
         // frame would show.
         const auto record = picture::settings([&](auto& p) { p.scale = c.scale; });
-        channel.frame(board(qRgb(255, 0, 0), qRgb(255, 0, 0)), record);
+        channel.frame(board(Qt::red, Qt::red), record);
         const QImage out = channel.frame(blackWhite, record);
         int grey = 0, extreme = 0;
         for (int y = 20; y < 28; ++y)

@@ -10,12 +10,6 @@
 #include "LogCapture.h"
 #include "convert/FrameConverter.h"
 
-namespace {
-
-FrameConverter& conv() { return *FrameConverter::instance(); }
-
-}  // namespace
-
 // Each format into both channel orders: the type, whether the Mat wraps the
 // image's memory, and every pixel. The red-first Mat is carried from case to
 // case: a conversion never writes into the image that the last case wrapped.
@@ -49,8 +43,8 @@ TEST(FrameConverter, QImageToMatInBothChannelOrders)
         SCOPED_TRACE(format);
         const QImage image = format == QImage::Format_Indexed8 ? indexed : source.convertToFormat(format);
         LogCapture log;
-        conv().qimageToRgbMat(image, rgb);
-        const cv::Mat bgr = conv().qimageToBgrMat(image);
+        FrameConverter::instance()->qimageToRgbMat(image, rgb);
+        const cv::Mat bgr = FrameConverter::instance()->qimageToBgrMat(image);
         EXPECT_EQ(previous, previousCopy) << "the last case's image was written into";
         EXPECT_EQ(log.count("Invalid image format"), rgbType < 0 ? 2 : 0) << log.all();
         previous = image;

@@ -136,9 +136,8 @@ TEST(StickerFilter, WhichFacesGetASticker)
         f.updateFaceInfo({{box}, {{1, 2}}, {{5, 6, 7}}, {}}, 1000, 800);
         const std::vector<cv::Rect> want = {cv::Rect(box.x, box.y, box.width, std::min(box.height, 800 - box.y))};
         using Angles = std::vector<std::vector<float>>;
-        const Angles angles = accepted ? Angles{{5, 6, 7}} : Angles();
         EXPECT_EQ(f.faceRects(), accepted ? want : std::vector<cv::Rect>()) << box;
-        EXPECT_EQ(f.faceAngles(), angles) << box;
+        EXPECT_EQ(f.faceAngles(), (accepted ? Angles{{5, 6, 7}} : Angles())) << box;
     }
     f.updateFaceInfo({boxes, {}, {}, {}}, 1000, 800);
     EXPECT_EQ(f.faceRects(), (std::vector<cv::Rect>{boxes[0], boxes[3], boxes[4]}));
