@@ -2,13 +2,9 @@
 // comes out is read back: its length and frames at the output rate, its size,
 // its sound, the effects on the face and nowhere else, a grid of inputs of
 // mixed sizes and rates, damaged inputs, an interrupted recording.
-#include <csignal>
 #include <cmath>
 
-#include <QDir>
 #include <QFile>
-#include <QProcess>
-#include <QThread>
 #include <gtest/gtest.h>
 
 #include "ClipMaker.h"
@@ -32,20 +28,6 @@ const double kFaceLag = 5;
 const double kTimeSlack = 0.15;
 const double kFaceLag = 1.2;
 #endif
-
-// Redness of an area: red over the mean of green and blue.
-double redness(const QImage& picture, const QRect& area)
-{
-    const Mean m = meanOf(picture, area);
-    return m.red - (m.green + m.blue) / 2;
-}
-
-QRect mapped(const SampleFootage& footage, const QRectF& portraitArea, double t, const QRect& cell, double scale)
-{
-    const QPointF a = footage.toFrame(portraitArea.topLeft(), t) * scale;
-    const QPointF b = footage.toFrame(portraitArea.bottomRight(), t) * scale;
-    return QRectF(a, b).normalized().toRect().translated(cell.topLeft());
-}
 
 // The share of the bytes left as they are, and whether the file is cut off there or the next tenth overwritten.
 struct Damage { const char* name; const char* file; double keep; bool cut; };
@@ -88,11 +70,15 @@ TEST(VideoRecorder, BeforeAndAfterShowTheEffectsOnTheFaceOnlyWithTheSoundKept)
 
     const std::vector<QImage> at = picturesAt(out, {still - 0.1});
     ASSERT_EQ(at.size(), 1u);
+    // The mouth of the portrait where the camera holds still, in the half before
+    // (at 0.75 of the clip's size) and in the half after; its redness is red
+    // over the mean of green and blue.
     const SampleFootage footage(testutil::portrait(), QSize(1280, 720), seconds);
-    const QRect before(0, 0, 960, 540), after(960, 0, 960, 540);
     const QRectF mouth(205, 140, 40, 15);
-    const double plainLips = redness(at[0], mapped(footage, mouth, 1.0, before, 0.75));
-    const double redLips = redness(at[0], mapped(footage, mouth, 1.0, after, 0.75));
+    const auto before = [&](QPointF point) { return footage.toFrame(point, 1.0) * 0.75; };
+    const QRect lips = QRectF(before(mouth.topLeft()), before(mouth.bottomRight())).normalized().toRect();
+    auto redness = [&](const QRect& r) { const Mean m = meanOf(at[0], r); return m.red - (m.green + m.blue) / 2; };
+    const double plainLips = redness(lips), redLips = redness(lips.translated(960, 0));
     EXPECT_GT(redLips, plainLips + 6) << "lips " << redLips << " against " << plainLips;
     // Far from the face, after is before: the wall at the left and the desk at the bottom.
     for (const QRect& far : {QRect(10, 10, 60, 200), QRect(20, 480, 200, 50), QRect(880, 20, 70, 120)}) {
