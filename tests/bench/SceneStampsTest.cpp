@@ -1,7 +1,5 @@
 // The stress program's scene stamps: a stamp is found in a picture however the
 // merge scales, turns or mirrors it, and nothing else is ever taken for one.
-#include <functional>
-
 #include <QImage>
 #include <QPainter>
 #include <QTransform>

@@ -1,7 +1,6 @@
 // The channel's table of filter types and its reading of the host's records,
 // without a channel: each row sits at its type, and each kind of record asks
 // for what it should.
-#include <cmath>
 #include <limits>
 #include <map>
 #include <memory>

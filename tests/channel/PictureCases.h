@@ -5,8 +5,6 @@
 
 #include <cmath>
 #include <functional>
-#include <map>
-#include <string>
 
 #include <QImage>
 #include <QPointF>

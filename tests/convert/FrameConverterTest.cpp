@@ -52,10 +52,8 @@ TEST(FrameConverter, QImageToMatInBothChannelOrders)
         EXPECT_EQ(rgb.empty() && bgr.empty(), rgbType < 0);
         if (rgbType < 0)
             continue;
-        ASSERT_EQ(rgb.type(), rgbType);
-        ASSERT_EQ(bgr.type(), CV_8UC3);
-        ASSERT_EQ(rgb.size(), cv::Size(5, 3));
-        ASSERT_EQ(bgr.size(), rgb.size());
+        ASSERT_EQ(std::make_pair(rgb.type(), bgr.type()), std::make_pair(rgbType, CV_8UC3));
+        ASSERT_EQ(std::make_pair(rgb.size(), bgr.size()), std::make_pair(cv::Size(5, 3), cv::Size(5, 3)));
         EXPECT_EQ(std::make_pair(rgb.data == image.constBits(), bgr.data == image.constBits()),
                   std::make_pair(rgbShares, bgrShares));
         for (int y = 0; y < 3; ++y)

@@ -2,8 +2,6 @@
 // frame (and a 48 x 64 one): the channel's box fitted to the frame, the box
 // and rim of a round camera, the corners of the first pass, which clip sizes
 // can be made, and where the first clip pass puts the picture.
-#include <cmath>
-
 #include <gtest/gtest.h>
 
 #include "gpu/PictureGeometry.h"

@@ -3,9 +3,7 @@
 #include <atomic>
 #include <thread>
 
-#include <QCoreApplication>
 #include <QPointer>
-#include <QThread>
 #include <gtest/gtest.h>
 
 #include "TestUtil.h"
