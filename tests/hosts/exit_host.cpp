@@ -16,7 +16,7 @@
 #include <thread>
 
 #include <QCoreApplication>
-#include <QElapsedTimer>
+#include <QDeadlineTimer>
 #include <QGuiApplication>
 #include <QImage>
 #include <QThread>
@@ -97,9 +97,8 @@ int main(int argc, char** argv)
             QThread::msleep(30);
         }
     });
-    QElapsedTimer timer;
-    timer.start();
-    while (timer.elapsed() < 700) {
+    const QDeadlineTimer settled(700);
+    while (!settled.hasExpired()) {
         QCoreApplication::processEvents();
         QThread::msleep(5);
     }

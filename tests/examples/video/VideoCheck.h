@@ -31,11 +31,10 @@ int rampLevel(double t, double seconds);
 bool writeSoundOnly(const QString& path, double seconds);
 
 struct Probe {
-    bool ok = false;
+    bool ok = false, sound = false;
     int width = 0, height = 0;
     long long frames = 0;       // video packets, one picture each
     double videoSeconds = 0;    // from the first picture's start to the last one's end
-    bool sound = false;
     double soundSeconds = 0;
 };
 Probe probe(const QString& path);
@@ -47,8 +46,7 @@ double firstLoudSound(const QString& path);
 std::vector<QImage> picturesAt(const QString& path, const std::vector<double>& times);
 
 struct RunResult {
-    bool finished = false;
-    bool crashed = false;
+    bool finished = false, crashed = false;
     int status = -1;
     QString out, err;
     // Finished, without a crash, with status `want`.
