@@ -79,10 +79,9 @@ TEST(DriverLock, UrgencyIsTheThreadsOwnAndAScopeGivesItBack)
         EXPECT_TRUE(isGlDriverUrgent());
     }
     EXPECT_FALSE(isGlDriverUrgent());
+    // A scope on a thread that was urgent already leaves it urgent.
     setGlDriverUrgent(true);
-    {
-        UrgentGlDriverTurns urgent;
-    }
+    { UrgentGlDriverTurns urgent; }
     EXPECT_TRUE(isGlDriverUrgent());
     setGlDriverUrgent(false);
 }

@@ -5,6 +5,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <tuple>
 
 #include <gtest/gtest.h>
 
@@ -61,11 +62,9 @@ TEST(FilterKinds, RecordsAskForTheFilterItsPictureAndItsParameters)
     };
     for (const auto& c : cases) {
         const RecordReading r = readFilterRecord(c.type, c.para, false);
-        EXPECT_EQ(r.add, c.add) << c.what;
-        EXPECT_EQ(r.hasPicture, c.hasPicture) << c.what;
-        EXPECT_EQ(r.sendsParameters, c.sendsParameters) << c.what;
-        EXPECT_EQ(r.parameters.size(), c.parameters) << c.what;
-        EXPECT_EQ(r.notFinite, c.notFinite) << c.what;
+        EXPECT_EQ(std::make_tuple(r.add, r.hasPicture, r.sendsParameters, r.parameters.size(), r.notFinite),
+                  std::make_tuple(c.add, c.hasPicture, c.sendsParameters, c.parameters, std::string(c.notFinite)))
+            << c.what;
     }
     EXPECT_EQ(readFilterRecord(HSVBACKGROUND, &hsv, false).picture.path, "room.png");
     EXPECT_TRUE(readFilterRecord(GREENSCREEN, &blurred, false).picture.isBgBlured);

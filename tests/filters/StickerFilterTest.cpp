@@ -90,12 +90,12 @@ TEST(StickerFilter, NamesSelectTypesAndStalePlacementsStay)
         {"/tmp/nostickerhere.png", 13, false}, {wide, 1, false}, {sticker("rabbit"), 12, true},
     };
     LogCapture log;
+    const auto stickerPicture = [&] { QImage picture; f.stickerImage(picture); return picture; };
     for (const auto& n : names) {
         f.setFilePath(n.path);
         EXPECT_EQ(f.paras().at(sticker_type), n.type) << n.path;
         f.updateFaceInfo({{cv::Rect(100, 100, 80, 80)}, {std::vector<int>(196, 120)}, {}, {}}, 640, 480);
-        QImage picture;
-        f.stickerImage(picture);
+        const QImage picture = stickerPicture();
         EXPECT_EQ(!picture.isNull(), n.picture) << n.path;
         EXPECT_TRUE(picture.isNull() || picture.size() == QSize(640, 480)) << n.path;
     }
@@ -110,9 +110,7 @@ TEST(StickerFilter, NamesSelectTypesAndStalePlacementsStay)
     EXPECT_NE(placement(f), bear);
     // A new frame size makes the picture anew at that size.
     f.updateFaceInfo({{cv::Rect(100, 100, 80, 80)}, {}, {}, {}}, 1280, 720);
-    QImage picture;
-    f.stickerImage(picture);
-    EXPECT_EQ(picture.size(), QSize(1280, 720));
+    EXPECT_EQ(stickerPicture().size(), QSize(1280, 720));
 }
 
 // Frame 1000 x 800: margins at 10 across and 8 down, 1000 and 880 on the far
