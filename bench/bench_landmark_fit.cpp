@@ -12,6 +12,7 @@
 
 #include <QImage>
 
+#include "Models.h"
 #include "Predictor.h"
 
 namespace {
@@ -22,7 +23,7 @@ const Predictor& model()
 {
     static const Predictor* read = [] {
         auto* m = new Predictor;
-        dlib::deserialize("/usr/share/dlib/shape_predictor_68_face_landmarks.dat") >> *m;
+        dlib::deserialize(KVOAI::kvodnnl::kDefaultModelPath) >> *m;
         return m;
     }();
     return *read;

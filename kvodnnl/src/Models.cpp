@@ -19,7 +19,6 @@ namespace KVOAI::kvodnnl {
 
 namespace {
 
-const char* const kDefaultModelPath = "/usr/share/dlib/shape_predictor_68_face_landmarks.dat";
 const char* const kModelPathVariable = "KVODNNL_LANDMARK_MODEL";
 // OpenCV's LBP frontal face cascade (Debian's opencv-data); it proposes the
 // small faces, which the HOG detector then confirms.

@@ -33,8 +33,10 @@ private:
 // when the file can't be read or isn't a model of 68 points.
 std::shared_ptr<const Predictor> loadPredictor(const std::string& path);
 
-// The file named by KVODNNL_LANDMARK_MODEL when set, otherwise dlib's model
-// where Debian installs it.
+// dlib's landmark model where Debian installs it.
+inline constexpr char kDefaultModelPath[] = "/usr/share/dlib/shape_predictor_68_face_landmarks.dat";
+
+// The file named by KVODNNL_LANDMARK_MODEL when set, otherwise kDefaultModelPath.
 std::string modelPathFromEnvironment();
 
 }  // namespace KVOAI::kvodnnl

@@ -11,6 +11,7 @@
 #include "Calls.h"
 #include "KeyPoints.h"
 #include "LabelledPictures.h"
+#include "Models.h"
 #include "Predictor.h"
 #include "Tuning.h"
 
@@ -47,7 +48,7 @@ double meanDistance(const std::vector<cv::Point2d>& a, const std::vector<cv::Poi
 TEST(KvodnnlKeyPoints, ALateCallMovesThePointsAlongInsteadOfFitting)
 {
     Predictor predictor;
-    dlib::deserialize("/usr/share/dlib/shape_predictor_68_face_landmarks.dat") >> predictor;
+    dlib::deserialize(kDefaultModelPath) >> predictor;
     cv::Mat grey;
     cv::cvtColor(calls::portrait(), grey, cv::COLOR_RGB2GRAY);
     const dlib::rectangle face(179, 83, 266, 170);

@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 #include <opencv2/imgproc.hpp>
 
+#include "Models.h"
 #include "Predictor.h"
 #include "TestUtil.h"
 
@@ -18,7 +19,6 @@ namespace {
 
 using namespace KVOAI::kvodnnl;
 
-const char* const kModel = "/usr/share/dlib/shape_predictor_68_face_landmarks.dat";
 
 // A model read once for the whole test program.
 template <typename Model>
@@ -26,7 +26,7 @@ const Model& model()
 {
     static const Model* read = [] {
         auto* m = new Model;
-        dlib::deserialize(kModel) >> *m;
+        dlib::deserialize(kDefaultModelPath) >> *m;
         return m;
     }();
     return *read;
@@ -58,7 +58,7 @@ const dlib::shape_predictor& steppedModel()
 {
     static const dlib::shape_predictor* made = [] {
         Pieces p;
-        dlib::deserialize(kModel) >> p.version >> p.initial >> p.forests >> p.anchors >> p.deltas;
+        dlib::deserialize(kDefaultModelPath) >> p.version >> p.initial >> p.forests >> p.anchors >> p.deltas;
         for (auto& forest : p.forests)
             for (dlib::impl::regression_tree& tree : forest) {
                 float largest = 0;
@@ -137,7 +137,7 @@ TEST(KvodnnlPredictor, RefusesAModelThatWouldReadPastItsData)
 {
     // The real model cut to its first cascade of two trees (of 500 features).
     Pieces small;
-    dlib::deserialize(kModel) >> small.version >> small.initial >> small.forests >> small.anchors >> small.deltas;
+    dlib::deserialize(kDefaultModelPath) >> small.version >> small.initial >> small.forests >> small.anchors >> small.deltas;
     small.forests.resize(1);
     small.forests[0].resize(2);
     small.anchors.resize(1);
